@@ -1,0 +1,38 @@
+# Wraps the CMake build for the README's commands. `make check` is what CI runs.
+JOBS ?= $(shell nproc)
+CMAKE_FLAGS ?=
+
+.PHONY: all deps build check demo asan tsan bench format vmtest clean
+
+all: build
+
+deps:
+	bash scripts/install-deps.sh
+
+build:
+	cmake -S . -B build $(CMAKE_FLAGS)
+	cmake --build build -j $(JOBS)
+
+# Installs what is missing, builds, and runs every test.
+check: deps build
+	ctest --test-dir build --output-on-failure -j $(JOBS)
+
+# AddressSanitizer + UndefinedBehaviorSanitizer, and ThreadSanitizer builds of the whole suite.
+asan: deps
+	cmake -S . -B build-asan -DTAVIX_SANITIZE=address -DTAVIX_BUILD_BENCH=OFF $(CMAKE_FLAGS)
+	cmake --build build-asan -j $(JOBS)
+	ctest --test-dir build-asan --output-on-failure -j $(JOBS)
+
+tsan: deps
+	cmake -S . -B build-tsan -DTAVIX_SANITIZE=thread -DTAVIX_BUILD_BENCH=OFF $(CMAKE_FLAGS)
+	cmake --build build-tsan -j $(JOBS)
+	ctest --test-dir build-tsan --output-on-failure -j $(JOBS)
+
+bench: deps build
+	build/bench/tavix_bench
+
+format:
+	git ls-files -co --exclude-standard '*.cpp' '*.h' '*.c' | xargs clang-format -i
+
+clean:
+	rm -rf build build-asan build-tsan

@@ -1,0 +1,27 @@
+#!/usr/bin/env bash
+# Installs the Debian packages the build, the tests and the tools need, skipping those present.
+# Idempotent; runs apt-get directly as root and through sudo otherwise.
+set -euo pipefail
+
+packages=(
+  build-essential cmake pkg-config git
+  libavformat-dev libavcodec-dev libswscale-dev libswresample-dev libavutil-dev
+  libasound2-dev
+  libgtest-dev libgmock-dev libbenchmark-dev
+  clang clang-format libclang-rt-14-dev
+  ffmpeg
+)
+# Tests against the kernel's virtual capture drivers boot a small VM.
+vm_packages=(qemu-system-x86 busybox-static kmod v4l-utils alsa-utils)
+
+missing=()
+for p in "${packages[@]}" "${vm_packages[@]}"; do
+  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
+done
+[ ${#missing[@]} -eq 0 ] && exit 0
+
+sudo=""
+[ "$(id -u)" -eq 0 ] || sudo="sudo"
+export DEBIAN_FRONTEND=noninteractive
+$sudo apt-get update -q
+$sudo apt-get install -y -q --no-install-recommends "${missing[@]}"
