@@ -1,0 +1,40 @@
+// The platform's object runtime: every platform object derives from NSObject and is
+// reference-counted. An object starts with one reference owned by whoever created it;
+// release() deletes it when the last reference goes. Counts are atomic, so references may be
+// taken and dropped on any thread.
+#pragma once
+
+#include <atomic>
+
+class NSObject {
+public:
+    NSObject() = default;
+    NSObject(const NSObject&) = delete;
+    NSObject& operator=(const NSObject&) = delete;
+
+    // Adds a reference; returns this object, so `field = object->retain()` reads naturally.
+    NSObject* retain() {
+        refCount.fetch_add(1, std::memory_order_relaxed);
+        return this;
+    }
+
+    // Drops a reference and deletes the object when it was the last.
+    void release() {
+        if (refCount.fetch_sub(1, std::memory_order_acq_rel) == 1)
+            delete this;
+    }
+
+    // Hands one reference to the calling thread's innermost autorelease pool, which releases it
+    // when the pool is drained. What happens on a thread without a pool is the pool's choice
+    // (see its header).
+    NSObject* autorelease();
+
+    // Current number of references, for tests.
+    int retainCount() const { return refCount.load(std::memory_order_relaxed); }
+
+protected:
+    virtual ~NSObject() = default;
+
+private:
+    std::atomic<int> refCount{1};
+};
