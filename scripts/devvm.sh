@@ -1,0 +1,115 @@
+#!/usr/bin/env bash
+# Runs a command inside a small qemu VM whose kernel has the virtual capture drivers loaded
+# (vivid: V4L2 cameras; snd-aloop: a loopback sound card), so the V4L2 and ALSA code meets real
+# kernel drivers on a machine without devices.
+#
+#   scripts/devvm.sh COMMAND [ARG...]
+#
+# The guest sees the host's root read-only (the freshly built binaries and the host's libraries),
+# a tmpfs on /tmp, and one writable folder shared with the host whose path is given to the command
+# in $TAVIX_VM_SHARE. The command runs as root in that chroot; its exit status becomes this
+# script's. Exit status 77 means the VM could not be started (the reason is printed): callers
+# treat it as "skipped".
+#
+# The kernel package is downloaded once into $TAVIX_VM_CACHE (default /var/cache/tavix-vm).
+set -euo pipefail
+
+skip() { echo "devvm: skipped: $*" >&2; exit 77; }
+[ $# -ge 1 ] || { echo "usage: $0 COMMAND [ARG...]" >&2; exit 2; }
+
+cache=${TAVIX_VM_CACHE:-/var/cache/tavix-vm}
+timeout_s=${TAVIX_VM_TIMEOUT:-600}
+for tool in qemu-system-x86_64 depmod modprobe; do
+  command -v "$tool" >/dev/null 2>&1 || skip "$tool is not installed (scripts/install-deps.sh installs it)"
+done
+busybox=/bin/busybox
+[ -x "$busybox" ] || skip "no static busybox (package busybox-static)"
+
+# The kernel: the package the linux-image-amd64 meta-package names, unpacked into the cache.
+mkdir -p "$cache" || skip "cannot create $cache"
+lock="$cache/.lock"
+exec 9>"$lock"
+flock 9
+if [ ! -f "$cache/version" ]; then
+  pkg=$(apt-cache depends linux-image-amd64 2>/dev/null | awk '/Depends: linux-image-/ {print $2; exit}')
+  [ -n "$pkg" ] || { apt-get update -q >/dev/null 2>&1 || true;
+    pkg=$(apt-cache depends linux-image-amd64 2>/dev/null | awk '/Depends: linux-image-/ {print $2; exit}'); }
+  [ -n "$pkg" ] || skip "cannot find the kernel package"
+  (cd "$cache" && rm -f ./*.deb && apt-get download "$pkg" >/dev/null 2>&1) || skip "cannot download $pkg"
+  rm -rf "$cache/root" && mkdir -p "$cache/root"
+  dpkg -x "$cache"/*.deb "$cache/root" || skip "cannot unpack $pkg"
+  rm -f "$cache"/*.deb
+  version=$(ls "$cache/root/lib/modules" | head -n 1)
+  depmod -b "$cache/root" "$version" || skip "depmod failed"
+  echo "$version" > "$cache/version"
+fi
+version=$(cat "$cache/version")
+kroot="$cache/root"
+vmlinuz="$kroot/boot/vmlinuz-$version"
+[ -f "$vmlinuz" ] || skip "no kernel image in $kroot"
+
+# The initrd: static busybox, the modules 9p needs, and /init.
+if [ ! -f "$cache/initrd.gz" ]; then
+  work=$(mktemp -d)
+  mkdir -p "$work"/{bin,modules,proc,sys,dev,host}
+  cp "$busybox" "$work/bin/busybox"
+  # The virtio transport first: 9pnet_virtio finds no device without it.
+  modprobe -d "$kroot" -S "$version" --show-depends virtio_pci | awk '/^insmod/ {print $2}' > "$work/order"
+  modprobe -d "$kroot" -S "$version" --show-depends 9pnet_virtio | awk '/^insmod/ {print $2}' >> "$work/order"
+  modprobe -d "$kroot" -S "$version" --show-depends 9p | awk '/^insmod/ {print $2}' >> "$work/order"
+  : > "$work/modules/order"
+  while read -r m; do
+    base=$(basename "$m"); base=${base%.xz}
+    grep -qx "$base" "$work/modules/order" && continue
+    case "$m" in *.xz) xz -dc "$m" > "$work/modules/$base" ;; *) cp "$m" "$work/modules/$base" ;; esac
+    echo "$base" >> "$work/modules/order"
+  done < "$work/order"
+  cat > "$work/init" <<'INIT'
+#!/bin/busybox sh
+/bin/busybox --install -s /bin
+mount -t proc proc /proc; mount -t sysfs sys /sys; mount -t devtmpfs dev /dev
+# virtio_pci must come before 9pnet_virtio can find its transport.
+for m in $(cat /modules/order); do insmod /modules/$m 2>/dev/null; done
+mount -t 9p -o trans=virtio,version=9p2000.L,ro,msize=262144 hostroot /host
+for d in dev proc sys; do mount --bind /$d /host/$d; done
+mount -t tmpfs tmp /host/tmp
+share=$(sed -n 's/.*tavix_share=\([^ ]*\).*/\1/p' /proc/cmdline)
+mkdir -p /host$share
+mount -t 9p -o trans=virtio,version=9p2000.L,msize=262144 share /host$share
+kver=$(sed -n 's/.*tavix_kver=\([^ ]*\).*/\1/p' /proc/cmdline)
+kroot=$(sed -n 's/.*tavix_kroot=\([^ ]*\).*/\1/p' /proc/cmdline)
+chroot /host /usr/sbin/modprobe -d $kroot -S $kver vivid n_devs=1 >/dev/null 2>&1
+chroot /host /usr/sbin/modprobe -d $kroot -S $kver snd-aloop >/dev/null 2>&1
+chroot /host /bin/sh -c "TAVIX_VM_SHARE=$share HOME=/tmp sh $share/command.sh" > /host$share/output 2>&1
+echo $? > /host$share/status
+sync
+poweroff -f
+INIT
+  chmod +x "$work/init"
+  (cd "$work" && find . | "$busybox" cpio -o -H newc 2>/dev/null | gzip) > "$cache/initrd.gz.tmp"
+  mv "$cache/initrd.gz.tmp" "$cache/initrd.gz"
+  rm -rf "$work"
+fi
+flock -u 9
+
+share=$(mktemp -d /tmp/tavix-vm.XXXXXX)
+trap 'rm -rf "$share"' EXIT
+{
+  echo "cd $(printf '%q' "$PWD") || exit 125"
+  printf '%q ' "$@"; echo
+} > "$share/command.sh"
+
+timeout "$timeout_s" qemu-system-x86_64 -accel tcg -cpu max -m 1024 -smp 2 -nographic -no-reboot \
+  -kernel "$vmlinuz" -initrd "$cache/initrd.gz" \
+  -append "console=ttyS0 quiet panic=-1 tavix_share=$share tavix_kver=$version tavix_kroot=$kroot" \
+  -virtfs local,path=/,mount_tag=hostroot,security_model=none,readonly=on,multidevs=remap \
+  -virtfs local,path="$share",mount_tag=share,security_model=none,multidevs=remap \
+  > "$share/console" 2>&1 || true
+
+cat "$share/output" 2>/dev/null || true
+if [ ! -f "$share/status" ]; then
+  echo "devvm: the VM did not run the command; its console said:" >&2
+  tail -n 20 "$share/console" >&2
+  exit 77
+fi
+exit "$(cat "$share/status")"
