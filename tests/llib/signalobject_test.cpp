@@ -1,0 +1,212 @@
+#include "llib/gen/signalobject.h"
+
+#include <chrono>
+#include <csignal>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <memory>
+#include <sys/resource.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+long MillisecondsSince(Clock::time_point begin) {
+    return static_cast<long>(
+        std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - begin).count());
+}
+
+void SignalLater(const LSignalObjectRef& signal, int ms) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(ms));
+    signal.Signal();
+}
+
+} // namespace
+
+TEST(SignalObject, IsLevelTriggeredAndManualReset) {
+    LSignalObject signal;
+    EXPECT_FALSE(signal.IsSignaled());
+    signal.Signal();
+    signal.Signal();
+    EXPECT_TRUE(signal.WaitSignal(0));
+    EXPECT_TRUE(signal.IsSignaled()) << "a wait must not clear the object";
+    signal.Reset();
+    EXPECT_FALSE(signal.IsSignaled());
+    signal.Reset(); // resetting a clear object is harmless
+    EXPECT_FALSE(signal.IsSignaled());
+}
+
+TEST(SignalObject, DescriptorsAreNonBlockingAndCloseOnExec) {
+    LSignalObject signal;
+    for (int fd : signal.filedes) {
+        ASSERT_GE(fd, 0);
+        EXPECT_TRUE(fcntl(fd, F_GETFL) & O_NONBLOCK);
+        EXPECT_TRUE(fcntl(fd, F_GETFD) & FD_CLOEXEC);
+    }
+}
+
+TEST(SignalObject, SignalOnAFullPipeKeepsItSetWithoutBlocking) {
+    LSignalObject signal;
+    for (int i = 0; i < 100000; ++i) // far more than a pipe holds
+        signal.Signal();
+    EXPECT_TRUE(signal.IsSignaled());
+    signal.Reset();
+    EXPECT_FALSE(signal.IsSignaled());
+}
+
+TEST(SignalObject, WaitTimesOutOnAClearObject) {
+    LSignalObject signal;
+    const auto begin = Clock::now();
+    EXPECT_FALSE(signal.WaitSignal(250));
+    const long elapsed = MillisecondsSince(begin);
+    EXPECT_GE(elapsed, 245);
+    EXPECT_LT(elapsed, 3000);
+}
+
+TEST(SignalObject, EndlessWaitReturnsWhenAnotherThreadSignals) {
+    LSignalObject signal;
+    std::thread signaller(SignalLater, LSignalObjectRef(signal), 100);
+    const auto begin = Clock::now();
+    EXPECT_TRUE(signal.WaitSignal(0xFFFFFFFFu));
+    EXPECT_GE(MillisecondsSince(begin), 95);
+    signaller.join();
+}
+
+TEST(SignalObject, ASignalBeforeTheWaitStillSatisfiesIt) {
+    LSignalObject signal;
+    signal.Signal();
+    const auto begin = Clock::now();
+    EXPECT_TRUE(signal.WaitSignal(5000));
+    EXPECT_LT(MillisecondsSince(begin), 1000);
+}
+
+TEST(SignalObject, DualAndTripleWakeOnAnyMember) {
+    LSignalObject first, second, third;
+    EXPECT_FALSE(first.WaitSignalDual(second, 0));
+    second.Signal();
+    EXPECT_TRUE(first.WaitSignalDual(second, 0));
+    EXPECT_TRUE(first.WaitSignalDualForever(second));
+    second.Reset();
+    EXPECT_FALSE(first.WaitSignalTriple(second, third, 50));
+    std::thread signaller(SignalLater, LSignalObjectRef(third), 50);
+    EXPECT_TRUE(first.WaitSignalTriple(second, third, 0xFFFFFFFFu));
+    signaller.join();
+    EXPECT_FALSE(first.IsSignaled());
+    EXPECT_FALSE(second.IsSignaled());
+}
+
+namespace {
+void IgnoreSignal(int) {}
+} // namespace
+
+TEST(SignalObject, AnInterruptedWaitReportsTrue) {
+    struct sigaction action {};
+    action.sa_handler = IgnoreSignal; // no SA_RESTART: select fails with EINTR
+    struct sigaction previous {};
+    sigaction(SIGUSR1, &action, &previous);
+    LSignalObject signal;
+    const pthread_t waiter = pthread_self();
+    std::thread interrupter([waiter] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        pthread_kill(waiter, SIGUSR1);
+    });
+    const auto begin = Clock::now();
+    const bool woke = signal.WaitSignal(10000);
+    interrupter.join();
+    sigaction(SIGUSR1, &previous, nullptr);
+    EXPECT_TRUE(woke);
+    EXPECT_LT(MillisecondsSince(begin), 9000);
+    EXPECT_FALSE(signal.IsSignaled());
+}
+
+TEST(SignalObject, WithoutAPipeWaitsFailAndSignalDoesNothing) {
+    rlimit saved{};
+    getrlimit(RLIMIT_NOFILE, &saved);
+    // Use up the descriptors so pipe() fails.
+    rlimit tight = saved;
+    tight.rlim_cur = 64;
+    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &tight));
+    std::vector<int> hogs;
+    for (int fd; (fd = dup(0)) >= 0;)
+        hogs.push_back(fd);
+    {
+        LSignalObject broken;
+        EXPECT_EQ(-1, broken.filedes[0]);
+        EXPECT_EQ(-1, broken.filedes[1]);
+        broken.Signal();
+        broken.Reset();
+        EXPECT_FALSE(broken.IsSignaled());
+        EXPECT_FALSE(broken.WaitSignal(10));
+        EXPECT_FALSE(broken.WaitSignalDual(broken, 10));
+        LSignalObjectGroup group;
+        group.Add(broken);
+        EXPECT_EQ(0u, group.nAdded);
+    }
+    for (int fd : hogs)
+        close(fd);
+    setrlimit(RLIMIT_NOFILE, &saved);
+}
+
+TEST(SignalObjectGroup, WakesOnAnyMemberAndCanBeWaitedAgain) {
+    LSignalObject a, b;
+    LSignalObjectGroup group;
+    group.Add(a);
+    group.Add(b);
+    EXPECT_FALSE(group.Select(20));
+    b.Signal();
+    EXPECT_TRUE(group.Select(0));
+    EXPECT_TRUE(group.Select(0)) << "the group must be unchanged by a wait";
+    b.Reset();
+    std::thread signaller(SignalLater, LSignalObjectRef(a), 50);
+    EXPECT_TRUE(group.Select(0xFFFFFFFFu));
+    signaller.join();
+}
+
+TEST(SignalObjectGroup, Holds255AndIgnoresTheRest) {
+    std::vector<std::unique_ptr<LSignalObject>> signals;
+    for (int i = 0; i < 256; ++i)
+        signals.push_back(std::make_unique<LSignalObject>());
+    ASSERT_LT(signals.back()->filedes[0], FD_SETSIZE) << "test needs descriptors select can watch";
+    LSignalObjectGroup group;
+    for (auto& signal : signals)
+        group.Add(*signal);
+    EXPECT_EQ(255u, group.nAdded);
+    EXPECT_FALSE(FD_ISSET(signals[255]->filedes[0], &group.fdSet));
+    signals[255]->Signal();
+    EXPECT_FALSE(group.Select(0)) << "the 256th member was not added";
+    signals[254]->Signal();
+    EXPECT_TRUE(group.Select(0));
+}
+
+TEST(SignalObjectGroup, AddingAGroupTakesAscendingDescriptorsUpToTheLimit) {
+    std::vector<std::unique_ptr<LSignalObject>> big, small;
+    for (int i = 0; i < 250; ++i)
+        big.push_back(std::make_unique<LSignalObject>());
+    for (int i = 0; i < 10; ++i)
+        small.push_back(std::make_unique<LSignalObject>());
+    LSignalObjectGroup target, source;
+    for (auto& signal : big)
+        target.Add(*signal);
+    // Add in descending order: the group must still be walked by ascending descriptor.
+    for (auto it = small.rbegin(); it != small.rend(); ++it)
+        source.Add(**it);
+    target.Add(source);
+    EXPECT_EQ(255u, target.nAdded);
+    for (int i = 0; i < 10; ++i)
+        EXPECT_EQ(i < 5, FD_ISSET(small[i]->filedes[0], &target.fdSet) != 0) << i;
+}
+
+TEST(SignalObjectGroup, ADescriptorAddedTwiceCountsTwice) {
+    LSignalObject a;
+    LSignalObjectGroup group, copy;
+    group.Add(a);
+    group.Add(a);
+    EXPECT_EQ(2u, group.nAdded);
+    copy.Add(group);
+    copy.Add(group);
+    EXPECT_EQ(2u, copy.nAdded);
+    EXPECT_EQ(a.filedes[0], copy.nMaxFd);
+}
