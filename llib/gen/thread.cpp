@@ -217,18 +217,25 @@ void LDetachedThreadsOwner::AddThread(LDetachedThread* thread) {
 bool LDetachedThreadsOwner::Destruct(LDetachedThread* thread) {
     ThreadsLock.Lock();
     const bool found = Threads.Remove(thread);
-    ThreadsLock.Unlock();
-    if (!found)
-        return false;
-    // A thread deleting itself detaches its system thread, since nobody will join it.
+    // A thread deleting itself detaches its system thread, since nobody will join it, and is
+    // counted so StopThreadsNow does not return before it is gone.
     pthread_mutex_lock(&thread->stateLock);
-    const bool self = thread->bJoinable && pthread_equal(thread->joinable, pthread_self());
+    const bool self = found && thread->bJoinable && pthread_equal(thread->joinable, pthread_self());
     if (self)
         thread->bJoinable = false;
     pthread_mutex_unlock(&thread->stateLock);
     if (self)
+        ++nSelfDeleting;
+    ThreadsLock.Unlock();
+    if (!found)
+        return false;
+    if (self)
         pthread_detach(pthread_self());
     delete thread;
+    if (self) {
+        LLockObjectLocker locked(ThreadsLock);
+        --nSelfDeleting;
+    }
     return true;
 }
 
@@ -243,10 +250,15 @@ void LDetachedThreadsOwner::StopThreadsNow() {
     for (;;) {
         ThreadsLock.Lock();
         LDetachedThread* thread = Threads.RemoveHead();
+        const bool othersDeleting = nSelfDeleting > 0;
         ThreadsLock.Unlock();
-        if (thread == nullptr)
+        if (thread != nullptr) {
+            thread->StopThreadNow();
+            delete thread;
+        } else if (othersDeleting) {
+            Sleep(1);
+        } else {
             return;
-        thread->StopThreadNow();
-        delete thread;
+        }
     }
 }

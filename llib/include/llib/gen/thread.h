@@ -118,9 +118,13 @@ public:
     bool Destruct(LDetachedThread* thread);
     // Asks every listed thread to stop.
     void StopThreadsSoon();
-    // Asks every listed thread to stop, then stops and deletes them one by one.
+    // Asks every listed thread to stop, then stops and deletes them one by one; returns once no
+    // thread is left, including threads that were deleting themselves meanwhile.
     void StopThreadsNow();
 
     LList<LDetachedThread> Threads;
     LLockObject ThreadsLock;
+
+private:
+    unsigned int nSelfDeleting = 0; // threads between unlinking and deleting themselves
 };
