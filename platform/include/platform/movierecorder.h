@@ -1,0 +1,83 @@
+// Writes captured pictures and sound to a movie file with libavformat and libavcodec.
+//
+// The container follows the file's extension: ".mp4", ".mkv", otherwise QuickTime (".mov").
+// Pictures are encoded as H.264 (libx264) where that encoder exists, else MPEG-4 part 2; a
+// DV-sized stream from a tape deck can be kept as DV. Sound is 16-bit PCM, or AAC in ".mp4".
+// The file is written in fragments of about one second, so a process killed while recording
+// leaves a file that plays up to its last fragment.
+//
+// Frames are queued and encoded on the recorder's own thread, so the capture threads that hand
+// them in are not held up by the encoder. When the file cannot be written (an unwritable path,
+// a full disk) the recording ends, the file is closed as far as it can be, and later frames are
+// ignored: capture goes on undisturbed.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+struct MovieVideoSettings {
+    int width = 0;
+    int height = 0;
+    int pixelFormat = -1;    // the FFmpeg pixel format (AVPixelFormat) of the frames handed in
+    double frameRate = 30.0; // nominal rate: sets the key-frame interval and the time base
+    bool keepAsDV = false;   // encode as DV when the size and rate are a DV standard's
+};
+
+struct MovieAudioSettings {
+    double sampleRate = 0;
+    int channels = 0;
+    int bytesPerSample = 0; // 1 to 4
+    bool isFloat = false;
+    bool isNonInterleaved = false;
+    bool isBigEndian = false;
+    bool isSignedInteger = true;
+};
+
+// What was written, for status displays and tests.
+struct MovieRecorderStatistics {
+    uint64_t videoFramesWritten = 0;
+    uint64_t videoFramesDropped = 0; // not queued because the encoder fell behind
+    uint64_t audioFramesWritten = 0; // sample frames
+    uint64_t bytesWritten = 0;       // the file's size so far
+    bool failed = false;             // the file could not be written to any more
+};
+
+class MovieRecorder {
+public:
+    // Opens path for writing and starts the encoder thread; null when the file cannot be
+    // created, the container or a codec is unavailable, or neither stream is given (null).
+    static std::unique_ptr<MovieRecorder> Create(const std::string& path,
+                                                 const MovieVideoSettings* video,
+                                                 const MovieAudioSettings* audio);
+    // Finishes the file (Finish).
+    ~MovieRecorder();
+    MovieRecorder(const MovieRecorder&) = delete;
+    MovieRecorder& operator=(const MovieRecorder&) = delete;
+
+    // Queues one picture, copied and converted before the call returns. planes and strides hold
+    // up to four planes as the pixel format lays them out. seconds is its presentation time on
+    // the capture clock (any origin, the same for sound); the file starts at the first time
+    // handed in. False when the picture was not queued (failed, finished, or the queue is full).
+    // Any thread.
+    bool AppendVideo(const uint8_t* const planes[4], const int strides[4], double seconds);
+
+    // Queues sample frames of sound in the format given at creation: one buffer per channel
+    // when non-interleaved, else one buffer. Any thread.
+    bool AppendAudio(const void* const buffers[], int bufferCount, int sampleFrames,
+                     double seconds);
+
+    // Encodes what is queued, writes the file's end and closes it. Safe to call more than once;
+    // true when the file was written completely.
+    bool Finish();
+
+    MovieRecorderStatistics GetStatistics() const;
+    // The name of the video encoder in use ("libx264", "mpeg4", "dvvideo"), or empty.
+    std::string GetVideoEncoderName() const;
+
+    struct Implementation;
+
+private:
+    explicit MovieRecorder(std::unique_ptr<Implementation> implementation);
+    std::unique_ptr<Implementation> implementation;
+};

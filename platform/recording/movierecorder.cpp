@@ -1,0 +1,634 @@
+#include "platform/movierecorder.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cmath>
+#include <condition_variable>
+#include <cstring>
+#include <deque>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavformat/avformat.h>
+#include <libavutil/audio_fifo.h>
+#include <libavutil/channel_layout.h>
+#include <libavutil/imgutils.h>
+#include <libavutil/opt.h>
+#include <libavutil/time.h>
+#include <libswresample/swresample.h>
+#include <libswscale/swscale.h>
+}
+
+namespace {
+
+// Pictures waiting for the encoder; beyond this the recorder drops pictures rather than let
+// memory grow while the encoder falls behind.
+constexpr size_t kMaxQueuedPictures = 60;
+// The file is flushed to disk at least this often, so a killed process loses little.
+constexpr double kFlushIntervalSeconds = 0.5;
+
+enum class Container { QuickTime, MP4, Matroska };
+
+Container ContainerForPath(const std::string& path) {
+    const size_t slash = path.find_last_of('/');
+    const size_t dot = path.find_last_of('.');
+    if (dot == std::string::npos || (slash != std::string::npos && dot < slash))
+        return Container::QuickTime;
+    std::string extension = path.substr(dot + 1);
+    std::transform(extension.begin(), extension.end(), extension.begin(),
+                   [](unsigned char c) { return static_cast<char>(tolower(c)); });
+    if (extension == "mp4" || extension == "m4v")
+        return Container::MP4;
+    if (extension == "mkv")
+        return Container::Matroska;
+    return Container::QuickTime;
+}
+
+const char* MuxerName(Container container) {
+    switch (container) {
+    case Container::MP4:
+        return "mp4";
+    case Container::Matroska:
+        return "matroska";
+    case Container::QuickTime:
+        break;
+    }
+    return "mov";
+}
+
+// DV carries only the PAL and NTSC standard-definition sizes at their own rates.
+bool IsDVStandard(const MovieVideoSettings& video) {
+    const bool pal =
+        video.width == 720 && video.height == 576 && std::fabs(video.frameRate - 25) < 0.01;
+    const bool ntsc = video.width == 720 && video.height == 480 &&
+                      std::fabs(video.frameRate - 30000.0 / 1001) < 0.05;
+    return pal || ntsc;
+}
+
+struct QueuedItem {
+    AVFrame* frame; // owned; pts already set in its stream's encoder time base
+    bool isVideo;
+};
+
+void FreeFrame(AVFrame* frame) {
+    av_frame_free(&frame);
+}
+
+} // namespace
+
+struct MovieRecorder::Implementation {
+    ~Implementation() { Close(); }
+
+    bool Open(const std::string& path, const MovieVideoSettings* video,
+              const MovieAudioSettings* audio);
+    bool OpenVideo(const MovieVideoSettings& settings, Container container);
+    bool OpenAudio(const MovieAudioSettings& settings, Container container);
+    bool AppendVideo(const uint8_t* const planes[4], const int strides[4], double seconds);
+    bool AppendAudio(const void* const buffers[], int bufferCount, int sampleFrames,
+                     double seconds);
+    bool Finish();
+    void Close();
+
+    // Encoder thread.
+    void Run();
+    bool Encode(AVCodecContext* codec, AVStream* stream, AVFrame* frame);
+    bool EncodeAudio(AVFrame* frame);
+    bool WritePacket(AVPacket* packet, AVStream* stream, AVCodecContext* codec);
+    void MarkFailed();
+
+    double RelativeTime(double seconds);
+    bool Enqueue(AVFrame* frame, bool isVideo);
+
+    AVFormatContext* format = nullptr;
+    Container container = Container::QuickTime;
+
+    AVStream* videoStream = nullptr;
+    AVCodecContext* videoCodec = nullptr;
+    SwsContext* scaler = nullptr;
+    MovieVideoSettings videoSettings;
+    int64_t lastVideoPts = INT64_MIN;
+    std::mutex videoMutex; // guards scaler and lastVideoPts
+
+    AVStream* audioStream = nullptr;
+    AVCodecContext* audioCodec = nullptr;
+    SwrContext* resampler = nullptr;
+    AVAudioFifo* audioFifo = nullptr; // for encoders with a fixed frame size
+    MovieAudioSettings audioSettings;
+    int64_t nextAudioPts = INT64_MIN;
+    int64_t fifoPts = 0;
+    std::vector<float> audioScratch;
+    std::mutex audioMutex; // guards resampler, nextAudioPts and audioScratch
+
+    std::mutex timeMutex;
+    bool hasOrigin = false;
+    double origin = 0;
+
+    std::mutex queueMutex;
+    std::condition_variable queueChanged;
+    std::deque<QueuedItem> queue;
+    size_t queuedPictures = 0;
+    bool finishing = false;
+    std::thread encoder;
+
+    std::mutex finishMutex;
+    bool finished = false;
+    bool completed = false;
+
+    std::atomic<bool> failed{false};
+    std::atomic<uint64_t> videoFramesWritten{0};
+    std::atomic<uint64_t> videoFramesDropped{0};
+    std::atomic<uint64_t> audioFramesWritten{0};
+    std::atomic<uint64_t> bytesWritten{0};
+    double lastFlush = 0;
+    AVPacket* packet = nullptr;
+};
+
+bool MovieRecorder::Implementation::Open(const std::string& path, const MovieVideoSettings* video,
+                                         const MovieAudioSettings* audio) {
+    container = ContainerForPath(path);
+    if (avformat_alloc_output_context2(&format, nullptr, MuxerName(container), path.c_str()) < 0)
+        return false;
+    if (video != nullptr && !OpenVideo(*video, container))
+        return false;
+    if (audio != nullptr && !OpenAudio(*audio, container))
+        return false;
+    if (avio_open(&format->pb, path.c_str(), AVIO_FLAG_WRITE) < 0)
+        return false;
+
+    AVDictionary* options = nullptr;
+    if (container == Container::Matroska) {
+        av_dict_set(&options, "cluster_time_limit", "1000", 0);
+    } else {
+        // Fragments of about a second, each complete on disk: a killed process leaves a file
+        // that plays up to its last fragment.
+        av_dict_set(&options, "movflags", "+frag_keyframe+empty_moov+default_base_moof", 0);
+        av_dict_set(&options, "frag_duration", "1000000", 0);
+    }
+    const int written = avformat_write_header(format, &options);
+    av_dict_free(&options);
+    if (written < 0)
+        return false;
+    avio_flush(format->pb);
+    packet = av_packet_alloc();
+    if (packet == nullptr)
+        return false;
+    encoder = std::thread(&Implementation::Run, this);
+    return true;
+}
+
+bool MovieRecorder::Implementation::OpenVideo(const MovieVideoSettings& settings, Container) {
+    if (settings.width <= 0 || settings.height <= 0 || settings.pixelFormat < 0 ||
+        settings.frameRate <= 0 || settings.frameRate > 1000)
+        return false;
+    videoSettings = settings;
+    const bool dv = settings.keepAsDV && IsDVStandard(settings);
+    const AVCodec* codec = nullptr;
+    if (dv)
+        codec = avcodec_find_encoder(AV_CODEC_ID_DVVIDEO);
+    if (codec == nullptr)
+        codec = avcodec_find_encoder_by_name("libx264");
+    if (codec == nullptr)
+        codec = avcodec_find_encoder(AV_CODEC_ID_MPEG4);
+    if (codec == nullptr)
+        return false;
+    videoCodec = avcodec_alloc_context3(codec);
+    if (videoCodec == nullptr)
+        return false;
+    const AVRational rate = av_d2q(settings.frameRate, 1001000);
+    videoCodec->width = settings.width;
+    videoCodec->height = settings.height;
+    videoCodec->framerate = rate;
+    videoCodec->sample_aspect_ratio = AVRational{1, 1};
+    if (codec->id == AV_CODEC_ID_DVVIDEO) {
+        // DV is constant-rate: one tick per frame.
+        videoCodec->time_base = av_inv_q(rate);
+        videoCodec->pix_fmt = settings.height == 576 ? AV_PIX_FMT_YUV420P : AV_PIX_FMT_YUV411P;
+    } else {
+        // MPEG-4 part 2 allows time-base denominators up to 65535; milliseconds suit both.
+        videoCodec->time_base = AVRational{1, 1000};
+        videoCodec->pix_fmt = AV_PIX_FMT_YUV420P;
+        videoCodec->gop_size = std::max(1, static_cast<int>(std::lround(settings.frameRate)));
+        if (codec->id == AV_CODEC_ID_H264) {
+            av_opt_set(videoCodec->priv_data, "preset", "veryfast", 0);
+            av_opt_set(videoCodec->priv_data, "tune", "zerolatency", 0);
+            av_opt_set(videoCodec->priv_data, "crf", "23", 0);
+        } else {
+            videoCodec->bit_rate = static_cast<int64_t>(settings.width) * settings.height * 4;
+        }
+    }
+    if (format->oformat->flags & AVFMT_GLOBALHEADER)
+        videoCodec->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
+    if (avcodec_open2(videoCodec, codec, nullptr) < 0)
+        return false;
+    videoStream = avformat_new_stream(format, nullptr);
+    if (videoStream == nullptr)
+        return false;
+    videoStream->time_base = videoCodec->time_base;
+    videoStream->avg_frame_rate = rate;
+    if (avcodec_parameters_from_context(videoStream->codecpar, videoCodec) < 0)
+        return false;
+    scaler = sws_getContext(settings.width, settings.height,
+                            static_cast<AVPixelFormat>(settings.pixelFormat), settings.width,
+                            settings.height, videoCodec->pix_fmt, SWS_BILINEAR, nullptr, nullptr,
+                            nullptr);
+    return scaler != nullptr;
+}
+
+bool MovieRecorder::Implementation::OpenAudio(const MovieAudioSettings& settings,
+                                              Container chosen) {
+    if (settings.sampleRate < 1000 || settings.sampleRate > 384000 || settings.channels < 1 ||
+        settings.channels > 8 || settings.bytesPerSample < 1 || settings.bytesPerSample > 4 ||
+        (settings.isFloat && settings.bytesPerSample != 4))
+        return false;
+    audioSettings = settings;
+    // MP4 players expect AAC; QuickTime and Matroska keep the sound as 16-bit PCM.
+    const AVCodecID id = chosen == Container::MP4 ? AV_CODEC_ID_AAC : AV_CODEC_ID_PCM_S16LE;
+    const AVCodec* codec = avcodec_find_encoder(id);
+    if (codec == nullptr)
+        return false;
+    audioCodec = avcodec_alloc_context3(codec);
+    if (audioCodec == nullptr)
+        return false;
+    const int rate = static_cast<int>(std::lround(settings.sampleRate));
+    audioCodec->sample_rate = rate;
+    av_channel_layout_default(&audioCodec->ch_layout, settings.channels);
+    audioCodec->sample_fmt = id == AV_CODEC_ID_AAC ? AV_SAMPLE_FMT_FLTP : AV_SAMPLE_FMT_S16;
+    audioCodec->time_base = AVRational{1, rate};
+    if (id == AV_CODEC_ID_AAC)
+        audioCodec->bit_rate = 64000 * settings.channels;
+    if (format->oformat->flags & AVFMT_GLOBALHEADER)
+        audioCodec->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
+    if (avcodec_open2(audioCodec, codec, nullptr) < 0)
+        return false;
+    audioStream = avformat_new_stream(format, nullptr);
+    if (audioStream == nullptr)
+        return false;
+    audioStream->time_base = audioCodec->time_base;
+    if (avcodec_parameters_from_context(audioStream->codecpar, audioCodec) < 0)
+        return false;
+    // Sound arrives as interleaved floats (normalised in AppendAudio) at the encoder's rate.
+    if (swr_alloc_set_opts2(&resampler, &audioCodec->ch_layout, audioCodec->sample_fmt, rate,
+                            &audioCodec->ch_layout, AV_SAMPLE_FMT_FLT, rate, 0, nullptr) < 0 ||
+        swr_init(resampler) < 0)
+        return false;
+    if (audioCodec->frame_size > 0) {
+        audioFifo = av_audio_fifo_alloc(audioCodec->sample_fmt, settings.channels,
+                                        audioCodec->frame_size * 4);
+        if (audioFifo == nullptr)
+            return false;
+    }
+    return true;
+}
+
+double MovieRecorder::Implementation::RelativeTime(double seconds) {
+    std::lock_guard<std::mutex> locked(timeMutex);
+    if (!hasOrigin) {
+        hasOrigin = true;
+        origin = seconds;
+    }
+    return seconds - origin;
+}
+
+bool MovieRecorder::Implementation::Enqueue(AVFrame* frame, bool isVideo) {
+    {
+        std::lock_guard<std::mutex> locked(queueMutex);
+        if (finishing || failed.load()) {
+            FreeFrame(frame);
+            return false;
+        }
+        if (isVideo && queuedPictures >= kMaxQueuedPictures) {
+            FreeFrame(frame);
+            ++videoFramesDropped;
+            return false;
+        }
+        queue.push_back(QueuedItem{frame, isVideo});
+        if (isVideo)
+            ++queuedPictures;
+    }
+    queueChanged.notify_one();
+    return true;
+}
+
+bool MovieRecorder::Implementation::AppendVideo(const uint8_t* const planes[4],
+                                                const int strides[4], double seconds) {
+    if (videoCodec == nullptr || planes == nullptr || strides == nullptr || failed.load())
+        return false;
+    const double when = RelativeTime(seconds);
+    AVFrame* frame = av_frame_alloc();
+    if (frame == nullptr)
+        return false;
+    frame->format = videoCodec->pix_fmt;
+    frame->width = videoCodec->width;
+    frame->height = videoCodec->height;
+    if (av_frame_get_buffer(frame, 0) < 0) {
+        FreeFrame(frame);
+        return false;
+    }
+    std::lock_guard<std::mutex> locked(videoMutex);
+    sws_scale(scaler, planes, strides, 0, videoSettings.height, frame->data, frame->linesize);
+    int64_t pts = std::llround(std::max(0.0, when) / av_q2d(videoCodec->time_base));
+    // Encoders need strictly increasing times; a late or duplicate time moves up one tick.
+    if (pts <= lastVideoPts)
+        pts = lastVideoPts + 1;
+    lastVideoPts = pts;
+    frame->pts = pts;
+    return Enqueue(frame, true);
+}
+
+namespace {
+
+// One sample of any supported linear-PCM layout as a float in [-1, 1].
+float SampleToFloat(const uint8_t* sample, const MovieAudioSettings& settings) {
+    uint8_t bytes[4] = {0, 0, 0, 0};
+    const int size = settings.bytesPerSample;
+    for (int i = 0; i < size; ++i)
+        bytes[i] = settings.isBigEndian ? sample[size - 1 - i] : sample[i];
+    if (settings.isFloat) {
+        float value;
+        memcpy(&value, bytes, 4);
+        return std::isfinite(value) ? value : 0.0f;
+    }
+    uint32_t raw = 0;
+    for (int i = 0; i < size; ++i)
+        raw |= static_cast<uint32_t>(bytes[i]) << (8 * i);
+    const int bits = 8 * size;
+    int64_t value = raw;
+    if (settings.isSignedInteger) {
+        if (raw & (1u << (bits - 1)))
+            value -= int64_t{1} << bits;
+    } else {
+        value -= int64_t{1} << (bits - 1);
+    }
+    return static_cast<float>(static_cast<double>(value) /
+                              static_cast<double>(int64_t{1} << (bits - 1)));
+}
+
+} // namespace
+
+bool MovieRecorder::Implementation::AppendAudio(const void* const buffers[], int bufferCount,
+                                                int sampleFrames, double seconds) {
+    if (audioCodec == nullptr || buffers == nullptr || sampleFrames <= 0 || failed.load())
+        return false;
+    const int channels = audioSettings.channels;
+    const int needed = audioSettings.isNonInterleaved ? channels : 1;
+    if (bufferCount < needed)
+        return false;
+    for (int i = 0; i < needed; ++i)
+        if (buffers[i] == nullptr)
+            return false;
+    const double when = RelativeTime(seconds);
+    std::lock_guard<std::mutex> locked(audioMutex);
+    audioScratch.resize(static_cast<size_t>(sampleFrames) * channels);
+    const int size = audioSettings.bytesPerSample;
+    for (int frameIndex = 0; frameIndex < sampleFrames; ++frameIndex) {
+        for (int channel = 0; channel < channels; ++channel) {
+            const uint8_t* sample =
+                audioSettings.isNonInterleaved
+                    ? static_cast<const uint8_t*>(buffers[channel]) +
+                          static_cast<size_t>(frameIndex) * size
+                    : static_cast<const uint8_t*>(buffers[0]) +
+                          (static_cast<size_t>(frameIndex) * channels + channel) * size;
+            audioScratch[static_cast<size_t>(frameIndex) * channels + channel] =
+                SampleToFloat(sample, audioSettings);
+        }
+    }
+    AVFrame* frame = av_frame_alloc();
+    if (frame == nullptr)
+        return false;
+    frame->format = audioCodec->sample_fmt;
+    frame->nb_samples = sampleFrames;
+    frame->sample_rate = audioCodec->sample_rate;
+    av_channel_layout_copy(&frame->ch_layout, &audioCodec->ch_layout);
+    if (av_frame_get_buffer(frame, 0) < 0) {
+        FreeFrame(frame);
+        return false;
+    }
+    const uint8_t* input[1] = {reinterpret_cast<const uint8_t*>(audioScratch.data())};
+    if (swr_convert(resampler, frame->data, sampleFrames, input, sampleFrames) != sampleFrames) {
+        FreeFrame(frame);
+        return false;
+    }
+    // Sound is continuous: after the first buffer its time is counted in samples, unless the
+    // capture clock says it has drifted by more than a tenth of a second (a gap or a restart).
+    const int64_t stamped = std::llround(std::max(0.0, when) * audioCodec->sample_rate);
+    if (nextAudioPts == INT64_MIN ||
+        std::llabs(stamped - nextAudioPts) > audioCodec->sample_rate / 10)
+        nextAudioPts = std::max(stamped, nextAudioPts == INT64_MIN ? int64_t{0} : nextAudioPts);
+    frame->pts = nextAudioPts;
+    nextAudioPts += sampleFrames;
+    return Enqueue(frame, false);
+}
+
+void MovieRecorder::Implementation::MarkFailed() {
+    failed = true;
+    std::lock_guard<std::mutex> locked(queueMutex);
+    for (QueuedItem& item : queue)
+        FreeFrame(item.frame);
+    queue.clear();
+    queuedPictures = 0;
+}
+
+bool MovieRecorder::Implementation::WritePacket(AVPacket* encoded, AVStream* stream,
+                                                AVCodecContext* codec) {
+    av_packet_rescale_ts(encoded, codec->time_base, stream->time_base);
+    encoded->stream_index = stream->index;
+    if (av_interleaved_write_frame(format, encoded) < 0 || format->pb->error < 0) {
+        MarkFailed();
+        return false;
+    }
+    const double now = av_gettime_relative() / 1e6;
+    if (now - lastFlush >= kFlushIntervalSeconds) {
+        avio_flush(format->pb);
+        lastFlush = now;
+        if (format->pb->error < 0) {
+            MarkFailed();
+            return false;
+        }
+    }
+    bytesWritten = static_cast<uint64_t>(std::max<int64_t>(0, avio_tell(format->pb)));
+    return true;
+}
+
+bool MovieRecorder::Implementation::Encode(AVCodecContext* codec, AVStream* stream,
+                                           AVFrame* frame) {
+    if (avcodec_send_frame(codec, frame) < 0)
+        return false; // a rejected frame is skipped; the file goes on
+    for (;;) {
+        const int received = avcodec_receive_packet(codec, packet);
+        if (received == AVERROR(EAGAIN) || received == AVERROR_EOF)
+            return true;
+        if (received < 0)
+            return false;
+        const bool ok = WritePacket(packet, stream, codec);
+        av_packet_unref(packet);
+        if (!ok)
+            return false;
+    }
+}
+
+bool MovieRecorder::Implementation::EncodeAudio(AVFrame* frame) {
+    if (audioFifo == nullptr)
+        return Encode(audioCodec, audioStream, frame);
+    // Fixed-size encoders (AAC) take exactly frame_size samples per frame.
+    if (frame != nullptr) {
+        if (av_audio_fifo_size(audioFifo) == 0)
+            fifoPts = frame->pts;
+        av_audio_fifo_write(audioFifo, reinterpret_cast<void**>(frame->data), frame->nb_samples);
+    }
+    const int chunk = audioCodec->frame_size;
+    while (av_audio_fifo_size(audioFifo) >= chunk ||
+           (frame == nullptr && av_audio_fifo_size(audioFifo) > 0)) {
+        AVFrame* piece = av_frame_alloc();
+        if (piece == nullptr)
+            return false;
+        piece->format = audioCodec->sample_fmt;
+        piece->nb_samples = chunk;
+        piece->sample_rate = audioCodec->sample_rate;
+        av_channel_layout_copy(&piece->ch_layout, &audioCodec->ch_layout);
+        if (av_frame_get_buffer(piece, 0) < 0) {
+            FreeFrame(piece);
+            return false;
+        }
+        av_samples_set_silence(piece->data, 0, chunk, audioCodec->ch_layout.nb_channels,
+                               audioCodec->sample_fmt);
+        av_audio_fifo_read(audioFifo, reinterpret_cast<void**>(piece->data), chunk);
+        piece->pts = fifoPts;
+        fifoPts += chunk;
+        const bool ok = Encode(audioCodec, audioStream, piece);
+        FreeFrame(piece);
+        if (!ok)
+            return false;
+    }
+    return frame != nullptr || Encode(audioCodec, audioStream, nullptr);
+}
+
+void MovieRecorder::Implementation::Run() {
+    for (;;) {
+        QueuedItem item{nullptr, false};
+        {
+            std::unique_lock<std::mutex> locked(queueMutex);
+            queueChanged.wait(locked, [this] { return !queue.empty() || finishing; });
+            if (queue.empty())
+                return; // finishing, and everything queued is written
+            item = queue.front();
+            queue.pop_front();
+            if (item.isVideo)
+                --queuedPictures;
+        }
+        if (!failed.load()) {
+            if (item.isVideo) {
+                if (Encode(videoCodec, videoStream, item.frame))
+                    ++videoFramesWritten;
+            } else {
+                const int samples = item.frame->nb_samples;
+                if (EncodeAudio(item.frame))
+                    audioFramesWritten += static_cast<uint64_t>(samples);
+            }
+        }
+        FreeFrame(item.frame);
+    }
+}
+
+bool MovieRecorder::Implementation::Finish() {
+    std::lock_guard<std::mutex> finishing_(finishMutex);
+    if (finished)
+        return completed;
+    finished = true;
+    {
+        std::lock_guard<std::mutex> locked(queueMutex);
+        finishing = true;
+    }
+    queueChanged.notify_all();
+    if (encoder.joinable())
+        encoder.join();
+    if (format == nullptr || format->pb == nullptr)
+        return false;
+    if (!failed.load()) {
+        if (videoCodec != nullptr)
+            Encode(videoCodec, videoStream, nullptr);
+        if (audioCodec != nullptr)
+            EncodeAudio(nullptr);
+    }
+    // Even after a write error the trailer is attempted: what reached the disk stays playable.
+    const bool trailer = av_write_trailer(format) >= 0;
+    avio_flush(format->pb);
+    bytesWritten = static_cast<uint64_t>(std::max<int64_t>(0, avio_tell(format->pb)));
+    const bool closed = avio_closep(&format->pb) >= 0;
+    completed = trailer && closed && !failed.load();
+    if (!completed)
+        failed = true;
+    return completed;
+}
+
+void MovieRecorder::Implementation::Close() {
+    Finish();
+    if (format != nullptr && format->pb != nullptr)
+        avio_closep(&format->pb);
+    avformat_free_context(format);
+    format = nullptr;
+    avcodec_free_context(&videoCodec);
+    avcodec_free_context(&audioCodec);
+    sws_freeContext(scaler);
+    scaler = nullptr;
+    swr_free(&resampler);
+    if (audioFifo != nullptr)
+        av_audio_fifo_free(audioFifo);
+    audioFifo = nullptr;
+    av_packet_free(&packet);
+}
+
+std::unique_ptr<MovieRecorder> MovieRecorder::Create(const std::string& path,
+                                                     const MovieVideoSettings* video,
+                                                     const MovieAudioSettings* audio) {
+    if (path.empty() || (video == nullptr && audio == nullptr))
+        return nullptr;
+    auto implementation = std::make_unique<Implementation>();
+    if (!implementation->Open(path, video, audio)) {
+        // Leave no half-made file behind when the recording never started.
+        const bool created =
+            implementation->format != nullptr && implementation->format->pb != nullptr;
+        implementation.reset();
+        if (created)
+            remove(path.c_str());
+        return nullptr;
+    }
+    return std::unique_ptr<MovieRecorder>(new MovieRecorder(std::move(implementation)));
+}
+
+MovieRecorder::MovieRecorder(std::unique_ptr<Implementation> implementation)
+    : implementation(std::move(implementation)) {}
+
+MovieRecorder::~MovieRecorder() = default;
+
+bool MovieRecorder::AppendVideo(const uint8_t* const planes[4], const int strides[4],
+                                double seconds) {
+    return implementation->AppendVideo(planes, strides, seconds);
+}
+
+bool MovieRecorder::AppendAudio(const void* const buffers[], int bufferCount, int sampleFrames,
+                                double seconds) {
+    return implementation->AppendAudio(buffers, bufferCount, sampleFrames, seconds);
+}
+
+bool MovieRecorder::Finish() {
+    return implementation->Finish();
+}
+
+MovieRecorderStatistics MovieRecorder::GetStatistics() const {
+    MovieRecorderStatistics statistics;
+    statistics.videoFramesWritten = implementation->videoFramesWritten.load();
+    statistics.videoFramesDropped = implementation->videoFramesDropped.load();
+    statistics.audioFramesWritten = implementation->audioFramesWritten.load();
+    statistics.bytesWritten = implementation->bytesWritten.load();
+    statistics.failed = implementation->failed.load();
+    return statistics;
+}
+
+std::string MovieRecorder::GetVideoEncoderName() const {
+    if (implementation->videoCodec == nullptr || implementation->videoCodec->codec == nullptr)
+        return std::string();
+    return implementation->videoCodec->codec->name;
+}

@@ -1,0 +1,266 @@
+#include "platform/movierecorder.h"
+
+#include <chrono>
+#include <cmath>
+#include <csignal>
+#include <cstdlib>
+#include <gtest/gtest.h>
+#include <string>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+#include "support/ffprobe.h"
+
+extern "C" {
+#include <libavutil/pixfmt.h>
+}
+
+namespace {
+
+class MovieRecorderTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        char pattern[] = "/tmp/tavix-recorder-XXXXXX";
+        ASSERT_NE(nullptr, mkdtemp(pattern));
+        folder = pattern;
+        if (!HaveFFprobe())
+            GTEST_SKIP() << "ffprobe is not installed (scripts/install-deps.sh installs it)";
+    }
+    void TearDown() override {
+        if (!folder.empty())
+            system(("rm -rf '" + folder + "'").c_str());
+    }
+    std::string folder;
+};
+
+MovieVideoSettings Video(int width, int height, double rate) {
+    MovieVideoSettings video;
+    video.width = width;
+    video.height = height;
+    video.pixelFormat = AV_PIX_FMT_BGRA;
+    video.frameRate = rate;
+    return video;
+}
+
+MovieAudioSettings FloatStereo48k() {
+    MovieAudioSettings audio;
+    audio.sampleRate = 48000;
+    audio.channels = 2;
+    audio.bytesPerSample = 4;
+    audio.isFloat = true;
+    return audio;
+}
+
+// Feeds `seconds` of BGRA pictures and a float stereo sine with capture-clock times starting at
+// origin, as a capture session would (sound in 10 ms buffers).
+void Feed(MovieRecorder& recorder, const MovieVideoSettings& video, double seconds, double origin,
+          bool withAudio) {
+    std::vector<uint8_t> picture(static_cast<size_t>(video.width) * video.height * 4);
+    std::vector<float> sound(480 * 2);
+    const int frames = static_cast<int>(std::lround(seconds * video.frameRate));
+    int audioBuffers = 0;
+    for (int frame = 0; frame < frames; ++frame) {
+        const double time = origin + frame / video.frameRate;
+        for (size_t i = 0; i < picture.size(); ++i)
+            picture[i] = static_cast<uint8_t>(i / 4 + frame * 3);
+        const uint8_t* planes[4] = {picture.data(), nullptr, nullptr, nullptr};
+        const int strides[4] = {video.width * 4, 0, 0, 0};
+        // The encoder thread may lag; wait rather than drop, so counts are exact.
+        while (!recorder.AppendVideo(planes, strides, time))
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        while (withAudio && audioBuffers * 0.01 < time - origin + 1 / video.frameRate) {
+            for (int i = 0; i < 480; ++i) {
+                const float value =
+                    0.5f *
+                    static_cast<float>(sin(2 * M_PI * 1000 * (audioBuffers * 480 + i) / 48000.0));
+                sound[2 * i] = sound[2 * i + 1] = value;
+            }
+            const void* buffers[1] = {sound.data()};
+            EXPECT_TRUE(recorder.AppendAudio(buffers, 1, 480, origin + audioBuffers * 0.01));
+            ++audioBuffers;
+        }
+    }
+}
+
+} // namespace
+
+TEST_F(MovieRecorderTest, ContainerFollowsTheExtensionWithPictureAndSoundInSync) {
+    struct Case {
+        const char* name;
+        const char* format;
+        const char* audioCodec;
+    } cases[] = {{"clip.mov", "mov", "pcm_s16le"},
+                 {"clip", "mov", "pcm_s16le"},
+                 {"clip.weird", "mov", "pcm_s16le"},
+                 {"clip.mp4", "mp4", "aac"},
+                 {"clip.mkv", "matroska", "pcm_s16le"}};
+    const MovieVideoSettings video = Video(320, 240, 30);
+    const MovieAudioSettings audio = FloatStereo48k();
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        const std::string path = folder + "/" + c.name;
+        auto recorder = MovieRecorder::Create(path, &video, &audio);
+        ASSERT_TRUE(recorder);
+        Feed(*recorder, video, 2.0, 1000.25, true);
+        EXPECT_TRUE(recorder->Finish());
+        const MovieRecorderStatistics statistics = recorder->GetStatistics();
+        EXPECT_EQ(60u, statistics.videoFramesWritten);
+        EXPECT_FALSE(statistics.failed);
+        const ProbedMovie movie = ProbeMovie(path);
+        ASSERT_TRUE(movie.readable);
+        EXPECT_NE(std::string::npos, movie.formatName.find(c.format)) << movie.formatName;
+        ASSERT_EQ(2u, movie.streams.size());
+        const ProbedStream* picture = movie.Find("video");
+        const ProbedStream* sound = movie.Find("audio");
+        ASSERT_TRUE(picture && sound);
+        EXPECT_EQ(recorder->GetVideoEncoderName() == "libx264" ? "h264" : "mpeg4",
+                  picture->codecName);
+        EXPECT_EQ(320, picture->width);
+        EXPECT_NEAR(60, picture->frames, 1);
+        EXPECT_EQ(c.audioCodec, sound->codecName);
+        EXPECT_EQ(48000, sound->sampleRate);
+        EXPECT_EQ(2, sound->channels);
+        EXPECT_NEAR(2.0, movie.duration, 0.15);
+    }
+}
+
+TEST_F(MovieRecorderTest, DVSizedDeckPicturesStayDV) {
+    MovieVideoSettings video = Video(720, 576, 25);
+    video.pixelFormat = AV_PIX_FMT_UYVY422;
+    video.keepAsDV = true;
+    MovieAudioSettings audio;
+    audio.sampleRate = 48000;
+    audio.channels = 2;
+    audio.bytesPerSample = 2;
+    const std::string path = folder + "/deck.mov";
+    auto recorder = MovieRecorder::Create(path, &video, &audio);
+    ASSERT_TRUE(recorder);
+    EXPECT_EQ("dvvideo", recorder->GetVideoEncoderName());
+    std::vector<uint8_t> picture(720 * 576 * 2, 0x80);
+    std::vector<int16_t> sound(1920 * 2, 1000);
+    for (int frame = 0; frame < 25; ++frame) {
+        const uint8_t* planes[4] = {picture.data(), nullptr, nullptr, nullptr};
+        const int strides[4] = {720 * 2, 0, 0, 0};
+        while (!recorder->AppendVideo(planes, strides, frame / 25.0))
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        const void* buffers[1] = {sound.data()};
+        EXPECT_TRUE(recorder->AppendAudio(buffers, 1, 1920, frame / 25.0));
+    }
+    EXPECT_TRUE(recorder->Finish());
+    const ProbedMovie movie = ProbeMovie(path);
+    ASSERT_TRUE(movie.readable);
+    ASSERT_TRUE(movie.Find("video"));
+    EXPECT_EQ("dvvideo", movie.Find("video")->codecName);
+    EXPECT_EQ(25, movie.Find("video")->frames);
+}
+
+TEST_F(MovieRecorderTest, SoundOnlyAndOddSampleLayouts) {
+    MovieAudioSettings audio;
+    audio.sampleRate = 44100;
+    audio.channels = 2;
+    audio.bytesPerSample = 3;
+    audio.isNonInterleaved = true;
+    audio.isBigEndian = true;
+    const std::string path = folder + "/sound.mkv";
+    auto recorder = MovieRecorder::Create(path, nullptr, &audio);
+    ASSERT_TRUE(recorder);
+    std::vector<uint8_t> left(441 * 3, 0x10), right(441 * 3, 0xF0);
+    for (int buffer = 0; buffer < 100; ++buffer) {
+        const void* buffers[2] = {left.data(), right.data()};
+        EXPECT_TRUE(recorder->AppendAudio(buffers, 2, 441, buffer * 0.01));
+    }
+    const void* tooFew[1] = {left.data()};
+    EXPECT_FALSE(recorder->AppendAudio(tooFew, 1, 441, 1.0));
+    EXPECT_TRUE(recorder->Finish());
+    EXPECT_EQ(44100u, recorder->GetStatistics().audioFramesWritten);
+    const ProbedMovie movie = ProbeMovie(path);
+    ASSERT_TRUE(movie.readable);
+    ASSERT_EQ(1u, movie.streams.size());
+    EXPECT_NEAR(1.0, movie.duration, 0.05);
+}
+
+TEST_F(MovieRecorderTest, BadSettingsAndUnwritablePathsCreateNothing) {
+    const MovieVideoSettings video = Video(320, 240, 30);
+    EXPECT_FALSE(MovieRecorder::Create(folder + "/missing/folder/x.mov", &video, nullptr));
+    EXPECT_FALSE(MovieRecorder::Create("", &video, nullptr));
+    EXPECT_FALSE(MovieRecorder::Create(folder + "/none.mov", nullptr, nullptr));
+    MovieVideoSettings zero = video;
+    zero.width = 0;
+    EXPECT_FALSE(MovieRecorder::Create(folder + "/zero.mov", &zero, nullptr));
+    MovieAudioSettings wide = FloatStereo48k();
+    wide.bytesPerSample = 5;
+    EXPECT_FALSE(MovieRecorder::Create(folder + "/wide.mov", nullptr, &wide));
+    struct stat info {};
+    EXPECT_NE(0, stat((folder + "/zero.mov").c_str(), &info));
+    // Finishing twice, and appending after the end, are harmless.
+    auto recorder = MovieRecorder::Create(folder + "/twice.mov", &video, nullptr);
+    ASSERT_TRUE(recorder);
+    EXPECT_TRUE(recorder->Finish());
+    EXPECT_TRUE(recorder->Finish());
+    const uint8_t* planes[4] = {nullptr, nullptr, nullptr, nullptr};
+    const int strides[4] = {0, 0, 0, 0};
+    EXPECT_FALSE(recorder->AppendVideo(planes, strides, 0));
+}
+
+TEST_F(MovieRecorderTest, AFullDiskEndsTheRecordingQuietly) {
+    const MovieVideoSettings video = Video(640, 480, 30);
+    const std::string path = folder + "/full.mov";
+    // A file-size limit makes writes fail as a full disk would.
+    signal(SIGXFSZ, SIG_IGN);
+    rlimit saved{};
+    getrlimit(RLIMIT_FSIZE, &saved);
+    rlimit small = saved;
+    small.rlim_cur = 256 * 1024;
+    ASSERT_EQ(0, setrlimit(RLIMIT_FSIZE, &small));
+    auto recorder = MovieRecorder::Create(path, &video, nullptr);
+    ASSERT_TRUE(recorder);
+    std::vector<uint8_t> noise(640 * 480 * 4);
+    unsigned int seed = 1;
+    for (int frame = 0; frame < 120 && !recorder->GetStatistics().failed; ++frame) {
+        for (auto& byte : noise)
+            byte = static_cast<uint8_t>(rand_r(&seed)); // noise does not compress
+        const uint8_t* planes[4] = {noise.data(), nullptr, nullptr, nullptr};
+        const int strides[4] = {640 * 4, 0, 0, 0};
+        recorder->AppendVideo(planes, strides, frame / 30.0);
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    EXPECT_FALSE(recorder->Finish());
+    setrlimit(RLIMIT_FSIZE, &saved);
+    EXPECT_TRUE(recorder->GetStatistics().failed);
+    struct stat info {};
+    ASSERT_EQ(0, stat(path.c_str(), &info));
+    EXPECT_LE(info.st_size, 256 * 1024);
+}
+
+TEST_F(MovieRecorderTest, AProcessKilledWhileRecordingLeavesAPlayableFile) {
+    const std::string path = folder + "/killed.mp4";
+    const pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        const MovieVideoSettings video = Video(320, 240, 30);
+        const MovieAudioSettings audio = FloatStereo48k();
+        auto recorder = MovieRecorder::Create(path, &video, &audio);
+        if (!recorder)
+            _exit(1);
+        const auto begin = std::chrono::steady_clock::now();
+        for (double t = 0;; t += 1 / 30.0) {
+            // Real time, so the parent kills it mid-way.
+            std::this_thread::sleep_until(begin +
+                                          std::chrono::microseconds(static_cast<long>(t * 1e6)));
+            Feed(*recorder, video, 1 / 30.0, t, true);
+        }
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(3000));
+    kill(child, SIGKILL);
+    int status = 0;
+    waitpid(child, &status, 0);
+    ASSERT_TRUE(WIFSIGNALED(status)) << "the recorder child ended by itself";
+    const ProbedMovie movie = ProbeMovie(path);
+    ASSERT_TRUE(movie.readable);
+    ASSERT_TRUE(movie.Find("video"));
+    EXPECT_GE(movie.Find("video")->frames, 30) << "at least a second survives";
+}

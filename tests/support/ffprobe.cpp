@@ -1,0 +1,66 @@
+#include "support/ffprobe.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <sstream>
+
+const ProbedStream* ProbedMovie::Find(const std::string& codecType) const {
+    for (const ProbedStream& stream : streams)
+        if (stream.codecType == codecType)
+            return &stream;
+    return nullptr;
+}
+
+bool HaveFFprobe() {
+    return system("ffprobe -version >/dev/null 2>&1") == 0;
+}
+
+ProbedMovie ProbeMovie(const std::string& path) {
+    ProbedMovie movie;
+    const std::string command =
+        "ffprobe -v error -count_frames -show_entries "
+        "format=format_name,duration:stream=codec_type,codec_name,nb_read_frames,width,height,"
+        "sample_rate,channels -of compact=p=1:nk=0 '" +
+        path + "' 2>/dev/null";
+    FILE* pipe = popen(command.c_str(), "r");
+    if (pipe == nullptr)
+        return movie;
+    char line[4096];
+    while (fgets(line, sizeof line, pipe) != nullptr) {
+        std::string text(line);
+        while (!text.empty() && (text.back() == '\n' || text.back() == '\r'))
+            text.pop_back();
+        std::stringstream fields(text);
+        std::string section, field;
+        std::getline(fields, section, '|');
+        ProbedStream stream;
+        while (std::getline(fields, field, '|')) {
+            const size_t equals = field.find('=');
+            if (equals == std::string::npos)
+                continue;
+            const std::string key = field.substr(0, equals), value = field.substr(equals + 1);
+            if (section == "format" && key == "format_name")
+                movie.formatName = value;
+            else if (section == "format" && key == "duration")
+                movie.duration = atof(value.c_str());
+            else if (key == "codec_type")
+                stream.codecType = value;
+            else if (key == "codec_name")
+                stream.codecName = value;
+            else if (key == "nb_read_frames")
+                stream.frames = atol(value.c_str());
+            else if (key == "width")
+                stream.width = atoi(value.c_str());
+            else if (key == "height")
+                stream.height = atoi(value.c_str());
+            else if (key == "sample_rate")
+                stream.sampleRate = atoi(value.c_str());
+            else if (key == "channels")
+                stream.channels = atoi(value.c_str());
+        }
+        if (section == "stream")
+            movie.streams.push_back(stream);
+    }
+    movie.readable = pclose(pipe) == 0 && !movie.formatName.empty();
+    return movie;
+}
