@@ -1,0 +1,322 @@
+// `tavix capture NAME [--audio NAME] [--seconds N] [--record FILE] [--snapshot FILE.png]
+//                     [--format FOURCC] [--size WxH]`
+#include <cerrno>
+#include <cmath>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "capturestats.h"
+#include "devices.h"
+#include "llib/mac/tavix.h"
+#include "options.h"
+#include "png.h"
+
+namespace {
+
+volatile sig_atomic_t interrupted = 0;
+
+void OnInterrupt(int) {
+    interrupted = 1;
+}
+
+struct CaptureOptions {
+    std::string device;
+    std::string audioDevice;
+    double seconds = 5;
+    std::string recordPath;
+    std::string snapshotPath;
+    unsigned long pixelFormat = 0, width = 0, height = 0;
+};
+
+void PrintUsage() {
+    printf("usage: tavix capture NAME [--audio NAME] [--seconds N] [--record FILE]\n"
+           "                          [--snapshot FILE.png] [--format FOURCC] [--size WxH]\n\n"
+           "Captures from device NAME (and sound from --audio NAME) for N seconds (5), showing\n"
+           "frames, dropped frames, timecode, sound level and file size, then a summary.\n"
+           "  --record FILE      records to a movie file (.mov, .mp4 or .mkv)\n"
+           "  --snapshot FILE    writes the last frame as a PNG picture\n"
+           "  --format FOURCC    asks for a pixel format: 2vuy, yuvs, BGRA, ARGB, 420v, y420\n"
+           "  --size WxH         asks for a frame size, e.g. 640x480\n"
+           "Ctrl-C stops early and keeps the recording.\n");
+}
+
+// Returns kExitOK, or the exit status after printing what is wrong.
+int ParseOptions(int argc, char** argv, CaptureOptions& options, bool& help) {
+    help = false;
+    for (int i = 1; i < argc; ++i) {
+        const std::string argument = argv[i];
+        if (argument == "--help" || argument == "-h") {
+            help = true;
+            return kExitOK;
+        }
+        const bool takesValue = argument == "--audio" || argument == "--seconds" ||
+                                argument == "--record" || argument == "--snapshot" ||
+                                argument == "--format" || argument == "--size";
+        if (takesValue && i + 1 >= argc) {
+            PrintError("%s needs a value", argument.c_str());
+            return kExitUsage;
+        }
+        if (argument == "--audio") {
+            options.audioDevice = argv[++i];
+        } else if (argument == "--seconds") {
+            if (!ParseSeconds(argv[++i], options.seconds)) {
+                PrintError("bad number of seconds \"%s\"", argv[i]);
+                return kExitUsage;
+            }
+        } else if (argument == "--record") {
+            options.recordPath = argv[++i];
+        } else if (argument == "--snapshot") {
+            options.snapshotPath = argv[++i];
+        } else if (argument == "--format") {
+            if (!ParseFourCC(argv[++i], options.pixelFormat)) {
+                PrintError("bad pixel format \"%s\" (four characters, such as 2vuy or BGRA)",
+                           argv[i]);
+                return kExitUsage;
+            }
+        } else if (argument == "--size") {
+            if (!ParseSize(argv[++i], options.width, options.height)) {
+                PrintError("bad size \"%s\" (WIDTHxHEIGHT, such as 640x480)", argv[i]);
+                return kExitUsage;
+            }
+        } else if (!argument.empty() && argument[0] == '-') {
+            PrintError("unknown option %s", argument.c_str());
+            return kExitUsage;
+        } else if (options.device.empty()) {
+            options.device = argument;
+        } else {
+            PrintError("unexpected argument \"%s\"", argument.c_str());
+            return kExitUsage;
+        }
+    }
+    if (options.device.empty()) {
+        PrintError("capture needs a device name (see tavix list)");
+        return kExitUsage;
+    }
+    return kExitOK;
+}
+
+// The library does not report a file it cannot write, so the command checks first.
+bool CanWrite(const std::string& path) {
+    struct stat info {};
+    const bool existed = stat(path.c_str(), &info) == 0;
+    FILE* file = fopen(path.c_str(), existed ? "r+b" : "wb");
+    if (file == nullptr)
+        return false;
+    fclose(file);
+    if (!existed)
+        unlink(path.c_str());
+    return true;
+}
+
+long long FileSize(const std::string& path) {
+    struct stat info {};
+    return path.empty() || stat(path.c_str(), &info) != 0 ? -1
+                                                          : static_cast<long long>(info.st_size);
+}
+
+std::string LevelText(float peak) {
+    char text[32];
+    if (peak <= 0.00001f)
+        snprintf(text, sizeof text, "-inf dBFS");
+    else
+        snprintf(text, sizeof text, "%.1f dBFS", 20 * std::log10(peak));
+    return text;
+}
+
+std::string TimecodeText(uint32_t packed) {
+    char text[16];
+    snprintf(text, sizeof text, "%02u:%02u:%02u:%02u", packed >> 24, (packed >> 16) & 0xFF,
+             (packed >> 8) & 0xFF, packed & 0xFF);
+    return text;
+}
+
+std::string SizeText(long long bytes) {
+    char text[32];
+    if (bytes < 0)
+        return "-";
+    if (bytes < 1024 * 1024)
+        snprintf(text, sizeof text, "%.1f kB", bytes / 1024.0);
+    else
+        snprintf(text, sizeof text, "%.1f MB", bytes / (1024.0 * 1024.0));
+    return text;
+}
+
+void PrintStatus(const CaptureStats& stats, const CaptureOptions& options, double elapsed,
+                 bool terminal) {
+    std::string line;
+    char part[96];
+    snprintf(part, sizeof part, "%6.1f s  frames %llu  dropped %llu", elapsed,
+             static_cast<unsigned long long>(stats.frames.load()),
+             static_cast<unsigned long long>(stats.droppedFrames.load()));
+    line += part;
+    if (stats.hasTimecode)
+        line += "  timecode " + TimecodeText(stats.timecode);
+    if (!options.audioDevice.empty() || stats.sampleFrames > 0)
+        line += "  audio " + LevelText(stats.peakLevel);
+    if (!options.recordPath.empty())
+        line += "  file " + SizeText(FileSize(options.recordPath));
+    if (terminal)
+        printf("\r%s\033[K", line.c_str());
+    else
+        printf("%s\n", line.c_str());
+    fflush(stdout);
+}
+
+bool TakeSnapshot(CaptureStats& stats, const std::string& path) {
+    stats.snapshotWanted = true;
+    const double deadline = MonotonicSeconds() + 2;
+    while (!stats.snapshotTaken && MonotonicSeconds() < deadline)
+        usleep(10000);
+    if (!stats.snapshotTaken) {
+        PrintError("no frame arrived for the snapshot");
+        return false;
+    }
+    std::lock_guard<std::mutex> locked(stats.snapshotMutex);
+    std::vector<uint8_t> rgb;
+    if (!ConvertToRGB(stats.snapshot, rgb)) {
+        PrintError("cannot make a picture from pixel format %s",
+                   FourCCText(stats.snapshot.pixelFormat).c_str());
+        return false;
+    }
+    if (!WritePNG(path, rgb, stats.snapshot.width, stats.snapshot.height)) {
+        PrintError("cannot write %s: %s", path.c_str(), strerror(errno));
+        return false;
+    }
+    return true;
+}
+
+} // namespace
+
+int CaptureCommand(int argc, char** argv) {
+    CaptureOptions options;
+    bool help = false;
+    const int parsed = ParseOptions(argc, argv, options, help);
+    if (help || parsed != kExitOK) {
+        if (help)
+            PrintUsage();
+        return parsed;
+    }
+    if (!options.recordPath.empty() && !CanWrite(options.recordPath)) {
+        PrintError("cannot write %s: %s", options.recordPath.c_str(), strerror(errno));
+        return kExitFailure;
+    }
+    if (!options.snapshotPath.empty() && !CanWrite(options.snapshotPath)) {
+        PrintError("cannot write %s: %s", options.snapshotPath.c_str(), strerror(errno));
+        return kExitFailure;
+    }
+    const unsigned long device = GetDeviceByName(options.device.c_str());
+    if (device == 0) {
+        PrintError("no capture device named \"%s\" (see tavix list)", options.device.c_str());
+        return kExitFailure;
+    }
+    if (!options.audioDevice.empty()) {
+        // Only checks the name; the capture layer opens the companion device itself.
+        const unsigned long audio =
+            TavixDeviceGet(options.audioDevice.c_str(), TavixDeviceMediaTypeSound);
+        if (audio == 0) {
+            PrintError("no sound device named \"%s\" (see tavix list)",
+                       options.audioDevice.c_str());
+            TavixDeviceRelease(device);
+            return kExitFailure;
+        }
+        TavixDeviceRelease(audio);
+    }
+    if (!TavixDeviceOpen(device)) {
+        PrintError("cannot open \"%s\"%s", options.device.c_str(),
+                   TavixDeviceIsUsedByAnotherApplication(device) ? ": in use by another application"
+                                                                 : "");
+        TavixDeviceRelease(device);
+        return kExitFailure;
+    }
+
+    CaptureStats stats;
+    const bool hasVideo = TavixDeviceHasMediaType(device, TavixDeviceMediaTypeVideo) ||
+                          TavixDeviceHasMediaType(device, TavixDeviceMediaTypeMuxed);
+    const bool wantsAudio =
+        !options.audioDevice.empty() || TavixDeviceHasMediaType(device, TavixDeviceMediaTypeSound);
+    const long data = reinterpret_cast<long>(&stats);
+    const char* record = options.recordPath.empty() ? nullptr : options.recordPath.c_str();
+    // Sound arrives as 48 kHz stereo 32-bit floats (flags: float, packed).
+    const unsigned int floatPacked = 1 | 8;
+    bool started;
+    if (!options.audioDevice.empty())
+        started = TavixDeviceStartCaptureWithAudioDevice(
+            device, options.audioDevice.c_str(), hasVideo ? CountVideoFrame : nullptr, data,
+            options.pixelFormat, options.width, options.height, CountAudioSamples, data,
+            floatPacked, 48000, 2, 4, record);
+    else
+        started = TavixDeviceStartCapture(device, hasVideo ? CountVideoFrame : nullptr, data,
+                                          options.pixelFormat, options.width, options.height,
+                                          wantsAudio ? CountAudioSamples : nullptr, data,
+                                          floatPacked, 48000, 2, 4, record);
+    if (!started) {
+        PrintError("cannot start capturing from \"%s\"", options.device.c_str());
+        TavixDeviceClose(device);
+        TavixDeviceRelease(device);
+        return kExitFailure;
+    }
+
+    struct sigaction action {};
+    action.sa_handler = OnInterrupt;
+    sigaction(SIGINT, &action, nullptr);
+    sigaction(SIGTERM, &action, nullptr);
+    const bool terminal = isatty(STDOUT_FILENO) != 0;
+    const double begin = MonotonicSeconds();
+    double elapsed = 0, lastPlainLine = 0;
+    while (!interrupted && (elapsed = MonotonicSeconds() - begin) < options.seconds) {
+        if (terminal || elapsed - lastPlainLine >= 1) {
+            PrintStatus(stats, options, elapsed, terminal);
+            lastPlainLine = elapsed;
+        }
+        usleep(100000);
+        if (!TavixDeviceIsConnected(device)) {
+            if (terminal)
+                printf("\n");
+            PrintError("\"%s\" was disconnected", options.device.c_str());
+            break;
+        }
+    }
+    elapsed = MonotonicSeconds() - begin;
+    PrintStatus(stats, options, elapsed, terminal);
+    if (terminal)
+        printf("\n");
+
+    bool ok = true;
+    if (!options.snapshotPath.empty() && hasVideo)
+        ok = TakeSnapshot(stats, options.snapshotPath) && ok;
+    // Stopping closes the movie file properly, also after Ctrl-C.
+    TavixDeviceStopCapture(device);
+    TavixDeviceClose(device);
+    TavixDeviceRelease(device);
+
+    const double frames = static_cast<double>(stats.frames.load());
+    printf("\nCaptured %.1f s from \"%s\"%s%s\n", elapsed, options.device.c_str(),
+           options.audioDevice.empty() ? "" : " with sound from ",
+           options.audioDevice.empty() ? "" : ("\"" + options.audioDevice + "\"").c_str());
+    if (hasVideo)
+        printf("  video     %llu frames (%.1f per second), %llu dropped, %lu x %lu %s\n",
+               static_cast<unsigned long long>(stats.frames.load()),
+               elapsed > 0 ? frames / elapsed : 0,
+               static_cast<unsigned long long>(stats.droppedFrames.load()), stats.width.load(),
+               stats.height.load(), FourCCText(stats.pixelFormat).c_str());
+    if (stats.hasTimecode)
+        printf("  timecode  last %s\n", TimecodeText(stats.timecode).c_str());
+    if (wantsAudio)
+        printf("  audio     %llu sample frames (%.1f s at 48 kHz)\n",
+               static_cast<unsigned long long>(stats.sampleFrames.load()),
+               stats.sampleFrames / 48000.0);
+    if (!options.recordPath.empty())
+        printf("  recording %s (%s)\n", options.recordPath.c_str(),
+               SizeText(FileSize(options.recordPath)).c_str());
+    if (!options.snapshotPath.empty() && ok)
+        printf("  snapshot  %s\n", options.snapshotPath.c_str());
+    if (hasVideo && stats.frames == 0) {
+        PrintError("no frames arrived");
+        ok = false;
+    }
+    return ok ? kExitOK : kExitFailure;
+}

@@ -1,0 +1,40 @@
+// What `tavix capture` counts while frames and sound arrive. The callbacks write it on the
+// library's capture threads; the command's main loop reads it.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <mutex>
+
+#include "png.h"
+
+struct CaptureStats {
+    std::atomic<uint64_t> frames{0};
+    std::atomic<uint64_t> droppedFrames{0}; // gaps of more than 1.5 frame intervals, in frames
+    std::atomic<uint64_t> sampleFrames{0};
+    std::atomic<float> peakLevel{0}; // of the latest sound buffer, 0 to 1
+    std::atomic<bool> hasTimecode{false};
+    std::atomic<uint32_t> timecode{0}; // hours, minutes, seconds, frames, a byte each
+    std::atomic<unsigned long> width{0}, height{0}, pixelFormat{0};
+
+    // Frame timing, on the video thread only.
+    double lastFrameTime = 0;
+    double frameInterval = 0; // smoothed
+
+    // A copy of one frame when asked for.
+    std::atomic<bool> snapshotWanted{false};
+    std::atomic<bool> snapshotTaken{false};
+    std::mutex snapshotMutex;
+    CapturedFrame snapshot;
+};
+
+// The callbacks given to the library; data is a CaptureStats*.
+void CountVideoFrame(const unsigned char* pixels, unsigned long pixelFormat, unsigned long width,
+                     unsigned long height, unsigned long bytesPerRow, const struct SMPTETime* time,
+                     long data);
+void CountAudioSamples(const unsigned char* samples, unsigned int formatFlags,
+                       unsigned long sampleRate, unsigned long channels,
+                       unsigned long bytesPerSample, unsigned long sampleFrames, long data);
+
+// Seconds on a monotonic clock.
+double MonotonicSeconds();

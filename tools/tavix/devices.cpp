@@ -1,0 +1,188 @@
+// `tavix list`, `tavix formats NAME` and `tavix transport NAME ACTION`.
+#include "devices.h"
+
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "llib/mac/tavix.h"
+#include "options.h"
+
+namespace {
+
+struct NameCollector : ITavixDeviceEnumerator {
+    std::vector<std::string> names;
+    bool OnDevice(const char* name) override {
+        names.emplace_back(name);
+        return true;
+    }
+};
+
+std::vector<std::string> DeviceNames(TavixDeviceMediaType type) {
+    NameCollector collector;
+    TavixDeviceEnumerate(&collector, type, 1); // 1: include devices that are not connected
+    return collector.names;
+}
+
+bool WantsHelp(int argc, char** argv) {
+    for (int i = 1; i < argc; ++i)
+        if (strcmp(argv[i], "--help") == 0 || strcmp(argv[i], "-h") == 0)
+            return true;
+    return false;
+}
+
+// Holds a device reference for the length of a command.
+class DeviceReference {
+public:
+    explicit DeviceReference(const char* name) : handle(GetDeviceByName(name)) {}
+    ~DeviceReference() {
+        if (handle != 0)
+            TavixDeviceRelease(handle);
+    }
+    unsigned long handle;
+};
+
+struct FormatPrinter : ITavixDeviceFormatEnumerator {
+    int count = 0;
+    bool OnDeviceFormatAudio(unsigned long format) override {
+        printf("  audio  %s\n", FourCCText(format).c_str());
+        ++count;
+        return true;
+    }
+    bool OnDeviceFormatVideo(unsigned long format, unsigned long width,
+                             unsigned long height) override {
+        printf("  video  %s  %lu x %lu\n", FourCCText(format).c_str(), width, height);
+        ++count;
+        return true;
+    }
+};
+
+const char* TransportModeName(TavixDeviceTransportMode mode) {
+    static const char* const names[] = {"stopped",
+                                        "playing",
+                                        "rewinding",
+                                        "fast forwarding",
+                                        "fast reverse play",
+                                        "fast forward play",
+                                        "no transport controls"};
+    return mode >= 0 && mode <= 6 ? names[mode] : "unknown";
+}
+
+} // namespace
+
+unsigned long GetDeviceByName(const char* name) {
+    const TavixDeviceMediaType order[] = {TavixDeviceMediaTypeVideo, TavixDeviceMediaTypeMuxed,
+                                          TavixDeviceMediaTypeSound};
+    for (TavixDeviceMediaType type : order)
+        if (unsigned long handle = TavixDeviceGet(name, type))
+            return handle;
+    return 0;
+}
+
+int ListCommand(int argc, char** argv) {
+    if (WantsHelp(argc, argv) || argc > 1) {
+        printf(
+            "usage: tavix list\n\nLists the capture devices with their media types and state.\n");
+        return argc > 1 && !WantsHelp(argc, argv) ? kExitUsage : kExitOK;
+    }
+    const std::vector<std::string> names = DeviceNames(TavixDeviceMediaTypeAny);
+    if (names.empty()) {
+        printf("no capture devices\n");
+        return kExitOK;
+    }
+    for (const std::string& name : names) {
+        DeviceReference device(name.c_str());
+        if (device.handle == 0)
+            continue;
+        std::string media;
+        if (TavixDeviceHasMediaType(device.handle, TavixDeviceMediaTypeMuxed))
+            media = "muxed";
+        else if (TavixDeviceHasMediaType(device.handle, TavixDeviceMediaTypeVideo))
+            media = "video";
+        else if (TavixDeviceHasMediaType(device.handle, TavixDeviceMediaTypeSound))
+            media = "sound";
+        std::string state = TavixDeviceIsConnected(device.handle) ? "connected" : "not connected";
+        if (TavixDeviceIsUsedByAnotherApplication(device.handle))
+            state += ", in use by another application";
+        if (TavixDeviceIsTransportAvailable(device.handle))
+            state += ", transport controls";
+        printf("%-32s  %-5s  %s\n", name.c_str(), media.c_str(), state.c_str());
+    }
+    return kExitOK;
+}
+
+int FormatsCommand(int argc, char** argv) {
+    if (WantsHelp(argc, argv) || argc != 2) {
+        printf("usage: tavix formats NAME\n\nLists the audio and video formats device NAME "
+               "delivers.\n");
+        return WantsHelp(argc, argv) ? kExitOK : kExitUsage;
+    }
+    DeviceReference device(argv[1]);
+    if (device.handle == 0) {
+        PrintError("no capture device named \"%s\" (see tavix list)", argv[1]);
+        return kExitFailure;
+    }
+    if (!TavixDeviceOpen(device.handle)) {
+        PrintError("cannot open \"%s\"", argv[1]);
+        return kExitFailure;
+    }
+    printf("%s\n", argv[1]);
+    FormatPrinter printer;
+    const bool listed = TavixDeviceFormatEnumerate(device.handle, &printer);
+    TavixDeviceClose(device.handle);
+    if (!listed) {
+        PrintError("cannot read the formats of \"%s\"", argv[1]);
+        return kExitFailure;
+    }
+    if (printer.count == 0)
+        printf("  no formats\n");
+    return kExitOK;
+}
+
+int TransportCommand(int argc, char** argv) {
+    if (WantsHelp(argc, argv) || argc != 3) {
+        printf("usage: tavix transport NAME play|stop|rewind|ff|status\n\nDrives the tape "
+               "transport of device NAME, or shows what it is doing.\n");
+        return WantsHelp(argc, argv) ? kExitOK : kExitUsage;
+    }
+    const std::string action = argv[2];
+    TavixDeviceTransportMode mode = TavixDeviceTransportModeStop;
+    if (action == "play")
+        mode = TavixDeviceTransportModePlay;
+    else if (action == "rewind")
+        mode = TavixDeviceTransportModeRewind;
+    else if (action == "ff")
+        mode = TavixDeviceTransportModeFastForward;
+    else if (action != "stop" && action != "status") {
+        PrintError("unknown transport action \"%s\" (play, stop, rewind, ff or status)", argv[2]);
+        return kExitUsage;
+    }
+    DeviceReference device(argv[1]);
+    if (device.handle == 0) {
+        PrintError("no capture device named \"%s\" (see tavix list)", argv[1]);
+        return kExitFailure;
+    }
+    if (!TavixDeviceOpen(device.handle)) {
+        PrintError("cannot open \"%s\"", argv[1]);
+        return kExitFailure;
+    }
+    int status = kExitOK;
+    if (!TavixDeviceIsTransportAvailable(device.handle)) {
+        PrintError("\"%s\" has no transport controls", argv[1]);
+        status = kExitFailure;
+    } else {
+        if (action != "status")
+            TavixDeviceSetTransportMode(device.handle, mode);
+        SMPTETime time;
+        memset(&time, 0, sizeof time);
+        const bool hasTime = TavixDeviceGetSMPTETime(device.handle, &time);
+        printf("%s: %s", argv[1], TransportModeName(TavixDeviceGetTransportMode(device.handle)));
+        if (hasTime)
+            printf(", timecode %02d:%02d:%02d:%02d", time.mHours, time.mMinutes, time.mSeconds,
+                   time.mFrames);
+        printf("\n");
+    }
+    TavixDeviceClose(device.handle);
+    return status;
+}

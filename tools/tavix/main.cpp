@@ -1,0 +1,49 @@
+// The `tavix` command: lists capture devices and their formats, captures and records, and drives
+// tape decks, through the library's C interface.
+#include <cstdio>
+#include <cstring>
+
+#include "devices.h"
+#include "llib/mac/tavix.h"
+#include "options.h"
+
+namespace {
+
+void PrintUsage() {
+    printf("usage: tavix COMMAND [ARGUMENTS]\n\n"
+           "  list                         capture devices, their media types and state\n"
+           "  formats NAME                 the formats device NAME delivers\n"
+           "  capture NAME [OPTIONS]       captures, shows a live status, records, snapshots\n"
+           "  transport NAME ACTION        play, stop, rewind, ff or status of a tape deck\n\n"
+           "tavix COMMAND --help tells more.\n");
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    if (argc < 2) {
+        PrintUsage();
+        return kExitUsage;
+    }
+    const char* command = argv[1];
+    if (strcmp(command, "--help") == 0 || strcmp(command, "-h") == 0 ||
+        strcmp(command, "help") == 0) {
+        PrintUsage();
+        return kExitOK;
+    }
+    int status;
+    if (strcmp(command, "list") == 0)
+        status = ListCommand(argc - 1, argv + 1);
+    else if (strcmp(command, "formats") == 0)
+        status = FormatsCommand(argc - 1, argv + 1);
+    else if (strcmp(command, "capture") == 0)
+        status = CaptureCommand(argc - 1, argv + 1);
+    else if (strcmp(command, "transport") == 0)
+        status = TransportCommand(argc - 1, argv + 1);
+    else {
+        PrintError("unknown command \"%s\" (list, formats, capture or transport)", command);
+        return kExitUsage;
+    }
+    fflush(stdout);
+    return status;
+}

@@ -1,0 +1,54 @@
+#include "options.h"
+
+#include <cctype>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+
+bool ParseFourCC(const std::string& text, unsigned long& code) {
+    if (text.size() != 4)
+        return false;
+    code = 0;
+    for (unsigned char c : text) {
+        if (!isprint(c))
+            return false;
+        code = code << 8 | c;
+    }
+    return true;
+}
+
+std::string FourCCText(unsigned long code) {
+    std::string text;
+    for (int shift = 24; shift >= 0; shift -= 8) {
+        const char c = static_cast<char>((code >> shift) & 0xFF);
+        text += isprint(static_cast<unsigned char>(c)) ? c : '?';
+    }
+    return text;
+}
+
+bool ParseSize(const std::string& text, unsigned long& width, unsigned long& height) {
+    const size_t x = text.find_first_of("xX");
+    if (x == std::string::npos || x == 0 || x + 1 >= text.size())
+        return false;
+    for (size_t i = 0; i < text.size(); ++i)
+        if (i != x && !isdigit(static_cast<unsigned char>(text[i])))
+            return false;
+    width = strtoul(text.substr(0, x).c_str(), nullptr, 10);
+    height = strtoul(text.substr(x + 1).c_str(), nullptr, 10);
+    return width >= 1 && width <= 16384 && height >= 1 && height <= 16384;
+}
+
+bool ParseSeconds(const std::string& text, double& seconds) {
+    char* end = nullptr;
+    seconds = strtod(text.c_str(), &end);
+    return !text.empty() && end != nullptr && *end == '\0' && seconds > 0 && seconds <= 86400;
+}
+
+void PrintError(const char* format, ...) {
+    va_list arguments;
+    va_start(arguments, format);
+    fputs("tavix: ", stderr);
+    vfprintf(stderr, format, arguments);
+    fputc('\n', stderr);
+    va_end(arguments);
+}

@@ -1,0 +1,22 @@
+// Still pictures for `tavix capture --snapshot`: a captured frame converted to RGB and written
+// as a PNG file.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+// A frame as the video callback hands it over, copied.
+struct CapturedFrame {
+    std::vector<uint8_t> pixels;
+    unsigned long pixelFormat = 0; // Core Video four-character code
+    unsigned long width = 0, height = 0, bytesPerRow = 0;
+};
+
+// Converts a frame in '2vuy', 'yuvs', 'BGRA', 'ARGB', '420v', 'y420' or '24RG' to packed RGB
+// (BT.601 video range for the YUV formats); false for another pixel format or a short buffer.
+bool ConvertToRGB(const CapturedFrame& frame, std::vector<uint8_t>& rgb);
+
+// Writes 8-bit RGB pixels as a PNG file; false with errno set when the file cannot be written.
+bool WritePNG(const std::string& path, const std::vector<uint8_t>& rgb, unsigned long width,
+              unsigned long height);
