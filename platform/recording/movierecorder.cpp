@@ -16,6 +16,7 @@ extern "C" {
 #include <libavutil/audio_fifo.h>
 #include <libavutil/channel_layout.h>
 #include <libavutil/imgutils.h>
+#include <libavutil/log.h>
 #include <libavutil/opt.h>
 #include <libavutil/time.h>
 #include <libswresample/swresample.h>
@@ -585,6 +586,9 @@ std::unique_ptr<MovieRecorder> MovieRecorder::Create(const std::string& path,
                                                      const MovieAudioSettings* audio) {
     if (path.empty() || (video == nullptr && audio == nullptr))
         return nullptr;
+    // FFmpeg's chatter (encoder settings, statistics) is not for the host's terminal.
+    if (av_log_get_level() > AV_LOG_ERROR)
+        av_log_set_level(AV_LOG_ERROR);
     auto implementation = std::make_unique<Implementation>();
     if (!implementation->Open(path, video, audio)) {
         // Leave no half-made file behind when the recording never started.
