@@ -1,0 +1,37 @@
+#include "llib/gen/processrun.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <sys/wait.h>
+
+ProcessRunData::ProcessRunData() : nResult(1), nExitCode(-1) {
+    DoneSignal.Reset();
+    ReleaseSignal.Reset();
+}
+
+void* ProcessRunThreadCallback(void* data) {
+    ProcessRunData* run = static_cast<ProcessRunData*>(data);
+    run->nResult = 0;
+    run->nExitCode = -1;
+    const char* command = run->Command.pData != nullptr ? run->Command.pData : "";
+    // "w" gives the command an empty pipe as its standard input.
+    FILE* pipe = popen(command, "w");
+    if (pipe == nullptr) {
+        run->nResult = 2;
+    } else {
+        const int status = pclose(pipe);
+        if (status == -1 && errno != ECHILD)
+            run->nResult = 2;
+        else if (status != -1 && WIFEXITED(status))
+            run->nExitCode = WEXITSTATUS(status);
+    }
+    run->DoneSignal.Signal();
+    // Without a pipe the caller cannot release the data: keep it rather than spin.
+    if (run->ReleaseSignal.filedes[0] < 0)
+        return nullptr;
+    // An interrupted wait reports true; only a set ReleaseSignal ends it.
+    while (!run->ReleaseSignal.IsSignaled())
+        run->ReleaseSignal.WaitSignal(0xFFFFFFFFu);
+    delete run;
+    return nullptr;
+}
