@@ -4,6 +4,7 @@
 #include <cstdio>
 
 #include "llib/gen/mutex.h"
+#include "signalsync.h"
 
 void LProcessInterface::SetError(const char*) {}
 void LProcessInterface::SetStatus(const char*, int) {}
@@ -47,5 +48,8 @@ int LProcessInterfaceVoid::ProcessWaitSignalObjectGroup(LSignalObjectGroup& grou
     timeval storage{};
     int ready = select(group.nMaxFd + 1, &group.fdSet, nullptr, nullptr,
                        LMakeSelectTimeout(timeoutMs, storage));
-    return ready < 1 ? kLProcessFailed : kLProcessDone;
+    if (ready < 1)
+        return kLProcessFailed;
+    signalsync::AcquiredReady(group.nMaxFd, group.fdSet);
+    return kLProcessDone;
 }

@@ -32,6 +32,8 @@ void* ProcessRunThreadCallback(void* data) {
     // An interrupted wait reports true; only a set ReleaseSignal ends it.
     while (!run->ReleaseSignal.IsSignaled())
         run->ReleaseSignal.WaitSignal(0xFFFFFFFFu);
+    // Consuming the byte also orders the caller's last use of the data before the delete.
+    run->ReleaseSignal.Reset();
     delete run;
     return nullptr;
 }

@@ -1,5 +1,7 @@
 #include "llib/gen/signalobject.h"
 
+#include "signalsync.h"
+
 #include <cerrno>
 #include <fcntl.h>
 #include <unistd.h>
@@ -22,8 +24,10 @@ bool LSignalObjectRef::Select(int maxFd, fd_set& readSet, unsigned int timeoutMs
     timeval storage{};
     int ready =
         select(maxFd + 1, &readSet, nullptr, nullptr, LMakeSelectTimeout(timeoutMs, storage));
-    if (ready > 0)
+    if (ready > 0) {
+        signalsync::AcquiredReady(maxFd, readSet);
         return true;
+    }
     if (ready == 0)
         return false;
     return errno == EINTR;
@@ -69,6 +73,7 @@ bool LSignalObjectRef::WaitSignalDualForever(LSignalObjectRef other) const {
 void LSignalObjectRef::Signal() const {
     if (filedes[1] < 0)
         return;
+    signalsync::Released(filedes[0]);
     const unsigned char one = 1;
     ssize_t written;
     do
@@ -138,5 +143,8 @@ void LSignalObjectGroup::Add(LSignalObjectGroup& other) {
 bool LSignalObjectGroup::Select(unsigned int timeoutMs) const {
     fd_set copy = fdSet;
     timeval storage{};
-    return select(nMaxFd + 1, &copy, nullptr, nullptr, LMakeSelectTimeout(timeoutMs, storage)) > 0;
+    if (select(nMaxFd + 1, &copy, nullptr, nullptr, LMakeSelectTimeout(timeoutMs, storage)) < 1)
+        return false;
+    signalsync::AcquiredReady(nMaxFd, copy);
+    return true;
 }

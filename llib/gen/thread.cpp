@@ -1,5 +1,7 @@
 #include "llib/gen/thread.h"
 
+#include "signalsync.h"
+
 #include <cerrno>
 #include <sched.h>
 #include <sys/syscall.h>
@@ -154,6 +156,7 @@ int LThread::ProcessWaitSignal(LSignalObjectRef signal, unsigned int timeoutMs) 
     const int maxFd = stopFd > signalFd ? stopFd : signalFd;
     if (select(maxFd + 1, &readSet, nullptr, nullptr, LMakeSelectTimeout(timeoutMs, storage)) < 1)
         return kLProcessFailed;
+    signalsync::AcquiredReady(maxFd, readSet);
     return FD_ISSET(stopFd, &readSet) ? kLProcessStopped : kLProcessDone;
 }
 
@@ -163,6 +166,7 @@ int LThread::ProcessWaitSignalObjectGroup(LSignalObjectGroup& group, unsigned in
     if (select(group.nMaxFd + 1, &group.fdSet, nullptr, nullptr,
                LMakeSelectTimeout(timeoutMs, storage)) < 1)
         return kLProcessFailed;
+    signalsync::AcquiredReady(group.nMaxFd, group.fdSet);
     const int stopFd = StopSignal.filedes[0];
     if (stopFd >= 0 && stopFd < FD_SETSIZE && FD_ISSET(stopFd, &group.fdSet))
         return kLProcessStopped;
