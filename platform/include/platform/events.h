@@ -15,8 +15,8 @@
 
 #include <cstdint>
 
-typedef int32_t OSStatus;
-typedef uint32_t OSType;
+#include "platform/mactypes.h"
+
 typedef uint32_t EventParamName;
 typedef uint32_t EventParamType;
 typedef uint32_t EventAttributes;
@@ -27,8 +27,6 @@ typedef double EventTime;
 typedef double EventTimeout;
 
 enum : OSStatus {
-    noErr = 0,
-    paramErr = -50,
     errAECoercionFail = -1700,
     eventParameterNotFoundErr = -9870,
     eventNotHandledErr = -9874,

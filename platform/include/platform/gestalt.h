@@ -2,13 +2,9 @@
 // answer is the compatibility level this platform layer provides, not the kernel's version.
 #pragma once
 
-#include <cstdint>
+#include "platform/mactypes.h"
 
-typedef int16_t OSErr;
-typedef uint32_t OSType;
-typedef int32_t SInt32;
-
-enum : OSErr { noErr = 0, gestaltUndefSelectorErr = -5551 };
+enum : OSErr { gestaltUndefSelectorErr = -5551 };
 
 // 'sysv': the system version, packed decimal (10.6.8 is 0x1068).
 constexpr OSType gestaltSystemVersion = 0x73797376;
