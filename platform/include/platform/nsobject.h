@@ -18,10 +18,10 @@ public:
         return this;
     }
 
-    // Drops a reference and deletes the object when it was the last.
+    // Drops a reference; the last one calls dealloc, which deletes the object.
     void release() {
         if (refCount.fetch_sub(1, std::memory_order_acq_rel) == 1)
-            delete this;
+            dealloc();
     }
 
     // Hands one reference to the calling thread's innermost autorelease pool, which releases it
@@ -34,6 +34,10 @@ public:
 
 protected:
     virtual ~NSObject() = default;
+    // Runs when the last reference goes. A class that recycles its objects (a buffer pool)
+    // overrides it and revives the object with Revive instead of deleting it.
+    virtual void dealloc() { delete this; }
+    void Revive() { refCount.store(1, std::memory_order_relaxed); }
 
 private:
     std::atomic<int> refCount{1};

@@ -1,0 +1,115 @@
+#include "platform/pixelformats.h"
+
+extern "C" {
+#include <libavutil/pixfmt.h>
+}
+
+namespace {
+
+constexpr uint32_t V4L2FourCC(char a, char b, char c, char d) {
+    return static_cast<uint32_t>(static_cast<unsigned char>(a)) |
+           static_cast<uint32_t>(static_cast<unsigned char>(b)) << 8 |
+           static_cast<uint32_t>(static_cast<unsigned char>(c)) << 16 |
+           static_cast<uint32_t>(static_cast<unsigned char>(d)) << 24;
+}
+
+const PixelFormatInfo kFormats[] = {
+    {kCVPixelFormatType_422YpCbCr8, V4L2FourCC('U', 'Y', 'V', 'Y'), AV_PIX_FMT_UYVY422, "2vuy"},
+    {kCVPixelFormatType_422YpCbCr8_yuvs, V4L2FourCC('Y', 'U', 'Y', 'V'), AV_PIX_FMT_YUYV422,
+     "yuvs"},
+    // V4L2's ABGR32 is stored B, G, R, A; its ARGB32 is stored A, R, G, B.
+    {kCVPixelFormatType_32BGRA, V4L2FourCC('A', 'R', '2', '4'), AV_PIX_FMT_BGRA, "BGRA"},
+    {kCVPixelFormatType_32ARGB, V4L2FourCC('B', 'A', '2', '4'), AV_PIX_FMT_ARGB, "ARGB"},
+    {kCVPixelFormatType_420YpCbCr8BiPlanarVideoRange, V4L2FourCC('N', 'V', '1', '2'),
+     AV_PIX_FMT_NV12, "420v"},
+    {kCVPixelFormatType_420YpCbCr8Planar, V4L2FourCC('Y', 'U', '1', '2'), AV_PIX_FMT_YUV420P,
+     "y420"},
+    {kCVPixelFormatType_24RGB, V4L2FourCC('R', 'G', 'B', '3'), AV_PIX_FMT_RGB24, "24RG"},
+    {kCVPixelFormatType_24BGR, V4L2FourCC('B', 'G', 'R', '3'), AV_PIX_FMT_BGR24, "24BG"},
+    {kCVPixelFormatType_OneComponent8, V4L2FourCC('G', 'R', 'E', 'Y'), AV_PIX_FMT_GRAY8, "L008"},
+};
+
+size_t Align(size_t value, size_t alignment) {
+    return (value + alignment - 1) & ~(alignment - 1);
+}
+
+} // namespace
+
+OSType CanonicalPixelFormat(OSType pixelFormat) {
+    return pixelFormat == kPixelFormatARGBText ? kCVPixelFormatType_32ARGB : pixelFormat;
+}
+
+const PixelFormatInfo* FindPixelFormat(OSType pixelFormat) {
+    pixelFormat = CanonicalPixelFormat(pixelFormat);
+    for (const PixelFormatInfo& info : kFormats)
+        if (info.pixelFormat == pixelFormat)
+            return &info;
+    return nullptr;
+}
+
+const PixelFormatInfo* FindPixelFormatByV4L2(uint32_t v4l2Format) {
+    for (const PixelFormatInfo& info : kFormats)
+        if (info.v4l2Format == v4l2Format)
+            return &info;
+    return nullptr;
+}
+
+bool GetPixelFormatLayout(OSType pixelFormat, size_t width, size_t height, size_t alignment,
+                          PixelFormatLayout& layout) {
+    layout = PixelFormatLayout();
+    if (width == 0 || height == 0 || width > 16384 || height > 16384 || alignment == 0 ||
+        (alignment & (alignment - 1)) != 0)
+        return false;
+    const size_t chromaWidth = (width + 1) / 2, chromaHeight = (height + 1) / 2;
+    switch (CanonicalPixelFormat(pixelFormat)) {
+    case kCVPixelFormatType_422YpCbCr8:
+    case kCVPixelFormatType_422YpCbCr8_yuvs:
+        layout.planeCount = 1;
+        layout.bytesPerRow[0] = Align(chromaWidth * 4, alignment);
+        layout.planeWidth[0] = width;
+        break;
+    case kCVPixelFormatType_32BGRA:
+    case kCVPixelFormatType_32ARGB:
+        layout.planeCount = 1;
+        layout.bytesPerRow[0] = Align(width * 4, alignment);
+        layout.planeWidth[0] = width;
+        break;
+    case kCVPixelFormatType_24RGB:
+    case kCVPixelFormatType_24BGR:
+        layout.planeCount = 1;
+        layout.bytesPerRow[0] = Align(width * 3, alignment);
+        layout.planeWidth[0] = width;
+        break;
+    case kCVPixelFormatType_OneComponent8:
+        layout.planeCount = 1;
+        layout.bytesPerRow[0] = Align(width, alignment);
+        layout.planeWidth[0] = width;
+        break;
+    case kCVPixelFormatType_420YpCbCr8BiPlanarVideoRange:
+        layout.planeCount = 2;
+        layout.bytesPerRow[0] = Align(width, alignment);
+        layout.bytesPerRow[1] = Align(chromaWidth * 2, alignment);
+        layout.planeWidth[0] = width;
+        layout.planeWidth[1] = chromaWidth;
+        layout.planeHeight[1] = chromaHeight;
+        break;
+    case kCVPixelFormatType_420YpCbCr8Planar:
+        layout.planeCount = 3;
+        layout.bytesPerRow[0] = Align(width, alignment);
+        layout.bytesPerRow[1] = layout.bytesPerRow[2] = Align(chromaWidth, alignment);
+        layout.planeWidth[0] = width;
+        layout.planeWidth[1] = layout.planeWidth[2] = chromaWidth;
+        layout.planeHeight[1] = layout.planeHeight[2] = chromaHeight;
+        break;
+    default:
+        return false;
+    }
+    layout.planeHeight[0] = height;
+    size_t offset = 0;
+    for (int plane = 0; plane < layout.planeCount; ++plane) {
+        layout.planeOffset[plane] = offset;
+        offset += layout.bytesPerRow[plane] * layout.planeHeight[plane];
+    }
+    layout.totalSize = offset;
+    return true;
+}
