@@ -55,6 +55,14 @@ NSSize NSValue::sizeValue() const {
     return size;
 }
 
+SMPTETime NSValue::SMPTETimeValue() const {
+    SMPTETime time;
+    memset(&time, 0, sizeof time);
+    if (bytes.size() == sizeof time)
+        memcpy(&time, bytes.data(), sizeof time);
+    return time;
+}
+
 NSArray::NSArray(const std::vector<NSObject*>& objects) {
     items.reserve(objects.size());
     for (NSObject* object : objects)

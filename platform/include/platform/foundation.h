@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "llib/mac/smptetime.h"
 #include "platform/nsobject.h"
 
 class NSString;
@@ -89,6 +90,8 @@ public:
     void getValue(void* out) const;
     size_t size() const { return bytes.size(); }
     NSSize sizeValue() const;
+    // The value as a timecode record (zero when it holds something else).
+    SMPTETime SMPTETimeValue() const;
 
 private:
     std::vector<unsigned char> bytes;

@@ -1,0 +1,23 @@
+// The device backends, in the order their devices are listed.
+#include <ctime>
+
+#include "platform/devicebackend.h"
+
+platform::DeviceBackend* VirtualDeviceBackend();
+
+namespace platform {
+
+const std::vector<DeviceBackend*>& DeviceBackends() {
+    // Real devices first; the virtual test devices always last.
+    static const std::vector<DeviceBackend*>* backends =
+        new std::vector<DeviceBackend*>{VirtualDeviceBackend()};
+    return *backends;
+}
+
+double MonotonicSeconds() {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
+}
+
+} // namespace platform

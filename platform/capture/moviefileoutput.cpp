@@ -1,0 +1,186 @@
+// The movie file output: records what the session captures with the movie recorder. The file
+// is created once the first picture and the first sound have shown what the streams carry (or
+// after a second with only one of them).
+#include "platform/movierecorder.h"
+#include "platform/qtkit.h"
+
+namespace {
+constexpr double kWaitForOtherStreamSeconds = 1.0;
+}
+
+struct QTCaptureMovieFileOutput::Recording {
+    std::string path;
+    std::unique_ptr<MovieRecorder> recorder;
+    bool gaveUp = false;
+    double firstSample = -1;
+    bool haveVideo = false, haveAudio = false;
+    MovieVideoSettings video;
+    MovieAudioSettings audio;
+};
+
+QTCaptureMovieFileOutput::QTCaptureMovieFileOutput() = default;
+
+QTCaptureMovieFileOutput::~QTCaptureMovieFileOutput() {
+    Finish();
+    NSReleaseIfSet(url);
+}
+
+void QTCaptureMovieFileOutput::recordToOutputFileURL(NSURL* newURL) {
+    Finish();
+    std::lock_guard<std::mutex> locked(mutex);
+    if (newURL != nullptr)
+        newURL->retain();
+    NSReleaseIfSet(url);
+    url = newURL;
+    if (url != nullptr && sessionRunning) {
+        recording.reset(new Recording);
+        recording->path = url->path();
+    }
+}
+
+NSURL* QTCaptureMovieFileOutput::outputFileURL() const {
+    std::lock_guard<std::mutex> locked(mutex);
+    return url;
+}
+
+void QTCaptureMovieFileOutput::SessionStarted(QTCaptureSession* session) {
+    std::lock_guard<std::mutex> locked(mutex);
+    sessionRunning = true;
+    expectVideo = expectAudio = keepDV = false;
+    NSArray* inputs = session->inputs();
+    for (size_t i = 0; i < inputs->count(); ++i) {
+        auto* input = dynamic_cast<QTCaptureDeviceInput*>(inputs->objectAtIndex(i));
+        if (input == nullptr || input->device() == nullptr)
+            continue;
+        const platform::DeviceInfo info = input->device()->backendDevice()->Info();
+        expectVideo = expectVideo || info.hasVideo || info.isMuxed;
+        expectAudio = expectAudio || info.hasSound || info.isMuxed;
+        keepDV = keepDV || info.isMuxed;
+    }
+    if (url != nullptr && recording == nullptr) {
+        recording.reset(new Recording);
+        recording->path = url->path();
+    }
+}
+
+void QTCaptureMovieFileOutput::SessionStopped() {
+    Finish();
+    std::lock_guard<std::mutex> locked(mutex);
+    sessionRunning = false;
+}
+
+void QTCaptureMovieFileOutput::Finish() {
+    std::unique_ptr<Recording> ending;
+    {
+        std::lock_guard<std::mutex> locked(mutex);
+        ending.swap(recording);
+    }
+    if (ending != nullptr && ending->recorder != nullptr) {
+        ending->recorder->Finish();
+        std::lock_guard<std::mutex> locked(mutex);
+        const MovieRecorderStatistics figures = ending->recorder->GetStatistics();
+        last.videoFrames = figures.videoFramesWritten;
+        last.audioFrames = figures.audioFramesWritten;
+        last.bytes = figures.bytesWritten;
+        last.failed = figures.failed;
+        last.recording = false;
+    }
+}
+
+QTCaptureMovieFileOutput::Statistics QTCaptureMovieFileOutput::statistics() const {
+    std::lock_guard<std::mutex> locked(mutex);
+    if (recording == nullptr || recording->recorder == nullptr) {
+        Statistics figures = last;
+        figures.failed = figures.failed || (recording != nullptr && recording->gaveUp);
+        return figures;
+    }
+    const MovieRecorderStatistics current = recording->recorder->GetStatistics();
+    Statistics figures;
+    figures.videoFrames = current.videoFramesWritten;
+    figures.audioFrames = current.audioFramesWritten;
+    figures.bytes = current.bytesWritten;
+    figures.failed = current.failed;
+    figures.recording = true;
+    return figures;
+}
+
+void QTCaptureMovieFileOutput::Deliver(const platform::CapturedSample& sample, QTSampleBuffer*,
+                                       QTCaptureConnection*, bool isVideo) {
+    std::lock_guard<std::mutex> locked(mutex);
+    Recording* active = recording.get();
+    if (active == nullptr || active->gaveUp)
+        return;
+    if (active->firstSample < 0)
+        active->firstSample = sample.time;
+    if (active->recorder == nullptr) {
+        if (isVideo && sample.video != nullptr && !active->haveVideo) {
+            const PixelFormatInfo* info = FindPixelFormat(sample.video->pixelFormat);
+            if (info != nullptr) {
+                active->video.width = static_cast<int>(sample.video->width);
+                active->video.height = static_cast<int>(sample.video->height);
+                active->video.pixelFormat = info->ffmpegFormat;
+                active->video.frameRate = sample.frameRate > 0 ? sample.frameRate : 30;
+                active->video.keepAsDV = keepDV;
+                active->haveVideo = true;
+            }
+        }
+        if (!isVideo && sample.audio != nullptr && !active->haveAudio) {
+            const AudioStreamBasicDescription& format = sample.audioFormat;
+            const bool nonInterleaved =
+                (format.mFormatFlags & kAudioFormatFlagIsNonInterleaved) != 0;
+            active->audio.sampleRate = format.mSampleRate;
+            active->audio.channels = static_cast<int>(format.mChannelsPerFrame);
+            active->audio.bytesPerSample = static_cast<int>(
+                format.mChannelsPerFrame == 0 ? 0
+                : nonInterleaved              ? format.mBytesPerFrame
+                                              : format.mBytesPerFrame / format.mChannelsPerFrame);
+            active->audio.isFloat = (format.mFormatFlags & kAudioFormatFlagIsFloat) != 0;
+            active->audio.isNonInterleaved = nonInterleaved;
+            active->audio.isBigEndian = (format.mFormatFlags & kAudioFormatFlagIsBigEndian) != 0;
+            active->audio.isSignedInteger =
+                (format.mFormatFlags & kAudioFormatFlagIsSignedInteger) != 0;
+            active->haveAudio = true;
+        }
+        const bool complete =
+            (active->haveVideo || !expectVideo) && (active->haveAudio || !expectAudio);
+        const bool waitedEnough = sample.time - active->firstSample >= kWaitForOtherStreamSeconds;
+        if (!complete && !waitedEnough)
+            return;
+        if (!active->haveVideo && !active->haveAudio) {
+            active->gaveUp = true;
+            return;
+        }
+        active->recorder =
+            MovieRecorder::Create(active->path, active->haveVideo ? &active->video : nullptr,
+                                  active->haveAudio ? &active->audio : nullptr);
+        if (active->recorder == nullptr) {
+            // An unwritable path ends the recording; capture goes on.
+            active->gaveUp = true;
+            return;
+        }
+    }
+    if (isVideo && sample.video != nullptr && active->haveVideo) {
+        const CVPixelBufferRef frame = sample.video;
+        if (static_cast<int>(frame->width) != active->video.width ||
+            static_cast<int>(frame->height) != active->video.height)
+            return;
+        const uint8_t* planes[4] = {nullptr, nullptr, nullptr, nullptr};
+        int strides[4] = {0, 0, 0, 0};
+        for (int plane = 0; plane < frame->layout.planeCount; ++plane) {
+            planes[plane] = frame->base + frame->layout.planeOffset[plane];
+            strides[plane] = static_cast<int>(frame->layout.bytesPerRow[plane]);
+        }
+        active->recorder->AppendVideo(planes, strides, sample.time);
+    } else if (!isVideo && sample.audio != nullptr && active->haveAudio) {
+        const AudioBufferList* list = sample.audio;
+        const UInt32 bytesPerFrame = sample.audioFormat.mBytesPerFrame;
+        if (bytesPerFrame == 0 || list->mNumberBuffers == 0 || list->mNumberBuffers > 32)
+            return;
+        const void* buffers[32];
+        for (UInt32 i = 0; i < list->mNumberBuffers; ++i)
+            buffers[i] = list->mBuffers[i].mData;
+        active->recorder->AppendAudio(
+            buffers, static_cast<int>(list->mNumberBuffers),
+            static_cast<int>(list->mBuffers[0].mDataByteSize / bytesPerFrame), sample.time);
+    }
+}

@@ -1,0 +1,244 @@
+#include "virtualdevice.h"
+
+#include <chrono>
+#include <cmath>
+#include <cstring>
+#include <thread>
+#include <vector>
+
+#include "testpattern.h"
+
+namespace {
+
+// Sound comes in buffers of this length when the device has no pictures to follow.
+constexpr double kSoundBufferSeconds = 0.01;
+constexpr double kToneAmplitude = 0.5;
+
+class VirtualStream : public platform::DeviceStream {
+public:
+    VirtualStream(std::shared_ptr<VirtualDevice> device, const virtualdevices::VideoMode* mode)
+        : device(std::move(device)), start(platform::MonotonicSeconds()) {
+        const virtualdevices::DeviceSpec& spec = this->device->spec;
+        if (mode != nullptr) {
+            videoMode = *mode;
+            pattern.reset(new TestPattern(mode->pixelFormat, mode->width, mode->height));
+            pool = new CVPixelBufferPool(mode->pixelFormat, mode->width, mode->height);
+        }
+        hasSound = spec.sound || spec.muxed;
+        if (hasSound) {
+            const double rate = spec.audio.mSampleRate;
+            // A muxed device carries each picture's sound with it; a sound device uses short
+            // buffers.
+            framesPerBuffer = static_cast<size_t>(std::lround(
+                rate * (pattern != nullptr ? 1.0 / videoMode.frameRate : kSoundBufferSeconds)));
+            const UInt32 buffers = (spec.audio.mFormatFlags & kAudioFormatFlagIsNonInterleaved)
+                                       ? spec.audio.mChannelsPerFrame
+                                       : 1;
+            listStorage.resize(AudioBufferListSize(buffers));
+            samples.resize(static_cast<size_t>(buffers) * framesPerBuffer *
+                           spec.audio.mBytesPerFrame);
+        }
+    }
+
+    ~VirtualStream() override {
+        if (pool != nullptr) {
+            pool->Invalidate();
+            pool->release();
+        }
+    }
+
+    Result Read(int timeoutMs, platform::CapturedSample& sample) override {
+        if (!device->IsConnected())
+            return Result::Gone;
+        const double due = NextDue();
+        if (!VirtualDevicesUnthrottled()) {
+            const double now = platform::MonotonicSeconds();
+            if (now < due) {
+                const double wait = std::min(due - now, timeoutMs / 1000.0);
+                std::this_thread::sleep_for(std::chrono::duration<double>(wait));
+                if (!device->IsConnected())
+                    return Result::Gone;
+                if (platform::MonotonicSeconds() < due)
+                    return Result::Timeout;
+            }
+        }
+        return Produce(due, sample) ? Result::Sample : Result::Timeout;
+    }
+
+private:
+    double NextDue() const {
+        if (pattern != nullptr)
+            return start + static_cast<double>(videoFrames) / videoMode.frameRate;
+        return start +
+               static_cast<double>(soundBuffers) * framesPerBuffer / device->spec.audio.mSampleRate;
+    }
+
+    bool Produce(double due, platform::CapturedSample& sample) {
+        const virtualdevices::DeviceSpec& spec = device->spec;
+        sample.time = due;
+        bool produced = false;
+        if (pattern != nullptr) {
+            ++videoFrames;
+            uint64_t pictureNumber = videoFrames - 1;
+            bool picture = true;
+            if (spec.transport) {
+                const long long position = device->transport.Position(due);
+                pictureNumber = static_cast<uint64_t>(position);
+                picture = device->transport.DeliversPictures();
+                sample.hasTimecode = picture;
+                sample.timecode = device->transport.Timecode(position);
+            }
+            if (picture) {
+                sample.video = pool->CreatePixelBuffer();
+                if (sample.video != nullptr) {
+                    pattern->Draw(sample.video, pictureNumber);
+                    sample.frameRate = videoMode.frameRate;
+                    produced = true;
+                }
+            }
+            if (picture && hasSound) {
+                FillSound(sample);
+                produced = true;
+            }
+        } else if (hasSound) {
+            ++soundBuffers;
+            FillSound(sample);
+            produced = true;
+        }
+        if (produced)
+            ++device->delivered;
+        return produced;
+    }
+
+    void FillSound(platform::CapturedSample& sample) {
+        const AudioStreamBasicDescription& format = device->spec.audio;
+        const bool nonInterleaved = (format.mFormatFlags & kAudioFormatFlagIsNonInterleaved) != 0;
+        const bool isFloat = (format.mFormatFlags & kAudioFormatFlagIsFloat) != 0;
+        const UInt32 channels = format.mChannelsPerFrame;
+        const UInt32 bytesPerSample = nonInterleaved
+                                          ? format.mBytesPerFrame
+                                          : format.mBytesPerFrame / std::max<UInt32>(1, channels);
+        const UInt32 buffers = nonInterleaved ? channels : 1;
+        auto* list = reinterpret_cast<AudioBufferList*>(listStorage.data());
+        list->mNumberBuffers = buffers;
+        const size_t bufferBytes = framesPerBuffer * format.mBytesPerFrame;
+        for (UInt32 b = 0; b < buffers; ++b)
+            list->mBuffers[b] =
+                AudioBuffer{nonInterleaved ? 1 : channels, static_cast<UInt32>(bufferBytes),
+                            samples.data() + b * bufferBytes};
+        const double step = 2 * M_PI * device->spec.toneHz / format.mSampleRate;
+        for (size_t frame = 0; frame < framesPerBuffer; ++frame) {
+            const double value =
+                kToneAmplitude * std::sin(step * static_cast<double>(soundFrames + frame));
+            for (UInt32 channel = 0; channel < channels; ++channel) {
+                unsigned char* target =
+                    nonInterleaved
+                        ? samples.data() + channel * bufferBytes + frame * bytesPerSample
+                        : samples.data() + frame * format.mBytesPerFrame + channel * bytesPerSample;
+                WriteSample(value, target, bytesPerSample, isFloat);
+            }
+        }
+        soundFrames += framesPerBuffer;
+        sample.audio = list;
+        sample.audioFormat = format;
+    }
+
+    static void WriteSample(double value, unsigned char* target, UInt32 bytes, bool isFloat) {
+        if (isFloat && bytes == 4) {
+            const float f = static_cast<float>(value);
+            memcpy(target, &f, 4);
+        } else if (bytes == 2) {
+            const int16_t s = static_cast<int16_t>(std::lround(value * 32767));
+            memcpy(target, &s, 2);
+        } else if (bytes == 4) {
+            const int32_t s = static_cast<int32_t>(std::lround(value * 2147483647.0));
+            memcpy(target, &s, 4);
+        } else {
+            memset(target, 0, bytes);
+        }
+    }
+
+    std::shared_ptr<VirtualDevice> device;
+    double start;
+    virtualdevices::VideoMode videoMode;
+    std::unique_ptr<TestPattern> pattern;
+    CVPixelBufferPool* pool = nullptr;
+    bool hasSound = false;
+    size_t framesPerBuffer = 0;
+    uint64_t videoFrames = 0, soundBuffers = 0, soundFrames = 0;
+    std::vector<unsigned char> listStorage, samples;
+};
+
+} // namespace
+
+VirtualDevice::VirtualDevice(virtualdevices::DeviceSpec deviceSpec)
+    : spec(std::move(deviceSpec)),
+      transport(spec.videoModes.empty() ? 25.0 : spec.videoModes.front().frameRate),
+      connected(spec.connected), inUse(spec.inUse), openable(spec.openable) {}
+
+platform::DeviceInfo VirtualDevice::Info() const {
+    platform::DeviceInfo info;
+    info.uniqueId = spec.uniqueId;
+    info.displayName = spec.name;
+    info.isMuxed = spec.muxed;
+    info.hasVideo = spec.video || spec.muxed;
+    info.hasSound = spec.sound || spec.muxed;
+    return info;
+}
+
+bool VirtualDevice::Open() {
+    return IsConnected() && openable.load() && !inUse.load();
+}
+
+std::vector<platform::DeviceFormat> VirtualDevice::Formats() {
+    std::vector<platform::DeviceFormat> formats;
+    for (const virtualdevices::VideoMode& mode : spec.videoModes) {
+        platform::DeviceFormat format;
+        format.kind = spec.muxed ? platform::MediaKind::Muxed : platform::MediaKind::Video;
+        // A deck's stream is DV; its pictures arrive decoded.
+        format.formatType = spec.muxed ? FourCharCodeFromText("dvc ") : mode.pixelFormat;
+        format.width = mode.width;
+        format.height = mode.height;
+        format.frameRate = mode.frameRate;
+        if (spec.muxed)
+            format.audio = spec.audio;
+        formats.push_back(format);
+    }
+    if (spec.sound && !spec.muxed) {
+        platform::DeviceFormat format;
+        format.kind = platform::MediaKind::Sound;
+        format.formatType = kAudioFormatLinearPCM;
+        format.audio = spec.audio;
+        formats.push_back(format);
+    }
+    return formats;
+}
+
+void VirtualDevice::SetTransport(const platform::TransportState& state) {
+    if (spec.transport)
+        transport.SetState(state, platform::MonotonicSeconds());
+}
+
+std::unique_ptr<platform::DeviceStream>
+VirtualDevice::StartStream(const platform::StreamRequest& request) {
+    if (!IsConnected())
+        return nullptr;
+    const virtualdevices::VideoMode* chosen = nullptr;
+    if (spec.video || spec.muxed) {
+        if (spec.videoModes.empty())
+            return nullptr;
+        chosen = &spec.videoModes.front();
+        // A mode of the wished size (and format, when one is wished) is delivered natively.
+        for (const virtualdevices::VideoMode& mode : spec.videoModes) {
+            const bool sizeFits = (request.width == 0 || request.width == mode.width) &&
+                                  (request.height == 0 || request.height == mode.height);
+            const bool formatFits = request.pixelFormat == 0 ||
+                                    request.pixelFormat == CanonicalPixelFormat(mode.pixelFormat);
+            if (sizeFits && formatFits) {
+                chosen = &mode;
+                break;
+            }
+        }
+    }
+    return std::unique_ptr<platform::DeviceStream>(new VirtualStream(shared_from_this(), chosen));
+}

@@ -1,0 +1,36 @@
+// A virtual capture device: pictures from the test pattern, sound from a sine, timecode from a
+// tape transport, each as its specification says, paced by the clock unless unthrottled.
+#pragma once
+
+#include <atomic>
+#include <memory>
+
+#include "platform/virtualdevices.h"
+#include "tapetransport.h"
+
+class VirtualDevice : public platform::BackendDevice,
+                      public std::enable_shared_from_this<VirtualDevice> {
+public:
+    explicit VirtualDevice(virtualdevices::DeviceSpec spec);
+
+    platform::DeviceInfo Info() const override;
+    bool IsConnected() override { return connected.load() && !removed.load(); }
+    bool IsInUseByAnotherApplication() override { return inUse.load(); }
+    bool Open() override;
+    void Close() override {}
+    std::vector<platform::DeviceFormat> Formats() override;
+    bool HasTransport() override { return spec.transport; }
+    platform::TransportState GetTransport() override { return transport.State(); }
+    void SetTransport(const platform::TransportState& state) override;
+    std::unique_ptr<platform::DeviceStream>
+    StartStream(const platform::StreamRequest& request) override;
+
+    const virtualdevices::DeviceSpec spec;
+    TapeTransport transport;
+    std::atomic<bool> connected, inUse, openable;
+    std::atomic<bool> removed{false};
+    std::atomic<uint64_t> delivered{0};
+};
+
+// Whether devices run as fast as they can (set by the test control).
+bool VirtualDevicesUnthrottled();

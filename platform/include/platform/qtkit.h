@@ -1,0 +1,306 @@
+// The capture objects: devices, sessions, inputs, connections, outputs, sample buffers and
+// format descriptions, under the desktop framework's names, with members named after their
+// selectors ([session addInput:input error:&error] is session->addInput(input, &error)).
+//
+// A session runs one capture thread per device input while it runs; each thread reads samples
+// from its device's backend stream and hands them to the session's outputs, which call their
+// delegates on that thread. stopRunning returns only after the capture threads have stopped
+// calling delegates; setDelegate returns only after a delegate call already under way on
+// another thread has finished.
+#pragma once
+
+#include <atomic>
+#include <memory>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "platform/coreaudio.h"
+#include "platform/corevideo.h"
+#include "platform/devicebackend.h"
+#include "platform/foundation.h"
+
+// Media types.
+extern NSString* const QTMediaTypeVideo;
+extern NSString* const QTMediaTypeSound;
+extern NSString* const QTMediaTypeMuxed;
+
+// Device attributes: the tape-transport controls, a dictionary with a speed (long) and a
+// playback mode (unsigned long).
+extern NSString* const QTCaptureDeviceAVCTransportControlsAttribute;
+extern NSString* const QTCaptureDeviceAVCTransportControlsSpeedKey;
+extern NSString* const QTCaptureDeviceAVCTransportControlsPlaybackModeKey;
+enum : unsigned long {
+    QTCaptureDeviceAVCTransportControlsNotPlayingMode = 0,
+    QTCaptureDeviceAVCTransportControlsPlayingMode = 1,
+};
+
+// Sample-buffer and format-description attributes.
+extern NSString* const QTSampleBufferSMPTETimeAttribute; // NSValue of SMPTETime
+extern NSString* const
+    QTFormatDescriptionAudioStreamBasicDescriptionAttribute; // NSValue of the description
+extern NSString* const QTFormatDescriptionVideoEncodedPixelsSizeAttribute; // NSValue of NSSize
+
+enum : unsigned int { QTSampleBufferAudioBufferListOptionAssure16ByteAlignment = 1 };
+
+class QTFormatDescription : public NSObject {
+public:
+    explicit QTFormatDescription(const platform::DeviceFormat& format);
+    NSString* mediaType() const;
+    UInt32 formatType() const { return format.formatType; }
+    NSDictionary* formatDescriptionAttributes() const { return attributes; }
+    NSObject* attributeForKey(const NSString* key) const { return attributes->objectForKey(key); }
+    const platform::DeviceFormat& deviceFormat() const { return format; }
+
+protected:
+    ~QTFormatDescription() override;
+
+private:
+    platform::DeviceFormat format;
+    NSMutableDictionary* attributes;
+};
+
+class QTCaptureDevice : public NSObject {
+public:
+    // Every capture device present (and those gone while open), in a stable order: real
+    // devices first, the virtual test devices last. Autoreleased.
+    static NSArray* inputDevices();
+    // Looks a device up by its unique id among those listed so far; null when unknown.
+    static QTCaptureDevice* deviceWithUniqueID(const NSString* uniqueID);
+
+    NSString* localizedDisplayName() const { return displayName; }
+    NSString* uniqueID() const { return uniqueIdentifier; }
+    bool hasMediaType(const NSString* mediaType) const;
+    bool isConnected() const;
+    bool isInUseByAnotherApplication() const;
+    // Opens the device; false (with *error set when error is not null) when it cannot.
+    bool open(NSError** error);
+    void close();
+    bool isOpen() const { return openFlag.load(); }
+    // Autoreleased array of QTFormatDescription.
+    NSArray* formatDescriptions() const;
+    // Autoreleased; holds the transport-controls attribute when the device has one.
+    NSDictionary* deviceAttributes() const;
+    NSObject* attributeForKey(const NSString* key) const;
+    void setAttribute(NSObject* value, const NSString* key);
+
+    // For the capture core.
+    std::shared_ptr<platform::BackendDevice> backendDevice() const;
+    explicit QTCaptureDevice(std::shared_ptr<platform::BackendDevice> device);
+    void ReplaceBackendDevice(std::shared_ptr<platform::BackendDevice> device);
+
+protected:
+    ~QTCaptureDevice() override;
+
+private:
+    mutable std::mutex mutex;
+    std::shared_ptr<platform::BackendDevice> device;
+    platform::DeviceInfo info;
+    NSString* displayName;
+    NSString* uniqueIdentifier;
+    std::atomic<bool> openFlag{false};
+};
+
+class QTCaptureConnection : public NSObject {
+public:
+    QTCaptureConnection(QTFormatDescription* description, NSString* mediaType);
+    QTFormatDescription* formatDescription() const { return description; }
+    NSString* mediaType() const { return media; }
+
+protected:
+    ~QTCaptureConnection() override;
+
+private:
+    QTFormatDescription* description;
+    NSString* media;
+};
+
+class QTCaptureSession;
+
+class QTCaptureInput : public NSObject {};
+
+class QTCaptureDeviceInput : public QTCaptureInput {
+public:
+    // initWithDevice:, with one reference for the caller; the input retains the device.
+    explicit QTCaptureDeviceInput(QTCaptureDevice* device);
+    QTCaptureDevice* device() const { return captureDevice; }
+    // One connection per media the device delivers (pictures, sound); autoreleased array.
+    NSArray* connections() const { return connectionList; }
+
+protected:
+    ~QTCaptureDeviceInput() override;
+
+private:
+    QTCaptureDevice* captureDevice;
+    NSArray* connectionList;
+};
+
+class QTSampleBuffer : public NSObject {
+public:
+    QTSampleBuffer(QTFormatDescription* description, const platform::CapturedSample& sample,
+                   bool forAudio);
+    QTFormatDescription* formatDescription() const { return description; }
+    // The sound of the buffer; null for a picture. Valid while the delegate call runs.
+    const AudioBufferList* audioBufferListWithOptions(unsigned int options) const;
+    // QTSampleBufferSMPTETimeAttribute when the sample carries a timecode; null otherwise.
+    NSObject* attributeForKey(const NSString* key) const;
+    double presentationTime() const { return time; }
+    unsigned long numberOfSamples() const;
+
+protected:
+    ~QTSampleBuffer() override;
+
+private:
+    QTFormatDescription* description;
+    const AudioBufferList* audio;
+    UInt32 bytesPerFrame;
+    double time;
+    NSValue* timecode;
+};
+
+class QTCaptureOutput : public NSObject {
+public:
+    // Which outputs a test may make a session refuse.
+    enum class Kind { Video, Audio, Movie };
+    virtual Kind kind() const = 0;
+
+    // For the capture core. Called on a capture thread for each sample of the session's inputs.
+    virtual void Deliver(const platform::CapturedSample& sample, QTSampleBuffer* buffer,
+                         QTCaptureConnection* connection, bool isVideo) = 0;
+    // The session started running with this output, or stopped or removed it.
+    virtual void SessionStarted(QTCaptureSession*) {}
+    virtual void SessionStopped() {}
+};
+
+class QTCaptureDecompressedVideoOutputDelegate {
+public:
+    // captureOutput:didOutputVideoFrame:withSampleBuffer:fromConnection:
+    virtual void captureOutput(QTCaptureOutput* output, CVImageBufferRef videoFrame,
+                               QTSampleBuffer* sampleBuffer, QTCaptureConnection* connection) = 0;
+
+protected:
+    ~QTCaptureDecompressedVideoOutputDelegate() = default;
+};
+
+class QTCaptureDecompressedAudioOutputDelegate {
+public:
+    // captureOutput:didOutputAudioSampleBuffer:fromConnection:
+    virtual void captureOutput(QTCaptureOutput* output, QTSampleBuffer* sampleBuffer,
+                               QTCaptureConnection* connection) = 0;
+
+protected:
+    ~QTCaptureDecompressedAudioOutputDelegate() = default;
+};
+
+class QTCaptureDecompressedVideoOutput : public QTCaptureOutput {
+public:
+    QTCaptureDecompressedVideoOutput();
+    Kind kind() const override { return Kind::Video; }
+    // The delegate is not retained. Returns once no call to the previous delegate runs.
+    void setDelegate(QTCaptureDecompressedVideoOutputDelegate* delegate);
+    QTCaptureDecompressedVideoOutputDelegate* delegate() const;
+    // Pixel format, width and height wanted (kCVPixelBuffer...Key); the dictionary is retained.
+    void setPixelBufferAttributes(NSDictionary* attributes);
+    NSDictionary* pixelBufferAttributes() const;
+    // The wishes read from the attributes (0 where none was given).
+    platform::StreamRequest Request() const;
+
+protected:
+    ~QTCaptureDecompressedVideoOutput() override;
+    void Deliver(const platform::CapturedSample& sample, QTSampleBuffer* buffer,
+                 QTCaptureConnection* connection, bool isVideo) override;
+
+private:
+    mutable std::recursive_mutex mutex; // held around every delegate call
+    QTCaptureDecompressedVideoOutputDelegate* videoDelegate = nullptr;
+    NSDictionary* attributes = nullptr;
+    platform::StreamRequest request;
+    class VideoConverter* converter = nullptr;
+};
+
+class QTCaptureDecompressedAudioOutput : public QTCaptureOutput {
+public:
+    Kind kind() const override { return Kind::Audio; }
+    void setDelegate(QTCaptureDecompressedAudioOutputDelegate* delegate);
+    QTCaptureDecompressedAudioOutputDelegate* delegate() const;
+
+protected:
+    void Deliver(const platform::CapturedSample& sample, QTSampleBuffer* buffer,
+                 QTCaptureConnection* connection, bool isVideo) override;
+
+private:
+    mutable std::recursive_mutex mutex;
+    QTCaptureDecompressedAudioOutputDelegate* audioDelegate = nullptr;
+};
+
+// Records what the session captures to a movie file (see platform/movierecorder.h).
+class QTCaptureMovieFileOutput : public QTCaptureOutput {
+public:
+    QTCaptureMovieFileOutput();
+    Kind kind() const override { return Kind::Movie; }
+    // Starts recording to url (null stops): while the session runs the file is written; a
+    // file that cannot be written ends the recording quietly.
+    void recordToOutputFileURL(NSURL* url);
+    NSURL* outputFileURL() const;
+    // What has been written so far, for status displays and tests.
+    struct Statistics {
+        uint64_t videoFrames = 0, audioFrames = 0, bytes = 0;
+        bool failed = false;
+        bool recording = false;
+    };
+    Statistics statistics() const;
+
+protected:
+    ~QTCaptureMovieFileOutput() override;
+    void Deliver(const platform::CapturedSample& sample, QTSampleBuffer* buffer,
+                 QTCaptureConnection* connection, bool isVideo) override;
+    void SessionStarted(QTCaptureSession* session) override;
+    void SessionStopped() override;
+
+private:
+    struct Recording;
+    void Finish();
+    mutable std::mutex mutex;
+    NSURL* url = nullptr;
+    std::unique_ptr<Recording> recording;
+    Statistics last; // of the recording that ended last
+    bool sessionRunning = false;
+    bool expectVideo = false, expectAudio = false, keepDV = false;
+};
+
+class CaptureThread;
+
+class QTCaptureSession : public NSObject {
+public:
+    QTCaptureSession();
+    // False (error set) when the session refuses the input: its device is not open, or a test
+    // made the session refuse it. Adding an input already in the session succeeds.
+    bool addInput(QTCaptureInput* input, NSError** error);
+    void removeInput(QTCaptureInput* input);
+    // False (error set) when a test made the session refuse this kind of output. Adding an
+    // output already in the session succeeds.
+    bool addOutput(QTCaptureOutput* output, NSError** error);
+    void removeOutput(QTCaptureOutput* output);
+    void startRunning();
+    // Returns once no delegate call runs or can start (from a delegate, the calling thread's
+    // own call is the one still running).
+    void stopRunning();
+    bool isRunning() const { return running.load(); }
+    NSArray* inputs() const;
+    NSArray* outputs() const;
+
+    // What the capture thread of input asks its device for.
+    platform::StreamRequest RequestFor(QTCaptureDeviceInput* input) const;
+
+protected:
+    ~QTCaptureSession() override;
+
+private:
+    void StartThread(QTCaptureDeviceInput* input);
+    void StopThreads(const QTCaptureDeviceInput* only);
+    mutable std::recursive_mutex mutex; // guards the lists; never held while joining
+    std::vector<QTCaptureDeviceInput*> inputList;
+    std::vector<QTCaptureOutput*> outputList;
+    std::vector<std::unique_ptr<CaptureThread>> threads;
+    std::atomic<bool> running{false};
+};
