@@ -16,18 +16,29 @@ QTCaptureDeviceInput::QTCaptureDeviceInput(QTCaptureDevice* device)
     std::vector<NSObject*> connections;
     if (device != nullptr) {
         device->retain();
-        // The first format of each media stands for the connection.
-        const std::vector<platform::DeviceFormat> formats = device->backendDevice()->Formats();
+        // The first format of each media stands for its connection; a muxed stream (a DV
+        // deck's) has a picture connection and a sound connection.
         bool haveVideo = false, haveSound = false;
-        for (const platform::DeviceFormat& format : formats) {
-            const bool sound = format.kind == platform::MediaKind::Sound;
-            if ((sound && haveSound) || (!sound && haveVideo))
-                continue;
-            (sound ? haveSound : haveVideo) = true;
+        auto add = [&connections](const platform::DeviceFormat& format) {
             auto* description = new QTFormatDescription(format);
-            auto* connection = new QTCaptureConnection(description, description->mediaType());
+            connections.push_back(new QTCaptureConnection(description, description->mediaType()));
             description->release();
-            connections.push_back(connection);
+        };
+        for (const platform::DeviceFormat& format : device->backendDevice()->Formats()) {
+            if (format.kind != platform::MediaKind::Sound && !haveVideo) {
+                platform::DeviceFormat pictures = format;
+                pictures.kind = platform::MediaKind::Video;
+                add(pictures);
+                haveVideo = true;
+            }
+            if (format.kind != platform::MediaKind::Video && format.audio.mFormatID != 0 &&
+                !haveSound) {
+                platform::DeviceFormat sound = format;
+                sound.kind = platform::MediaKind::Sound;
+                sound.formatType = format.audio.mFormatID;
+                add(sound);
+                haveSound = true;
+            }
         }
     }
     connectionList = new NSArray(connections);

@@ -50,6 +50,16 @@ size_t NSAutoreleasePool::pendingCount() {
     return count;
 }
 
+void NSAutoreleasePool::drainThreadOrphans() {
+    ThreadPools& pools = CurrentThreadPools();
+    while (!pools.orphans.empty()) {
+        std::vector<NSObject*> batch;
+        batch.swap(pools.orphans);
+        for (NSObject* object : batch)
+            object->release();
+    }
+}
+
 NSObject* NSObject::autorelease() {
     ThreadPools& pools = CurrentThreadPools();
     if (pools.stack.empty())

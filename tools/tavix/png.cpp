@@ -63,7 +63,7 @@ bool ConvertToRGB(const CapturedFrame& frame, std::vector<uint8_t>& rgb) {
             }
         return true;
     }
-    if (format == FourCC("BGRA") || format == FourCC("ARGB")) {
+    if (format == FourCC("BGRA") || format == FourCC("ARGB") || format == 0x20) {
         if (row < w * 4 || size < row * h)
             return false;
         const bool bgra = format == FourCC("BGRA");

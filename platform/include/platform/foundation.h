@@ -177,6 +177,8 @@ public:
     void drain() { release(); }
     // Objects waiting in the calling thread's pools, for tests.
     static size_t pendingCount();
+    // Releases what was autoreleased on this thread outside any pool.
+    static void drainThreadOrphans();
 
 protected:
     ~NSAutoreleasePool() override;

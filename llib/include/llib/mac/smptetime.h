@@ -9,7 +9,7 @@ typedef struct SMPTETime {
     int16_t mSubframes;
     int16_t mSubframeDivisor;
     uint32_t mCounter;
-    uint32_t mType; /* the SMPTE time type: 0 24 fps, 1 25, 2 30 drop, 3 30, 4 29.97, ... */
+    uint32_t mType;  /* the SMPTE time type: 0 24 fps, 1 25, 2 30 drop, 3 30, 4 29.97, ... */
     uint32_t mFlags; /* 1 valid, 2 running */
     int16_t mHours;
     int16_t mMinutes;

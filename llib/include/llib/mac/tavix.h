@@ -1,0 +1,224 @@
+/* tavix: a flat C interface to video and audio capture devices (cameras, sound inputs, tape
+   decks).
+
+   A host enumerates the devices, looks one up by display name and media type and receives a
+   handle, opens it, learns its formats, starts capture with plain callbacks that receive raw
+   frames (with SMPTE timecode) and converted PCM sound, optionally records to a movie file at
+   the same time, drives a tape deck's transport, stops capture and releases the handle.
+
+   Handles: a handle is an opaque unsigned long; 0 is never valid. Every function that takes a
+   handle checks it first and, for an invalid or stale one, returns false (0 for
+   TavixDeviceGetTransportMode, nothing for TavixDeviceSetTransportMode) and does nothing else.
+
+   Threads: any thread may call any function. TavixDeviceGet, TavixDeviceRetain and
+   TavixDeviceRelease are serialised by the library; the other functions are not, so a host
+   serialises its calls per device and never drops a device's last reference while another of
+   its threads still uses the handle. Threads other than the one that loaded the library wrap
+   their calls in TavixThreadInit / TavixThreadDestroy.
+
+   Callbacks run on the library's capture threads, one call at a time per device and callback,
+   holding that callback's lock: a callback may call back into the library for the same device
+   on its own thread, but must not wait for another thread that is invalidating the same
+   callback or reading the timecode. Pointers handed to a callback are valid only during the
+   call.
+
+   Usable from C (C99) and C++. */
+#ifndef LLIB_MAC_TAVIX_H
+#define LLIB_MAC_TAVIX_H
+
+#include "llib/mac/smptetime.h"
+
+#ifdef __cplusplus
+#include <cstddef>
+extern "C" {
+#else
+#include <stdbool.h>
+#include <stddef.h>
+#endif
+
+#if defined(__GNUC__)
+#define TAVIX_EXPORT __attribute__((visibility("default")))
+#else
+#define TAVIX_EXPORT
+#endif
+
+/* Media types. Sound also matches muxed devices (a DV deck's sound); video also matches muxed
+   devices; muxed needs system version 10.5 or later. */
+typedef enum TavixDeviceMediaType {
+    TavixDeviceMediaTypeAny = 0,
+    TavixDeviceMediaTypeSound = 1,
+    TavixDeviceMediaTypeVideo = 2,
+    TavixDeviceMediaTypeMuxed = 3
+} TavixDeviceMediaType;
+
+/* Tape transport modes. */
+typedef enum TavixDeviceTransportMode {
+    TavixDeviceTransportModeStop = 0,
+    TavixDeviceTransportModePlay = 1,
+    TavixDeviceTransportModeRewind = 2,
+    TavixDeviceTransportModeFastForward = 3,
+    TavixDeviceTransportModePlayFastReverse = 4,
+    TavixDeviceTransportModePlayFastForward = 5,
+    TavixDeviceTransportModeUnavailable = 6
+} TavixDeviceTransportMode;
+
+/* Receives every frame: base address of the pixels (read in place, valid during the call),
+   Core Video pixel format code ('2vuy', 'BGRA', ...; 4:2:0 formats keep their chroma planes
+   after the luma rows), width and height in pixels, bytes per row, the frame's timecode or
+   NULL, and the data given to the start call. */
+typedef void (*TavixDeviceVideoCallBack)(const unsigned char* pixels, unsigned long pixelFormat,
+                                         unsigned long width, unsigned long height,
+                                         unsigned long bytesPerRow, const SMPTETime* time,
+                                         long data);
+
+/* Receives converted sound: interleaved samples (valid during the call), Core Audio format
+   flags (1 float, 2 big-endian, 4 signed integer, 8 packed), sample rate in Hz, channels,
+   bytes per sample of one channel, sample frames in the buffer, and the data given to the
+   start call. */
+typedef void (*TavixDeviceAudioCallBack)(const unsigned char* samples, unsigned int formatFlags,
+                                         unsigned long sampleRate, unsigned long channels,
+                                         unsigned long bytesPerSample, unsigned long sampleFrames,
+                                         long data);
+
+/* A format as TavixDeviceFormatEnumerate reports it. */
+typedef struct TavixDeviceFormat_C {
+    unsigned int dwFormat; /* pixel format (video) or audio format type (sound) */
+    unsigned int dwWidth;  /* 0 for sound */
+    unsigned int dwHeight; /* 0 for sound */
+    unsigned int dwBytesPerRow;
+} TavixDeviceFormat_C;
+
+/* True when any device handle is in use; TavixDumpUsedDevices answers the same. */
+TAVIX_EXPORT bool TavixHasUsedDevices(void);
+TAVIX_EXPORT bool TavixDumpUsedDevices(void);
+
+/* Looks a device up by UTF-8 display name (ASCII letters compared without case) and media type
+   and returns a handle holding one reference; 0 for a null or empty name, an unknown device,
+   or when all 64 handles are in use. Pair with TavixDeviceRelease. */
+TAVIX_EXPORT unsigned long TavixDeviceGet(const char* name, TavixDeviceMediaType type);
+/* Adds a reference; false for an invalid handle. */
+TAVIX_EXPORT bool TavixDeviceRetain(unsigned long device);
+/* Drops a reference; the last one frees the handle. While the device captures, the count is
+   not lowered (the last reference only detaches the callbacks and ends the recording): stop
+   capture first. False only for an invalid handle. */
+TAVIX_EXPORT bool TavixDeviceRelease(unsigned long device);
+
+/* Opens the device (true when it is open afterwards) / closes it and its companion audio
+   device (always true for a valid handle). */
+TAVIX_EXPORT bool TavixDeviceOpen(unsigned long device);
+TAVIX_EXPORT bool TavixDeviceClose(unsigned long device);
+TAVIX_EXPORT bool TavixDeviceIsOpened(unsigned long device);
+TAVIX_EXPORT bool TavixDeviceIsConnected(unsigned long device);
+TAVIX_EXPORT bool TavixDeviceIsUsedByAnotherApplication(unsigned long device);
+TAVIX_EXPORT bool TavixDeviceHasMediaType(unsigned long device, TavixDeviceMediaType type);
+
+/* Drops the companion audio device (stopping the whole session); false when the session did
+   not stop or the companion was named but never found. */
+TAVIX_EXPORT bool TavixDeviceCloseAudioDevice(unsigned long device);
+/* The same for every handle; true when every one succeeded. */
+TAVIX_EXPORT bool TavixDeviceCloseAllAudioDevices(void);
+
+/* Starts capture on an open device. videoCallBack / audioCallBack may be NULL (no such
+   output). pixelFormat, width, height: 0 lets the device choose. Sound: format flags (0: 12,
+   signed packed integers), rate (0: 44100), channels (0: 2), bytes per sample (0: 2).
+   outputFilePath: a movie file to record into (.mov, .mp4, .mkv; NULL: none); a file that
+   cannot be written ends the recording without disturbing capture. A second start while
+   capturing keeps the existing callbacks. False when the device input, the video output or
+   the recording could not be added (capture is then torn down). */
+TAVIX_EXPORT bool TavixDeviceStartCapture(unsigned long device,
+                                          TavixDeviceVideoCallBack videoCallBack,
+                                          long videoCallBackData, unsigned long pixelFormat,
+                                          unsigned long width, unsigned long height,
+                                          TavixDeviceAudioCallBack audioCallBack,
+                                          long audioCallBackData, unsigned int sampleFormatFlags,
+                                          unsigned long sampleRate, unsigned long channels,
+                                          unsigned long bytesPerSample, const char* outputFilePath);
+/* The same, taking sound from a second device named audioDeviceName (false for a NULL or
+   empty name) when the device itself has no sound. */
+TAVIX_EXPORT bool TavixDeviceStartCaptureWithAudioDevice(
+    unsigned long device, const char* audioDeviceName, TavixDeviceVideoCallBack videoCallBack,
+    long videoCallBackData, unsigned long pixelFormat, unsigned long width, unsigned long height,
+    TavixDeviceAudioCallBack audioCallBack, long audioCallBackData, unsigned int sampleFormatFlags,
+    unsigned long sampleRate, unsigned long channels, unsigned long bytesPerSample,
+    const char* outputFilePath);
+/* Detaches the callbacks, stops and tears the session down; the movie file is closed. */
+TAVIX_EXPORT bool TavixDeviceStopCapture(unsigned long device);
+/* Detaches the callbacks and ends the recording; the session keeps running. */
+TAVIX_EXPORT bool TavixDeviceStopRecording(unsigned long device);
+TAVIX_EXPORT bool TavixDeviceIsCapturing(unsigned long device);
+
+/* Cuts a callback off: clears the callback when it matches, and the data when it matches;
+   true when either did. After a true answer no call with the cleared callback runs or starts.
+   False when the device is not capturing. */
+TAVIX_EXPORT bool TavixDeviceInvalidateCaptureVideoCallBack(unsigned long device,
+                                                            TavixDeviceVideoCallBack callBack,
+                                                            long callBackData);
+TAVIX_EXPORT bool TavixDeviceInvalidateCaptureAudioCallBack(unsigned long device,
+                                                            TavixDeviceAudioCallBack callBack,
+                                                            long callBackData);
+
+/* Tape transport. GetTransportMode returns TavixDeviceTransportModeUnavailable for a device
+   without transport controls (and 0 for an invalid handle). */
+TAVIX_EXPORT bool TavixDeviceIsTransportAvailable(unsigned long device);
+TAVIX_EXPORT TavixDeviceTransportMode TavixDeviceGetTransportMode(unsigned long device);
+TAVIX_EXPORT void TavixDeviceSetTransportMode(unsigned long device, TavixDeviceTransportMode mode);
+/* Copies the timecode of the latest frame (time may be NULL); false when capture is not
+   running or the latest frame had none. */
+TAVIX_EXPORT bool TavixDeviceGetSMPTETime(unsigned long device, SMPTETime* time);
+/* The timecode in milliseconds (frames scaled by the nominal rate of mType); 0 for NULL. */
+TAVIX_EXPORT unsigned long TavixDeviceSMPTE2Milliseconds(const SMPTETime* time);
+
+/* Per-thread scope for threads other than the main thread; TavixThreadDestroy(NULL) does
+   nothing. */
+TAVIX_EXPORT void* TavixThreadInit(void);
+TAVIX_EXPORT void TavixThreadDestroy(void* pool);
+/* True on the thread that loaded the library. */
+TAVIX_EXPORT bool TavixIsMainThread(void);
+
+/* For C hosts: enumeration through a function and a context. The function returns false to
+   stop. Names are valid during the call. flags bit 0: also report devices that are not
+   connected. */
+typedef bool (*TavixDeviceEnumerateCallBack)(const char* name, void* context);
+TAVIX_EXPORT void TavixDeviceEnumerateWithCallBack(TavixDeviceEnumerateCallBack callBack,
+                                                   void* context, TavixDeviceMediaType type,
+                                                   unsigned int flags);
+/* Reports audio formats (width and height 0) then video formats through one function; false
+   as TavixDeviceFormatEnumerate. */
+typedef bool (*TavixDeviceFormatEnumerateCallBack)(const TavixDeviceFormat_C* format, bool isVideo,
+                                                   void* context);
+TAVIX_EXPORT bool
+TavixDeviceFormatEnumerateWithCallBack(unsigned long device,
+                                       TavixDeviceFormatEnumerateCallBack callBack, void* context);
+
+#ifdef __cplusplus
+}
+
+/* Host-implemented enumeration interfaces (C++). Neither has a virtual destructor. */
+class ITavixDeviceEnumerator {
+public:
+    /* A device's UTF-8 display name, valid during the call; return false to stop. */
+    virtual bool OnDevice(const char* name) = 0;
+};
+
+class ITavixDeviceFormatEnumerator {
+public:
+    virtual bool OnDeviceFormatAudio(unsigned long format) = 0;
+    virtual bool OnDeviceFormatVideo(unsigned long format, unsigned long width,
+                                     unsigned long height) = 0;
+};
+
+extern "C" {
+/* Reports the display names of the devices with the media type; flags bit 0: also those that
+   are not connected. A NULL enumerator does nothing. */
+TAVIX_EXPORT void TavixDeviceEnumerate(ITavixDeviceEnumerator* enumerator,
+                                       TavixDeviceMediaType type, unsigned int flags);
+/* Reports the device's formats: audio formats first, then video formats, largest first. The
+   first call for a device may run a short probe capture (up to about 5 seconds; on the main
+   thread it keeps the main event queue flowing) and is cached for the process. False for an
+   invalid handle or a NULL enumerator, or when nothing is known of the device. */
+TAVIX_EXPORT bool TavixDeviceFormatEnumerate(unsigned long device,
+                                             ITavixDeviceFormatEnumerator* enumerator);
+}
+#endif
+
+#endif

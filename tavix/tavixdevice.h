@@ -1,0 +1,144 @@
+// A device slot of the registry, and the delegates that turn platform frames and sound into the
+// host's callbacks.
+#pragma once
+
+#include "llib/gen/mutex.h"
+#include "llib/mac/tavix.h"
+#include "platform/qtkit.h"
+
+class ITavixDeviceEnumeratorEx {
+public:
+    // True to go on, false to stop.
+    virtual bool OnDevice(const char* name, QTCaptureDevice* device) = 0;
+};
+
+class TavixDeviceFinder : public ITavixDeviceEnumeratorEx {
+public:
+    TavixDeviceFinder(const char* name, TavixDeviceMediaType type)
+        : pszName(name), MediaType(type), pFoundDevice(nullptr) {}
+    bool OnDevice(const char* name, QTCaptureDevice* device) override;
+    const char* pszName;
+    TavixDeviceMediaType MediaType;
+    QTCaptureDevice* pFoundDevice;
+};
+
+class TavixDeviceEnumeratorExWrapper : public ITavixDeviceEnumeratorEx {
+public:
+    TavixDeviceEnumeratorExWrapper(ITavixDeviceEnumerator* enumerator, TavixDeviceMediaType type,
+                                   unsigned int flags)
+        : pEnumerator(enumerator), MediaType(type), dwFlags(flags) {}
+    bool OnDevice(const char* name, QTCaptureDevice* device) override;
+    ITavixDeviceEnumerator* pEnumerator;
+    TavixDeviceMediaType MediaType;
+    unsigned int dwFlags;
+};
+
+// The frame delegate: one host video callback, cut off safely by invalidation.
+class TavixDeviceDecompressedVideoOutputDelegate : public NSObject,
+                                                   public QTCaptureDecompressedVideoOutputDelegate {
+public:
+    // initWithVideoCallBack:VideoCallBackData:
+    TavixDeviceDecompressedVideoOutputDelegate(TavixDeviceVideoCallBack callBack,
+                                               long callBackData);
+    void captureOutput(QTCaptureOutput* output, CVImageBufferRef videoFrame,
+                       QTSampleBuffer* sampleBuffer, QTCaptureConnection* connection) override;
+    bool getSMPTETime(SMPTETime* time);
+    bool invalidateVideoCallBack(TavixDeviceVideoCallBack callBack, long callBackData);
+
+    TavixDeviceVideoCallBack pVideoCallBack;
+    long VideoCallBackData; // kept at the full width of long, so a host may pass a pointer
+    SMPTETime* pSMPTETimeStamp;
+    SMPTETime SMPTETimeStampHolder;
+    LLockObject DelegateMutex;
+};
+
+// The sample delegate: converts each sound buffer into the host's format and calls it.
+class TavixDeviceDecompressedAudioOutputDelegate : public NSObject,
+                                                   public QTCaptureDecompressedAudioOutputDelegate {
+public:
+    // initWithAudioCallBack:AudioCallBackData:CASampleFormatFlags:SampleRate:Channels:BytesPerSample:
+    TavixDeviceDecompressedAudioOutputDelegate(TavixDeviceAudioCallBack callBack, long callBackData,
+                                               unsigned int flags, unsigned long sampleRate,
+                                               unsigned long channels,
+                                               unsigned long bytesPerSample);
+    void captureOutput(QTCaptureOutput* output, QTSampleBuffer* sampleBuffer,
+                       QTCaptureConnection* connection) override;
+    bool invalidateAudioCallBack(TavixDeviceAudioCallBack callBack, long callBackData);
+
+    TavixDeviceAudioCallBack pAudioCallBack;
+    long AudioCallBackData;
+    AudioStreamBasicDescription InputStreamDescription;
+    AudioStreamBasicDescription OutputStreamDescription;
+    AudioConverterRef AudioConverter;
+    unsigned char ConvertSamplesBuffer[65535];
+    LLockObject DelegateMutex;
+
+protected:
+    ~TavixDeviceDecompressedAudioOutputDelegate() override; // dealloc
+};
+
+class TavixDevice {
+public:
+    static void Enumerate(ITavixDeviceEnumeratorEx* enumerator);
+    static TavixDevice* GetDevice(unsigned long handle);
+    static QTCaptureDevice* GetQTDevice(unsigned long handle);
+    static TavixDevice* GetDevice(const char* name, TavixDeviceMediaType type);
+    static TavixDevice* CreateDevice(const char* name, TavixDeviceMediaType type);
+    void Retain();
+    void Release();
+    void Clear();
+    static bool HasUsedDevices();
+    static bool DumpUsedDevices();
+    static bool IsMediaTypeSupported(TavixDeviceMediaType type);
+    static bool HasMediaType(QTCaptureDevice* device, TavixDeviceMediaType type);
+    bool HasMediaType(TavixDeviceMediaType type) const;
+
+    bool Open();
+    bool Close();
+    bool IsOpened() const;
+    bool IsConnected() const;
+    bool IsUsedByAnotherApplication() const;
+    void CreateAudioDevice(const char* name);
+    bool CloseAudioDevice();
+    static bool CloseAllAudioDevices();
+
+    bool StartCapture(TavixDeviceVideoCallBack videoCallBack, long videoCallBackData,
+                      unsigned long pixelFormat, unsigned long width, unsigned long height,
+                      TavixDeviceAudioCallBack audioCallBack, long audioCallBackData,
+                      unsigned int sampleFormatFlags, unsigned long sampleRate,
+                      unsigned long channels, unsigned long bytesPerSample,
+                      const char* outputFilePath);
+    bool StopCapture();
+    bool StopRecording();
+    bool IsCapturing() const;
+    bool InvalidateCaptureVideoCallBack(TavixDeviceVideoCallBack callBack, long callBackData);
+    bool InvalidateCaptureAudioCallBack(TavixDeviceAudioCallBack callBack, long callBackData);
+
+    bool IsTransportAvailable() const;
+    TavixDeviceTransportMode GetTransportMode() const;
+    void SetTransportMode(TavixDeviceTransportMode mode);
+    bool GetSMPTETime(SMPTETime* time) const;
+
+    // The slot's handle.
+    unsigned long Handle() const { return reinterpret_cast<unsigned long>(this); }
+    bool IsInUse() const { return szName[0] != 0 && pDevice != nullptr && nRefCount >= 0; }
+    bool IsSessionRunning() const { return pSession != nullptr && pSession->isRunning(); }
+
+    char szName[260];
+    char szAudioDeviceName[260];
+    QTCaptureDevice* pDevice;
+    QTCaptureDevice* pAudioDevice;
+    QTCaptureSession* pSession;
+    QTCaptureDeviceInput* pDeviceInput;
+    QTCaptureDeviceInput* pAudioDeviceInput;
+    QTCaptureDecompressedVideoOutput* pVideoOutput;
+    TavixDeviceDecompressedVideoOutputDelegate* pVideoDelegate;
+    QTCaptureDecompressedAudioOutput* pAudioOutput;
+    TavixDeviceDecompressedAudioOutputDelegate* pAudioDelegate;
+    QTCaptureMovieFileOutput* pMovieFileOutput;
+    int nRefCount;
+};
+
+enum { kTavixDeviceCount = 64 };
+extern TavixDevice TavixDevices[kTavixDeviceCount];
+extern LLockObject TavixDeviceMutex;
