@@ -28,6 +28,13 @@ tsan: deps
 	cmake --build build-tsan -j $(JOBS)
 	ctest --test-dir build-tsan --output-on-failure -j $(JOBS)
 
+# The main job: records five seconds from the built-in test camera and microphone into a
+# QuickTime movie, writes a PNG snapshot and prints the summary (files in build/demo/).
+demo: deps build
+	mkdir -p build/demo
+	build/tavix capture "Tavix Test Camera" --audio "Tavix Test Microphone" --seconds 5 \
+		--record build/demo/capture.mov --snapshot build/demo/snapshot.png
+
 bench: deps build
 	build/bench/tavix_bench
 
