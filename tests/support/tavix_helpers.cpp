@@ -1,0 +1,38 @@
+#include "support/tavix_helpers.h"
+
+void LogFrame(const unsigned char*, unsigned long pixelFormat, unsigned long width,
+              unsigned long height, unsigned long bytesPerRow, const SMPTETime* time, long data) {
+    CallbackLog& log = *reinterpret_cast<CallbackLog*>(data);
+    log.pixelFormat = pixelFormat;
+    log.width = width;
+    log.height = height;
+    log.bytesPerRow = bytesPerRow;
+    if (time != nullptr)
+        log.sawTimecode = true;
+    log.lastData = data;
+    ++log.frames;
+}
+
+void LogSound(const unsigned char*, unsigned int formatFlags, unsigned long sampleRate,
+              unsigned long channels, unsigned long bytesPerSample, unsigned long sampleFrames,
+              long data) {
+    CallbackLog& log = *reinterpret_cast<CallbackLog*>(data);
+    log.formatFlags = formatFlags;
+    log.sampleRate = sampleRate;
+    log.channels = channels;
+    log.bytesPerSample = bytesPerSample;
+    if (sampleFrames > log.maxSampleFrames)
+        log.maxSampleFrames = sampleFrames;
+    log.sampleFrames += static_cast<long>(sampleFrames);
+}
+
+DeviceScope::~DeviceScope() {
+    if (handle == 0)
+        return;
+    // A device closed while capturing needs opening again for the stop to take.
+    TavixDeviceOpen(handle);
+    TavixDeviceStopCapture(handle);
+    TavixDeviceClose(handle);
+    for (int i = 0; i < 100 && TavixDeviceRelease(handle); ++i) {
+    }
+}

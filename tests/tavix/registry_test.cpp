@@ -1,0 +1,214 @@
+// Device handles, look-up, reference counting and enumeration, through the exported functions.
+#include <gtest/gtest.h>
+#include <string>
+#include <vector>
+
+#include "platform/virtualdevices.h"
+#include "support/tavix_helpers.h"
+#include "tavix/tavixdevice.h"
+
+namespace {
+
+class RegistryTest : public ::testing::Test {
+protected:
+    void TearDown() override { virtualdevices::Reset(); }
+};
+
+int RefCount(unsigned long handle) {
+    TavixDevice* device = TavixDevice::GetDevice(handle);
+    return device != nullptr ? device->nRefCount : -100;
+}
+
+struct NameCollector : ITavixDeviceEnumerator {
+    std::vector<std::string> names;
+    int stopAfter = -1;
+    bool OnDevice(const char* name) override {
+        names.emplace_back(name);
+        return stopAfter < 0 || static_cast<int>(names.size()) < stopAfter;
+    }
+};
+
+virtualdevices::DeviceSpec Camera(const std::string& name) {
+    virtualdevices::DeviceSpec spec;
+    spec.name = name;
+    spec.video = true;
+    spec.videoModes = {{kCVPixelFormatType_32BGRA, 64, 48, 30}};
+    return spec;
+}
+
+} // namespace
+
+TEST_F(RegistryTest, NamesAreLookedUpWithoutASCIICaseAndShareOneHandle) {
+    EXPECT_FALSE(TavixHasUsedDevices());
+    EXPECT_EQ(0u, TavixDeviceGet(nullptr, TavixDeviceMediaTypeVideo));
+    EXPECT_EQ(0u, TavixDeviceGet("", TavixDeviceMediaTypeVideo));
+    EXPECT_EQ(0u, TavixDeviceGet("No Such Device", TavixDeviceMediaTypeVideo));
+    const unsigned long first = TavixDeviceGet("Tavix Test Camera", TavixDeviceMediaTypeVideo);
+    DeviceScope scope(first);
+    ASSERT_NE(0u, first);
+    EXPECT_TRUE(TavixHasUsedDevices());
+    EXPECT_TRUE(TavixDumpUsedDevices());
+    const unsigned long second = TavixDeviceGet("tavix TEST camera", TavixDeviceMediaTypeVideo);
+    EXPECT_EQ(first, second);
+    EXPECT_EQ(2, RefCount(first));
+    EXPECT_TRUE(TavixDeviceRetain(first));
+    EXPECT_EQ(3, RefCount(first));
+    EXPECT_TRUE(TavixDeviceRelease(first));
+    EXPECT_TRUE(TavixDeviceRelease(first));
+    EXPECT_TRUE(TavixDeviceRelease(first));
+    EXPECT_FALSE(TavixDeviceRelease(first)) << "the handle is stale after the last release";
+    EXPECT_FALSE(TavixHasUsedDevices());
+    // Sound matches the deck's muxed media; video does not match the microphone.
+    const unsigned long deckSound = TavixDeviceGet("Tavix Test Deck", TavixDeviceMediaTypeSound);
+    DeviceScope deckScope(deckSound);
+    EXPECT_NE(0u, deckSound);
+    EXPECT_EQ(0u, TavixDeviceGet("Tavix Test Microphone", TavixDeviceMediaTypeVideo));
+}
+
+TEST_F(RegistryTest, InvalidHandlesGetTheirDefinedAnswers) {
+    const unsigned long camera = TavixDeviceGet("Tavix Test Camera", TavixDeviceMediaTypeVideo);
+    ASSERT_NE(0u, camera);
+    TavixDeviceRelease(camera); // now stale
+    int local = 0;
+    const unsigned long handles[] = {0,
+                                     1,
+                                     camera,
+                                     camera + 1,
+                                     reinterpret_cast<unsigned long>(&local),
+                                     reinterpret_cast<unsigned long>(&TavixDevices[64]),
+                                     ~0ul};
+    for (unsigned long handle : handles) {
+        SCOPED_TRACE(handle);
+        EXPECT_FALSE(TavixDeviceOpen(handle));
+        EXPECT_FALSE(TavixDeviceClose(handle));
+        EXPECT_FALSE(TavixDeviceRetain(handle));
+        EXPECT_FALSE(TavixDeviceRelease(handle));
+        EXPECT_FALSE(TavixDeviceIsOpened(handle));
+        EXPECT_FALSE(TavixDeviceIsConnected(handle));
+        EXPECT_FALSE(TavixDeviceIsUsedByAnotherApplication(handle));
+        EXPECT_FALSE(TavixDeviceHasMediaType(handle, TavixDeviceMediaTypeVideo));
+        EXPECT_FALSE(TavixDeviceIsTransportAvailable(handle));
+        EXPECT_EQ(TavixDeviceTransportModeStop, TavixDeviceGetTransportMode(handle));
+        TavixDeviceSetTransportMode(handle, TavixDeviceTransportModePlay);
+        EXPECT_FALSE(
+            TavixDeviceStartCapture(handle, LogFrame, 1, 0, 0, 0, nullptr, 0, 0, 0, 0, 0, nullptr));
+        EXPECT_FALSE(TavixDeviceStopCapture(handle));
+        EXPECT_FALSE(TavixDeviceStopRecording(handle));
+        EXPECT_FALSE(TavixDeviceIsCapturing(handle));
+        SMPTETime time;
+        EXPECT_FALSE(TavixDeviceGetSMPTETime(handle, &time));
+        EXPECT_FALSE(TavixDeviceInvalidateCaptureVideoCallBack(handle, LogFrame, 0));
+        EXPECT_FALSE(TavixDeviceInvalidateCaptureAudioCallBack(handle, LogSound, 0));
+        EXPECT_FALSE(TavixDeviceCloseAudioDevice(handle));
+        NameCollector formats;
+        EXPECT_FALSE(TavixDeviceFormatEnumerate(handle, nullptr));
+    }
+    EXPECT_TRUE(TavixDeviceCloseAllAudioDevices());
+}
+
+TEST_F(RegistryTest, SixtyFourSlotsAndNoMore) {
+    std::vector<unsigned long> handles;
+    for (int i = 0; i < 65; ++i)
+        virtualdevices::Add(Camera("Camera " + std::to_string(i)));
+    for (int i = 0; i < 64; ++i) {
+        const unsigned long handle =
+            TavixDeviceGet(("Camera " + std::to_string(i)).c_str(), TavixDeviceMediaTypeVideo);
+        ASSERT_NE(0u, handle) << i;
+        handles.push_back(handle);
+    }
+    EXPECT_EQ(0u, TavixDeviceGet("Camera 64", TavixDeviceMediaTypeVideo));
+    // A device already in the table is still found.
+    EXPECT_EQ(handles[10], TavixDeviceGet("camera 10", TavixDeviceMediaTypeVideo));
+    TavixDeviceRelease(handles[10]);
+    for (unsigned long handle : handles)
+        EXPECT_TRUE(TavixDeviceRelease(handle));
+    EXPECT_FALSE(TavixHasUsedDevices());
+}
+
+TEST_F(RegistryTest, LongNamesAreStoredTruncated) {
+    const std::string name(300, 'x');
+    virtualdevices::Add(Camera(name));
+    const unsigned long first = TavixDeviceGet(name.c_str(), TavixDeviceMediaTypeVideo);
+    ASSERT_NE(0u, first);
+    EXPECT_EQ(259u, strlen(TavixDevice::GetDevice(first)->szName));
+    // The stored name no longer equals the full one, so a second look-up takes another slot.
+    const unsigned long second = TavixDeviceGet(name.c_str(), TavixDeviceMediaTypeVideo);
+    EXPECT_NE(first, second);
+    TavixDeviceRelease(first);
+    TavixDeviceRelease(second);
+}
+
+TEST_F(RegistryTest, EnumerationFiltersByMediaTypeAndConnection) {
+    const std::string id = virtualdevices::Add(Camera("Unplugged Camera"));
+    virtualdevices::SetConnected(id, false);
+    NameCollector video;
+    TavixDeviceEnumerate(&video, TavixDeviceMediaTypeVideo, 0);
+    EXPECT_EQ(std::vector<std::string>({"Tavix Test Camera", "Tavix Test Deck"}), video.names);
+    NameCollector all;
+    TavixDeviceEnumerate(&all, TavixDeviceMediaTypeVideo, 1);
+    EXPECT_EQ(
+        std::vector<std::string>({"Tavix Test Camera", "Tavix Test Deck", "Unplugged Camera"}),
+        all.names);
+    NameCollector sound;
+    TavixDeviceEnumerate(&sound, TavixDeviceMediaTypeSound, 0);
+    EXPECT_EQ(std::vector<std::string>({"Tavix Test Microphone", "Tavix Test Deck"}), sound.names);
+    NameCollector first;
+    first.stopAfter = 1;
+    TavixDeviceEnumerate(&first, TavixDeviceMediaTypeAny, 1);
+    EXPECT_EQ(1u, first.names.size());
+    TavixDeviceEnumerate(nullptr, TavixDeviceMediaTypeAny, 0);
+    TavixDeviceEnumerateWithCallBack(nullptr, nullptr, TavixDeviceMediaTypeAny, 0);
+}
+
+TEST_F(RegistryTest, OpenStateAndDeviceState) {
+    const std::string id = virtualdevices::Add(Camera("Busy Camera"));
+    const unsigned long handle = TavixDeviceGet("Busy Camera", TavixDeviceMediaTypeVideo);
+    DeviceScope scope(handle);
+    virtualdevices::SetInUseByAnotherApplication(id, true);
+    EXPECT_TRUE(TavixDeviceIsUsedByAnotherApplication(handle));
+    EXPECT_FALSE(TavixDeviceOpen(handle));
+    virtualdevices::SetInUseByAnotherApplication(id, false);
+    EXPECT_TRUE(TavixDeviceOpen(handle));
+    EXPECT_TRUE(TavixDeviceOpen(handle));
+    EXPECT_TRUE(TavixDeviceIsOpened(handle));
+    EXPECT_TRUE(TavixDeviceIsConnected(handle));
+    EXPECT_TRUE(TavixDeviceClose(handle));
+    EXPECT_FALSE(TavixDeviceIsOpened(handle));
+    EXPECT_TRUE(TavixDeviceClose(handle));
+}
+
+TEST_F(RegistryTest, ReleaseDuringCaptureDoesNotCountDown) {
+    const unsigned long handle = TavixDeviceGet("Tavix Test Camera", TavixDeviceMediaTypeVideo);
+    ASSERT_EQ(handle, TavixDeviceGet("Tavix Test Camera", TavixDeviceMediaTypeVideo));
+    ASSERT_TRUE(TavixDeviceOpen(handle));
+    CallbackLog log;
+    ASSERT_TRUE(TavixDeviceStartCapture(handle, LogFrame, DataOf(log), 0, 0, 0, nullptr, 0, 0, 0, 0,
+                                        0, nullptr));
+    EXPECT_TRUE(TavixDeviceRelease(handle));
+    EXPECT_TRUE(TavixDeviceRelease(handle));
+    EXPECT_EQ(2, RefCount(handle)) << "no release counts down while capturing";
+    EXPECT_TRUE(TavixDeviceStopCapture(handle));
+    TavixDeviceClose(handle);
+    EXPECT_TRUE(TavixDeviceRelease(handle));
+    EXPECT_TRUE(TavixDeviceRelease(handle));
+    EXPECT_FALSE(TavixDeviceRelease(handle));
+}
+
+TEST_F(RegistryTest, TheLastReleaseDuringCaptureDetachesTheCallbacks) {
+    const unsigned long handle = TavixDeviceGet("Tavix Test Camera", TavixDeviceMediaTypeVideo);
+    ASSERT_TRUE(TavixDeviceOpen(handle));
+    CallbackLog log;
+    ASSERT_TRUE(TavixDeviceStartCapture(handle, LogFrame, DataOf(log), 0, 0, 0, nullptr, 0, 0, 0, 0,
+                                        0, nullptr));
+    ASSERT_TRUE(WaitUntil([&] { return log.frames > 0; }));
+    EXPECT_TRUE(TavixDeviceRelease(handle));
+    EXPECT_EQ(1, RefCount(handle));
+    EXPECT_TRUE(TavixDeviceIsCapturing(handle)) << "the session keeps running";
+    const int frames = log.frames;
+    std::this_thread::sleep_for(std::chrono::milliseconds(150));
+    EXPECT_EQ(frames, log.frames.load()) << "callbacks were detached";
+    EXPECT_TRUE(TavixDeviceStopCapture(handle));
+    TavixDeviceClose(handle);
+    EXPECT_TRUE(TavixDeviceRelease(handle));
+    EXPECT_FALSE(TavixHasUsedDevices());
+}
