@@ -262,9 +262,11 @@ unsigned long TavixDeviceSMPTE2Milliseconds(const SMPTETime* time) {
         rate = 25.0f;
         break;
     }
-    const uint32_t whole = static_cast<uint32_t>(static_cast<int32_t>(time->mHours) * 3600000 +
-                                                 static_cast<int32_t>(time->mMinutes) * 60000 +
-                                                 static_cast<int32_t>(time->mSeconds) * 1000);
+    // 32-bit arithmetic that wraps (done unsigned, where wrapping is defined) for out-of-range
+    // fields such as 32767 hours or negative minutes.
+    const auto widened = [](int16_t field) { return static_cast<uint32_t>(int32_t{field}); };
+    const uint32_t whole = widened(time->mHours) * 3600000u + widened(time->mMinutes) * 60000u +
+                           widened(time->mSeconds) * 1000u;
     float frames = static_cast<float>(time->mFrames) * 1000.0f / rate;
     if (!(frames > 0.0f))
         frames = 0.0f;

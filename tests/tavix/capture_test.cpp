@@ -1,0 +1,311 @@
+// Capture sessions through the exported functions: start, second start, stop recording, stop,
+// refusals, the companion audio device, the sound defaults and callback invalidation.
+#include <gtest/gtest.h>
+#include <atomic>
+#include <climits>
+#include <string>
+#include <thread>
+
+#include "platform/virtualdevices.h"
+#include "support/tavix_helpers.h"
+#include "tavix/tavixdevice.h"
+
+namespace {
+
+using std::chrono::milliseconds;
+
+class CaptureTest : public ::testing::Test {
+protected:
+    void TearDown() override { virtualdevices::Reset(); }
+
+    // A small camera of our own, so tests can make its session refuse things.
+    static unsigned long OpenCamera(std::string* uniqueId = nullptr) {
+        virtualdevices::DeviceSpec spec;
+        spec.name = "Capture Test Camera";
+        spec.video = true;
+        spec.videoModes = {{kCVPixelFormatType_422YpCbCr8, 160, 120, 60}};
+        const std::string id = virtualdevices::Add(spec);
+        if (uniqueId != nullptr)
+            *uniqueId = id;
+        const unsigned long handle = TavixDeviceGet(spec.name.c_str(), TavixDeviceMediaTypeVideo);
+        EXPECT_TRUE(TavixDeviceOpen(handle));
+        return handle;
+    }
+
+    static bool StartVideo(unsigned long handle, CallbackLog& log, unsigned long format = 0,
+                           unsigned long width = 0, unsigned long height = 0,
+                           const char* path = nullptr) {
+        return TavixDeviceStartCapture(handle, LogFrame, DataOf(log), format, width, height,
+                                       nullptr, 0, 0, 0, 0, 0, path);
+    }
+};
+
+// Frames stop growing: nothing arrives for a while.
+bool StaysAt(const std::atomic<int>& counter, int value, milliseconds span = milliseconds(150)) {
+    std::this_thread::sleep_for(span);
+    return counter == value;
+}
+
+TEST_F(CaptureTest, StartWithoutCallbacksRunsTheInputAlone) {
+    DeviceScope scope(OpenCamera());
+    ASSERT_TRUE(TavixDeviceStartCapture(scope.handle, nullptr, 0, 0, 0, 0, nullptr, 0, 0, 0, 0, 0,
+                                        nullptr));
+    EXPECT_TRUE(TavixDeviceIsCapturing(scope.handle));
+    TavixDevice* device = TavixDevice::GetDevice(scope.handle);
+    EXPECT_NE(nullptr, device->pDeviceInput);
+    EXPECT_EQ(nullptr, device->pVideoOutput);
+    EXPECT_EQ(nullptr, device->pAudioOutput);
+    EXPECT_EQ(nullptr, device->pMovieFileOutput);
+    EXPECT_TRUE(TavixDeviceStopCapture(scope.handle));
+    EXPECT_FALSE(TavixDeviceIsCapturing(scope.handle));
+    EXPECT_EQ(nullptr, device->pSession);
+}
+
+TEST_F(CaptureTest, FramesComeInTheAskedFormatWithTheHostsData) {
+    DeviceScope scope(OpenCamera());
+    CallbackLog log;
+    ASSERT_TRUE(StartVideo(scope.handle, log, kCVPixelFormatType_32BGRA, 64, 48));
+    ASSERT_TRUE(WaitUntil([&] { return log.frames >= 3; }));
+    EXPECT_EQ(static_cast<unsigned long>(kCVPixelFormatType_32BGRA), log.pixelFormat.load());
+    EXPECT_EQ(64u, log.width.load());
+    EXPECT_EQ(48u, log.height.load());
+    EXPECT_GE(log.bytesPerRow.load(), 64u * 4);
+    EXPECT_EQ(DataOf(log), log.lastData.load()) << "a pointer passed as data keeps its width";
+    EXPECT_FALSE(log.sawTimecode) << "a camera has no timecode";
+}
+
+// The host's data is passed back bit for bit, including the upper half of a 64-bit long.
+TEST_F(CaptureTest, CallbackDataKeepsItsFullWidth) {
+    static std::atomic<long> seen{0};
+    seen = 0;
+    DeviceScope scope(OpenCamera());
+    const long data = LONG_MIN + 0x1234;
+    ASSERT_TRUE(TavixDeviceStartCapture(
+        scope.handle,
+        [](const unsigned char*, unsigned long, unsigned long, unsigned long, unsigned long,
+           const SMPTETime*, long value) { seen = value; },
+        data, 0, 0, 0, nullptr, 0, 0, 0, 0, 0, nullptr));
+    ASSERT_TRUE(WaitUntil([&] { return seen != 0; }));
+    EXPECT_EQ(data, seen.load());
+}
+
+TEST_F(CaptureTest, ASecondStartKeepsTheFirstCallbacksAndRecording) {
+    DeviceScope scope(OpenCamera());
+    CallbackLog first, second;
+    ASSERT_TRUE(StartVideo(scope.handle, first));
+    ASSERT_TRUE(WaitUntil([&] { return first.frames >= 2; }));
+    TavixDevice* device = TavixDevice::GetDevice(scope.handle);
+    TavixDeviceDecompressedVideoOutputDelegate* delegate = device->pVideoDelegate;
+
+    // New attributes are applied; the callback and its data are not replaced.
+    ASSERT_TRUE(StartVideo(scope.handle, second, kCVPixelFormatType_32BGRA, 32, 24));
+    EXPECT_EQ(delegate, device->pVideoDelegate);
+    const int before = first.frames;
+    ASSERT_TRUE(WaitUntil([&] { return first.frames >= before + 3 && first.width == 32; }));
+    EXPECT_EQ(0, second.frames.load());
+    EXPECT_EQ(24u, first.height.load());
+}
+
+TEST_F(CaptureTest, StopRecordingDetachesTheCallbacksAndTheSessionRunsOn) {
+    DeviceScope scope(OpenCamera());
+    CallbackLog first, second;
+    ASSERT_TRUE(StartVideo(scope.handle, first));
+    ASSERT_TRUE(WaitUntil([&] { return first.frames >= 2; }));
+    EXPECT_TRUE(TavixDeviceStopRecording(scope.handle));
+    EXPECT_TRUE(TavixDeviceIsCapturing(scope.handle));
+    EXPECT_TRUE(StaysAt(first.frames, first.frames));
+    EXPECT_FALSE(TavixDeviceInvalidateCaptureVideoCallBack(scope.handle, LogFrame, DataOf(first)))
+        << "no delegate is left to invalidate";
+
+    // A start on the running session attaches fresh delegates.
+    ASSERT_TRUE(StartVideo(scope.handle, second));
+    EXPECT_TRUE(WaitUntil([&] { return second.frames >= 2; }));
+    const int firstTotal = first.frames;
+    EXPECT_TRUE(StaysAt(first.frames, firstTotal));
+}
+
+TEST_F(CaptureTest, StopOnAClosedDeviceLeavesTheSessionRunning) {
+    DeviceScope scope(OpenCamera());
+    CallbackLog log;
+    EXPECT_TRUE(TavixDeviceStopCapture(scope.handle)) << "nothing to stop";
+    ASSERT_TRUE(StartVideo(scope.handle, log));
+    EXPECT_TRUE(TavixDeviceClose(scope.handle));
+    EXPECT_TRUE(TavixDeviceStopCapture(scope.handle));
+    EXPECT_TRUE(TavixDeviceStopRecording(scope.handle));
+    EXPECT_TRUE(TavixDeviceIsCapturing(scope.handle)) << "the host stops before it closes";
+    // The scope reopens, stops and closes.
+}
+
+TEST_F(CaptureTest, ARefusedInputFailsTheStartAndStaysInItsField) {
+    std::string id;
+    DeviceScope scope(OpenCamera(&id));
+    CallbackLog log;
+    TavixDevice* device = TavixDevice::GetDevice(scope.handle);
+    virtualdevices::SetSessionRefusesInput(id, true);
+    EXPECT_FALSE(StartVideo(scope.handle, log));
+    EXPECT_FALSE(TavixDeviceIsCapturing(scope.handle));
+    // Nothing ran, so nothing is torn down: the parts built so far stay for the next attempt.
+    EXPECT_NE(nullptr, device->pSession);
+    EXPECT_NE(nullptr, device->pDeviceInput);
+    EXPECT_EQ(nullptr, device->pVideoOutput) << "the start ended at the input";
+}
+
+TEST_F(CaptureTest, ARefusedVideoOutputIsOfferedAgainByTheNextStart) {
+    DeviceScope scope(OpenCamera());
+    CallbackLog log;
+    virtualdevices::SetSessionRefusesOutput(QTCaptureOutput::Kind::Video, true);
+    EXPECT_FALSE(StartVideo(scope.handle, log));
+    EXPECT_FALSE(TavixDeviceIsCapturing(scope.handle));
+    EXPECT_NE(nullptr, TavixDevice::GetDevice(scope.handle)->pVideoOutput);
+    virtualdevices::SetSessionRefusesOutput(QTCaptureOutput::Kind::Video, false);
+
+    ASSERT_TRUE(StartVideo(scope.handle, log));
+    EXPECT_TRUE(WaitUntil([&] { return log.frames >= 2; }));
+}
+
+TEST_F(CaptureTest, RefusedMovieOutputFailsAndTearsDownARunningSession) {
+    DeviceScope scope(OpenCamera());
+    CallbackLog log;
+    ASSERT_TRUE(StartVideo(scope.handle, log));
+    virtualdevices::SetSessionRefusesOutput(QTCaptureOutput::Kind::Movie, true);
+    const std::string path = ::testing::TempDir() + "refused.mov";
+    EXPECT_FALSE(StartVideo(scope.handle, log, 0, 0, 0, path.c_str()));
+    EXPECT_FALSE(TavixDeviceIsCapturing(scope.handle));
+    EXPECT_EQ(nullptr, TavixDevice::GetDevice(scope.handle)->pSession);
+}
+
+TEST_F(CaptureTest, RefusedSoundOutputLeavesCaptureWithoutSound) {
+    DeviceScope scope(TavixDeviceGet(virtualdevices::kTestDeckName, TavixDeviceMediaTypeMuxed));
+    ASSERT_TRUE(TavixDeviceOpen(scope.handle));
+    virtualdevices::SetSessionRefusesOutput(QTCaptureOutput::Kind::Audio, true);
+    CallbackLog log;
+    ASSERT_TRUE(TavixDeviceStartCapture(scope.handle, LogFrame, DataOf(log), 0, 0, 0, LogSound,
+                                        DataOf(log), 0, 0, 0, 0, nullptr));
+    ASSERT_TRUE(WaitUntil([&] { return log.frames >= 3; }));
+    EXPECT_EQ(0, log.sampleFrames.load());
+    EXPECT_EQ(nullptr, TavixDevice::GetDevice(scope.handle)->pAudioDelegate);
+}
+
+TEST_F(CaptureTest, SoundDefaultsToSixteenBitStereoAt44100AndFitsTheBuffer) {
+    DeviceScope scope(TavixDeviceGet(virtualdevices::kTestDeckName, TavixDeviceMediaTypeMuxed));
+    ASSERT_TRUE(TavixDeviceOpen(scope.handle));
+    CallbackLog log;
+    ASSERT_TRUE(TavixDeviceStartCapture(scope.handle, nullptr, 0, 0, 0, 0, LogSound, DataOf(log), 0,
+                                        0, 0, 0, nullptr));
+    ASSERT_TRUE(WaitUntil([&] { return log.sampleFrames >= 44100 / 4; }));
+    EXPECT_EQ(12u, log.formatFlags.load());
+    EXPECT_EQ(44100u, log.sampleRate.load());
+    EXPECT_EQ(2u, log.channels.load());
+    EXPECT_EQ(2u, log.bytesPerSample.load());
+    EXPECT_LE(log.maxSampleFrames * 2 * 2, 65535u);
+}
+
+TEST_F(CaptureTest, CompanionMicrophoneGivesACameraSoundUntilItIsClosed) {
+    DeviceScope scope(OpenCamera());
+    CallbackLog log;
+    ASSERT_TRUE(TavixDeviceStartCaptureWithAudioDevice(
+        scope.handle, virtualdevices::kTestMicrophoneName, LogFrame, DataOf(log), 0, 0, 0, LogSound,
+        DataOf(log), kAudioFormatFlagIsFloat | kAudioFormatFlagIsPacked, 48000, 1, 4, nullptr));
+    ASSERT_TRUE(WaitUntil([&] { return log.frames >= 2 && log.sampleFrames >= 4800; }));
+    EXPECT_EQ(48000u, log.sampleRate.load());
+    EXPECT_EQ(1u, log.channels.load());
+    EXPECT_EQ(4u, log.bytesPerSample.load());
+
+    // Dropping the companion stops the whole session.
+    EXPECT_TRUE(TavixDeviceCloseAudioDevice(scope.handle));
+    EXPECT_FALSE(TavixDeviceIsCapturing(scope.handle));
+    EXPECT_FALSE(TavixDeviceStartCaptureWithAudioDevice(scope.handle, "", LogFrame, DataOf(log), 0,
+                                                        0, 0, LogSound, DataOf(log), 0, 0, 0, 0,
+                                                        nullptr));
+}
+
+TEST_F(CaptureTest, AnUnopenableCompanionLeavesCaptureWithoutSound) {
+    virtualdevices::DeviceSpec mic;
+    mic.name = "Capture Test Mic";
+    mic.sound = true;
+    mic.audio = {48000,
+                 kAudioFormatLinearPCM,
+                 kAudioFormatFlagIsFloat | kAudioFormatFlagIsPacked,
+                 8,
+                 1,
+                 8,
+                 2,
+                 32,
+                 0};
+    mic.openable = false;
+    virtualdevices::Add(mic);
+    DeviceScope scope(OpenCamera());
+    CallbackLog log;
+    ASSERT_TRUE(TavixDeviceStartCaptureWithAudioDevice(scope.handle, mic.name.c_str(), LogFrame,
+                                                       DataOf(log), 0, 0, 0, LogSound, DataOf(log),
+                                                       0, 0, 0, 0, nullptr));
+    ASSERT_TRUE(WaitUntil([&] { return log.frames >= 3; }));
+    EXPECT_EQ(0, log.sampleFrames.load());
+}
+
+TEST_F(CaptureTest, AnUnwritableRecordingDoesNotDisturbTheCallbacks) {
+    DeviceScope scope(OpenCamera());
+    CallbackLog log;
+    ASSERT_TRUE(StartVideo(scope.handle, log, 0, 0, 0, "/nonexistent-folder/capture.mov"));
+    EXPECT_TRUE(WaitUntil([&] { return log.frames >= 5; }));
+    EXPECT_TRUE(TavixDeviceStopRecording(scope.handle));
+    EXPECT_TRUE(TavixDeviceStopCapture(scope.handle));
+}
+
+TEST_F(CaptureTest, InvalidationClearsAMatchingCallbackOrData) {
+    DeviceScope scope(OpenCamera());
+    CallbackLog log;
+    EXPECT_FALSE(TavixDeviceInvalidateCaptureVideoCallBack(scope.handle, LogFrame, DataOf(log)))
+        << "not capturing";
+    ASSERT_TRUE(StartVideo(scope.handle, log));
+    EXPECT_FALSE(TavixDeviceInvalidateCaptureAudioCallBack(scope.handle, LogSound, DataOf(log)))
+        << "no sound delegate";
+    const auto other = [](const unsigned char*, unsigned long, unsigned long, unsigned long,
+                          unsigned long, const SMPTETime*, long) {};
+    EXPECT_FALSE(TavixDeviceInvalidateCaptureVideoCallBack(scope.handle, other, 7))
+        << "neither the callback nor the data match";
+    ASSERT_TRUE(WaitUntil([&] { return log.frames >= 2; }));
+    // The callback alone matching is enough to cut it off.
+    ASSERT_TRUE(TavixDeviceInvalidateCaptureVideoCallBack(scope.handle, LogFrame, 7));
+    EXPECT_TRUE(StaysAt(log.frames, log.frames));
+    EXPECT_TRUE(TavixDeviceIsCapturing(scope.handle));
+}
+
+// Invalidation races the capture thread: once it answers true, the callback never runs again,
+// and a callback that was running has finished.
+TEST_F(CaptureTest, InvalidationRacingDeliveryNeverLetsACallThrough) {
+    virtualdevices::SetUnthrottled(true);
+    DeviceScope scope(OpenCamera());
+    struct Probe {
+        std::atomic<bool> invalidated{false};
+        std::atomic<int> inside{0}, lateCalls{0}, calls{0};
+    } probe;
+    const auto callBack = [](const unsigned char*, unsigned long, unsigned long, unsigned long,
+                             unsigned long, const SMPTETime*, long data) {
+        Probe& p = *reinterpret_cast<Probe*>(data);
+        ++p.inside;
+        if (p.invalidated)
+            ++p.lateCalls;
+        ++p.calls;
+        --p.inside;
+    };
+    const int cycles = 300;
+    for (int i = 0; i < cycles; ++i) {
+        probe.invalidated = false;
+        const int before = probe.calls;
+        ASSERT_TRUE(TavixDeviceStartCapture(scope.handle, callBack, reinterpret_cast<long>(&probe),
+                                            0, 0, 0, nullptr, 0, 0, 0, 0, 0, nullptr));
+        ASSERT_TRUE(WaitUntil([&] { return probe.calls > before; }));
+        ASSERT_TRUE(TavixDeviceInvalidateCaptureVideoCallBack(scope.handle, callBack,
+                                                              reinterpret_cast<long>(&probe)));
+        EXPECT_EQ(0, probe.inside.load());
+        probe.invalidated = true;
+        if (i % 2 == 0)
+            TavixDeviceStopRecording(scope.handle);
+        else
+            TavixDeviceStopCapture(scope.handle);
+    }
+    EXPECT_EQ(0, probe.lateCalls.load());
+}
+
+} // namespace

@@ -1,0 +1,163 @@
+// Tape transport modes, timecode of captured frames and the timecode-to-milliseconds conversion.
+#include <gtest/gtest.h>
+#include <thread>
+
+#include "platform/foundation.h"
+#include "platform/virtualdevices.h"
+#include "support/tavix_helpers.h"
+#include "tavix/tavixdevice.h"
+
+namespace {
+
+SMPTETime Timecode(int16_t hours, int16_t minutes, int16_t seconds, int16_t frames, uint32_t type) {
+    SMPTETime time{};
+    time.mHours = hours;
+    time.mMinutes = minutes;
+    time.mSeconds = seconds;
+    time.mFrames = frames;
+    time.mType = type;
+    return time;
+}
+
+TEST(SMPTE2Milliseconds, ScalesFramesByTheNominalRateOfTheType) {
+    struct Case {
+        SMPTETime time;
+        unsigned long milliseconds;
+    } cases[] = {
+        {Timecode(1, 0, 0, 0, 1), 3600000}, {Timecode(0, 0, 1, 12, 1), 1480},
+        {Timecode(0, 0, 0, 12, 0), 500},    {Timecode(0, 0, 0, 29, 4), 967},
+        {Timecode(0, 0, 0, 29, 5), 967},    {Timecode(0, 0, 0, 29, 3), 966},
+        {Timecode(0, 0, 0, 29, 2), 966},    {Timecode(0, 0, 0, 59, 7), 984},
+        {Timecode(0, 0, 0, 59, 6), 983},    {Timecode(0, 0, 0, 12, 9), 480},
+        {Timecode(0, 1, 2, 0, 1), 62000},   {Timecode(0, 0, 0, -5, 1), 0},
+    };
+    for (const Case& c : cases)
+        EXPECT_EQ(c.milliseconds, TavixDeviceSMPTE2Milliseconds(&c.time))
+            << c.time.mHours << ":" << c.time.mMinutes << ":" << c.time.mSeconds << "."
+            << c.time.mFrames << " type " << c.time.mType;
+}
+
+TEST(SMPTE2Milliseconds, OutOfRangeFieldsWrapInThirtyTwoBits) {
+    SMPTETime time = Timecode(32767, 0, 0, 0, 1);
+    EXPECT_EQ(1997083008ul, TavixDeviceSMPTE2Milliseconds(&time)); // 32767 * 3600000 mod 2^32
+    time = Timecode(-1, 0, 0, 0, 1);
+    EXPECT_EQ(4291367296ul, TavixDeviceSMPTE2Milliseconds(&time));
+    time = Timecode(0, 0, 0, 32767, 1);
+    EXPECT_EQ(1310680ul, TavixDeviceSMPTE2Milliseconds(&time));
+}
+
+class TransportTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        deck = TavixDeviceGet(virtualdevices::kTestDeckName, TavixDeviceMediaTypeMuxed);
+        ASSERT_NE(0u, deck);
+        ASSERT_TRUE(TavixDeviceOpen(deck));
+    }
+    void TearDown() override {
+        DeviceScope scope(deck);
+        virtualdevices::Reset();
+    }
+    unsigned long deck = 0;
+};
+
+TEST_F(TransportTest, EachModeReadsBackAsSet) {
+    ASSERT_TRUE(TavixDeviceIsTransportAvailable(deck));
+    const TavixDeviceTransportMode modes[] = {
+        TavixDeviceTransportModePlay,
+        TavixDeviceTransportModeFastForward,
+        TavixDeviceTransportModeRewind,
+        TavixDeviceTransportModePlayFastReverse,
+        TavixDeviceTransportModePlayFastForward,
+        TavixDeviceTransportModeStop,
+    };
+    for (TavixDeviceTransportMode mode : modes) {
+        TavixDeviceSetTransportMode(deck, mode);
+        EXPECT_EQ(mode, TavixDeviceGetTransportMode(deck));
+    }
+    // Anything beyond the settable modes is sent as stop.
+    for (int mode : {6, 42}) {
+        TavixDeviceSetTransportMode(deck, TavixDeviceTransportModePlay);
+        TavixDeviceSetTransportMode(deck, static_cast<TavixDeviceTransportMode>(mode));
+        EXPECT_EQ(TavixDeviceTransportModeStop, TavixDeviceGetTransportMode(deck)) << mode;
+    }
+}
+
+// What the deck reports is classified by speed and playback mode, whoever set them.
+TEST_F(TransportTest, ReportedSpeedsAreClassified) {
+    QTCaptureDevice* device = TavixDevice::GetQTDevice(deck);
+    ASSERT_NE(nullptr, device);
+    struct Case {
+        long speed;
+        unsigned long playing;
+        TavixDeviceTransportMode mode;
+    } cases[] = {
+        {10000, 0, TavixDeviceTransportModeFastForward},
+        {-10000, 1, TavixDeviceTransportModePlayFastReverse},
+        {5000, 1, TavixDeviceTransportModePlayFastForward},
+        {-1, 0, TavixDeviceTransportModeRewind},
+        {0, 1, TavixDeviceTransportModeStop},
+    };
+    for (const Case& c : cases) {
+        auto* controls = new NSDictionary(
+            {{NSNumber::numberWithLong(c.speed), QTCaptureDeviceAVCTransportControlsSpeedKey},
+             {NSNumber::numberWithUnsignedLong(c.playing),
+              QTCaptureDeviceAVCTransportControlsPlaybackModeKey}});
+        device->setAttribute(controls, QTCaptureDeviceAVCTransportControlsAttribute);
+        controls->release();
+        EXPECT_EQ(c.mode, TavixDeviceGetTransportMode(deck)) << c.speed << ", " << c.playing;
+    }
+}
+
+TEST_F(TransportTest, DevicesWithoutTransportAnswerUnavailable) {
+    DeviceScope camera(TavixDeviceGet(virtualdevices::kTestCameraName, TavixDeviceMediaTypeVideo));
+    EXPECT_FALSE(TavixDeviceIsTransportAvailable(camera.handle));
+    EXPECT_EQ(TavixDeviceTransportModeUnavailable, TavixDeviceGetTransportMode(camera.handle));
+    TavixDeviceSetTransportMode(camera.handle, TavixDeviceTransportModePlay); // harmless
+    EXPECT_EQ(TavixDeviceTransportModeStop, TavixDeviceGetTransportMode(0));
+    EXPECT_FALSE(TavixDeviceIsTransportAvailable(0));
+}
+
+TEST_F(TransportTest, TheLatestFramesTimecodeAdvancesWhilePlaying) {
+    SMPTETime time = Timecode(9, 9, 9, 9, 9);
+    EXPECT_FALSE(TavixDeviceGetSMPTETime(deck, &time)) << "not capturing";
+    EXPECT_EQ(9, time.mHours) << "left untouched";
+
+    CallbackLog log;
+    ASSERT_TRUE(TavixDeviceStartCapture(deck, LogFrame, DataOf(log), 0, 0, 0, nullptr, 0, 0, 0, 0,
+                                        0, nullptr));
+    TavixDeviceSetTransportMode(deck, TavixDeviceTransportModePlay);
+    ASSERT_TRUE(WaitUntil([&] { return log.sawTimecode.load(); }));
+    ASSERT_TRUE(TavixDeviceGetSMPTETime(deck, &time));
+    EXPECT_EQ(1u, time.mType) << "a 25 fps deck";
+    const unsigned long first = TavixDeviceSMPTE2Milliseconds(&time);
+    SMPTETime later{};
+    ASSERT_TRUE(WaitUntil([&] {
+        return TavixDeviceGetSMPTETime(deck, &later) &&
+               TavixDeviceSMPTE2Milliseconds(&later) >= first + 200;
+    })) << "tape time moves at about the wall clock's pace";
+
+    // Stopped, the tape holds still.
+    TavixDeviceSetTransportMode(deck, TavixDeviceTransportModeStop);
+    std::this_thread::sleep_for(std::chrono::milliseconds(120));
+    ASSERT_TRUE(TavixDeviceGetSMPTETime(deck, &time));
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    ASSERT_TRUE(TavixDeviceGetSMPTETime(deck, &later));
+    EXPECT_EQ(TavixDeviceSMPTE2Milliseconds(&time), TavixDeviceSMPTE2Milliseconds(&later));
+
+    EXPECT_TRUE(TavixDeviceStopRecording(deck));
+    EXPECT_FALSE(TavixDeviceGetSMPTETime(deck, &time)) << "no video delegate";
+}
+
+TEST_F(TransportTest, ACameraHasNoTimecode) {
+    DeviceScope camera(TavixDeviceGet(virtualdevices::kTestCameraName, TavixDeviceMediaTypeVideo));
+    ASSERT_TRUE(TavixDeviceOpen(camera.handle));
+    CallbackLog log;
+    ASSERT_TRUE(TavixDeviceStartCapture(camera.handle, LogFrame, DataOf(log), 0, 0, 0, nullptr, 0,
+                                        0, 0, 0, 0, nullptr));
+    ASSERT_TRUE(WaitUntil([&] { return log.frames >= 2; }));
+    SMPTETime time{};
+    EXPECT_FALSE(TavixDeviceGetSMPTETime(camera.handle, &time));
+    EXPECT_FALSE(log.sawTimecode);
+}
+
+} // namespace
