@@ -136,6 +136,9 @@ void TavixDevice::Release() {
         return;
     if (--nRefCount > 0)
         return;
+    // A start that was refused leaves a session that never ran, and StopCapture only tears
+    // down a running one; nobody else can release those objects, so the last reference does.
+    TearDownSession();
     NSReleaseIfSet(pDevice);
     NSReleaseIfSet(pAudioDevice);
     Clear();
@@ -392,11 +395,19 @@ bool TavixDevice::StopCapture() {
         return true;
     if (!IsSessionRunning())
         return true;
+    TearDownSession();
+    return true;
+}
+
+void TavixDevice::TearDownSession() {
+    if (pSession == nullptr)
+        return;
     if (pVideoOutput != nullptr)
         pVideoOutput->setDelegate(nullptr);
     if (pAudioOutput != nullptr)
         pAudioOutput->setDelegate(nullptr);
-    pSession->stopRunning();
+    if (pSession->isRunning())
+        pSession->stopRunning();
     if (pDeviceInput != nullptr) {
         pSession->removeInput(pDeviceInput);
         NSReleaseIfSet(pDeviceInput);
@@ -420,7 +431,6 @@ bool TavixDevice::StopCapture() {
         NSReleaseIfSet(pMovieFileOutput);
     }
     NSReleaseIfSet(pSession);
-    return true;
 }
 
 bool TavixDevice::StopRecording() {

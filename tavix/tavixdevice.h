@@ -109,6 +109,8 @@ public:
                       unsigned long channels, unsigned long bytesPerSample,
                       const char* outputFilePath);
     bool StopCapture();
+    // Stops the session if it runs and releases every session object (StopCapture's work).
+    void TearDownSession();
     bool StopRecording();
     bool IsCapturing() const;
     bool InvalidateCaptureVideoCallBack(TavixDeviceVideoCallBack callBack, long callBackData);

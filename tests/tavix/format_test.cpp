@@ -1,0 +1,227 @@
+// Format records and sets, the checkers, the per-device caches and format discovery with its
+// default-format probe.
+#include <gtest/gtest.h>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "platform/virtualdevices.h"
+#include "support/tavix_helpers.h"
+#include "tavix/tavixdeviceformat.h"
+
+namespace {
+
+const unsigned int k2vuy = kCVPixelFormatType_422YpCbCr8;
+const unsigned int kFallback = 0x42475241; // 'BGRA' read big-endian
+
+TEST(FormatSet, KeepsDistinctRecordsUpToSixtyFour) {
+    TavixDeviceFormatSet set;
+    EXPECT_TRUE(set.Add({1, 640, 480, 0}));
+    EXPECT_FALSE(set.Add({1, 640, 480, 0}));
+    EXPECT_EQ(1u, set.dwCount);
+    EXPECT_TRUE(set.Add({1, 640, 480, 1280})) << "bytes per row make a record distinct";
+    for (unsigned int i = 2; i < 64; ++i)
+        EXPECT_TRUE(set.Add({2, i, i, 0}));
+    EXPECT_EQ(64u, set.dwCount);
+    EXPECT_FALSE(set.Add({3, 1, 1, 0})) << "the 65th record";
+    EXPECT_EQ(64u, set.dwCount);
+    EXPECT_EQ(0u, set.Formats[64].dwFormat) << "the spare record stays zero";
+}
+
+TEST(FormatSet, SortsLargestFrameFirstThenSmallerFormat) {
+    const unsigned int a = 0x79757673, b = 0x32767579; // b < a
+    TavixDeviceFormatSet set;
+    set.Add({a, 640, 480, 0});
+    set.Add({b, 1280, 720, 0});
+    set.Add({b, 640, 480, 0});
+    set.Add({b, 640, 360, 0});
+    set.Sort();
+    const std::vector<TavixDeviceFormat> expected = {
+        {b, 1280, 720, 0}, {b, 640, 480, 0}, {a, 640, 480, 0}, {b, 640, 360, 0}};
+    for (size_t i = 0; i < expected.size(); ++i)
+        EXPECT_TRUE(set[i] == expected[i]) << i;
+
+    TavixDeviceFormatSet audio;
+    for (unsigned int format : {30u, 10u, 20u})
+        audio.Add({format, 0, 0, 0});
+    audio.Sort();
+    EXPECT_EQ(10u, audio[0].dwFormat);
+    EXPECT_EQ(30u, audio[2].dwFormat);
+}
+
+// Records what a holder reports, in order, and can stop at a given report.
+struct Recorder : ITavixDeviceFormatEnumerator {
+    std::vector<std::pair<bool, TavixDeviceFormat>> seen; // (is video, record)
+    int stopAudioAt = -1, stopVideoAt = -1;
+    int audio = 0, video = 0;
+    bool OnDeviceFormatAudio(unsigned long format) override {
+        seen.push_back({false, {static_cast<unsigned int>(format), 0, 0, 0}});
+        return audio++ != stopAudioAt;
+    }
+    bool OnDeviceFormatVideo(unsigned long format, unsigned long width,
+                             unsigned long height) override {
+        seen.push_back({true,
+                        {static_cast<unsigned int>(format), static_cast<unsigned int>(width),
+                         static_cast<unsigned int>(height), 0}});
+        return video++ != stopVideoAt;
+    }
+    std::vector<std::pair<unsigned int, unsigned int>> Sizes() const {
+        std::vector<std::pair<unsigned int, unsigned int>> sizes;
+        for (const auto& entry : seen)
+            if (entry.first)
+                sizes.emplace_back(entry.second.dwWidth, entry.second.dwHeight);
+        return sizes;
+    }
+};
+
+TEST(FormatHolder, ReportsSoundThenVideoAndAStopEndsOnlyItsPass) {
+    TavixDeviceFormatHolder holder;
+    Recorder empty;
+    holder.EnumerateFormats(empty);
+    EXPECT_TRUE(empty.seen.empty());
+    EXPECT_FALSE(holder.IsValid());
+
+    EXPECT_TRUE(holder.OnDeviceFormatVideo(5, 320, 240));
+    EXPECT_TRUE(holder.OnDeviceFormatVideo(5, 320, 240)) << "true even for a duplicate";
+    holder.OnDeviceFormatVideo(5, 640, 480);
+    holder.OnDeviceFormatAudio(7);
+    holder.OnDeviceFormatAudio(3);
+    holder.Sort();
+    EXPECT_TRUE(holder.IsValid());
+
+    Recorder recorder;
+    recorder.stopAudioAt = 0;
+    holder.EnumerateFormats(recorder);
+    ASSERT_EQ(3u, recorder.seen.size()) << "one sound report, then both video records";
+    EXPECT_EQ(3u, recorder.seen[0].second.dwFormat);
+    EXPECT_EQ(640u, recorder.seen[1].second.dwWidth);
+}
+
+TEST(FormatCheckers, TellWhatADeviceDelivers) {
+    TavixDeviceVideoFormatChecker checker(k2vuy, 640, 480);
+    checker.OnDeviceFormatVideo(kFallback, 640, 360);
+    EXPECT_FALSE(checker.bFound);
+    checker.OnDeviceFormatVideo(kFallback, 640, 480);
+    EXPECT_TRUE(checker.bFound) << "the pixel format is not compared";
+
+    TavixDeviceFormatChecker kinds;
+    kinds.OnDeviceFormatAudio(1);
+    EXPECT_TRUE(kinds.bHasAudio);
+    EXPECT_FALSE(kinds.bHasVideo);
+}
+
+TEST(FormatCache, FindsADeviceIdIgnoringCase) {
+    LList<TavixDeviceData<TavixDeviceFormat>> list;
+    auto* older = new TavixDeviceData<TavixDeviceFormat>("usb-0000:00:14.0-1");
+    list.Add(older);
+    auto* newer = new TavixDeviceData<TavixDeviceFormat>("Camera-ABC");
+    newer->Data.dwFormat = 9;
+    list.Add(newer);
+    EXPECT_EQ(&newer->Data, TavixFindDeviceData(list, "camera-abc"));
+    EXPECT_EQ(&older->Data, TavixFindDeviceData(list, "USB-0000:00:14.0-1"));
+    EXPECT_EQ(nullptr, TavixFindDeviceData(list, "camera"));
+    list.Clear();
+    EXPECT_EQ(nullptr, TavixFindDeviceData(list, "camera-abc"));
+}
+
+class DiscoveryTest : public ::testing::Test {
+protected:
+    void TearDown() override { virtualdevices::Reset(); }
+
+    static Recorder Enumerate(const char* name, TavixDeviceMediaType type) {
+        Recorder recorder;
+        DeviceScope scope(TavixDeviceGet(name, type));
+        EXPECT_TRUE(TavixDeviceFormatEnumerate(scope.handle, &recorder)) << name;
+        return recorder;
+    }
+
+    static std::string AddCamera(const char* name, size_t width, size_t height,
+                                 bool openable = true) {
+        virtualdevices::DeviceSpec spec;
+        spec.name = name;
+        spec.video = true;
+        spec.openable = openable;
+        spec.videoModes = {{k2vuy, width, height, 30}};
+        return virtualdevices::Add(spec);
+    }
+};
+
+using Sizes = std::vector<std::pair<unsigned int, unsigned int>>;
+
+TEST_F(DiscoveryTest, ACameraReportsItsProbedFrameAndSmallerTableSizes) {
+    const Recorder camera = Enumerate(virtualdevices::kTestCameraName, TavixDeviceMediaTypeVideo);
+    EXPECT_EQ((Sizes{{1280, 720}, {640, 480}, {352, 288}, {320, 240}, {160, 120}}), camera.Sizes());
+    for (const auto& entry : camera.seen)
+        EXPECT_EQ(k2vuy, entry.second.dwFormat);
+}
+
+TEST_F(DiscoveryTest, ADeckReportsTheDVSizeInTheFallbackFormatAndItsSound) {
+    const Recorder deck = Enumerate(virtualdevices::kTestDeckName, TavixDeviceMediaTypeMuxed);
+    EXPECT_EQ((Sizes{{720, 576}, {640, 480}, {352, 288}, {320, 240}, {160, 120}}), deck.Sizes());
+    ASSERT_FALSE(deck.seen.empty());
+    EXPECT_FALSE(deck.seen.front().first) << "sound first";
+    EXPECT_EQ(static_cast<unsigned int>(kAudioFormatLinearPCM), deck.seen.front().second.dwFormat);
+    EXPECT_EQ(kFallback, deck.seen.back().second.dwFormat);
+
+    const Recorder mic = Enumerate(virtualdevices::kTestMicrophoneName, TavixDeviceMediaTypeSound);
+    ASSERT_EQ(1u, mic.seen.size());
+    EXPECT_FALSE(mic.seen[0].first);
+}
+
+TEST_F(DiscoveryTest, TableSizesEqualInOneDimensionAreNotOffered) {
+    AddCamera("Wide Camera", 640, 360);
+    const Recorder wide = Enumerate("Wide Camera", TavixDeviceMediaTypeVideo);
+    EXPECT_EQ((Sizes{{640, 360}, {352, 288}, {320, 240}, {160, 120}}), wide.Sizes());
+    EXPECT_EQ(k2vuy, wide.seen[0].second.dwFormat) << "the probed frame's format";
+}
+
+TEST_F(DiscoveryTest, TheAnswerIsCachedPerDeviceForTheProcess) {
+    const std::string id = AddCamera("Cached Camera", 352, 288);
+    const Sizes first = Enumerate("Cached Camera", TavixDeviceMediaTypeVideo).Sizes();
+    EXPECT_EQ((Sizes{{352, 288}, {320, 240}, {160, 120}}), first);
+    // The device can no longer be opened: the answer comes from the cache.
+    virtualdevices::SetOpenable(id, false);
+    EXPECT_EQ(first, Enumerate("Cached Camera", TavixDeviceMediaTypeVideo).Sizes());
+}
+
+TEST_F(DiscoveryTest, AFailedProbeFallsBackAndIsNotRetried) {
+    const std::string id = AddCamera("Locked Camera", 320, 240, false);
+    const Recorder failed = Enumerate("Locked Camera", TavixDeviceMediaTypeVideo);
+    // The description's own size, in the fallback format.
+    ASSERT_FALSE(failed.seen.empty());
+    EXPECT_EQ(kFallback, failed.seen[0].second.dwFormat);
+    EXPECT_EQ(320u, failed.seen[0].second.dwWidth);
+
+    // Forget the device's formats but not its probe: the failed probe is remembered.
+    DevicesFormats.Clear();
+    virtualdevices::SetOpenable(id, true);
+    const Recorder again = Enumerate("Locked Camera", TavixDeviceMediaTypeVideo);
+    ASSERT_FALSE(again.seen.empty());
+    EXPECT_EQ(kFallback, again.seen[0].second.dwFormat);
+}
+
+TEST_F(DiscoveryTest, TheProbeWorksOffTheMainThreadToo) {
+    AddCamera("Threaded Camera", 160, 120);
+    Recorder found;
+    std::thread worker([&] {
+        void* pool = TavixThreadInit();
+        EXPECT_FALSE(TavixIsMainThread());
+        found = Enumerate("Threaded Camera", TavixDeviceMediaTypeVideo);
+        TavixThreadDestroy(pool);
+    });
+    worker.join();
+    EXPECT_EQ((Sizes{{160, 120}}), found.Sizes());
+    EXPECT_EQ(k2vuy, found.seen[0].second.dwFormat);
+}
+
+TEST_F(DiscoveryTest, AStoppingEnumeratorAndBadArguments) {
+    Recorder stopper;
+    stopper.stopVideoAt = 0;
+    DeviceScope scope(TavixDeviceGet(virtualdevices::kTestCameraName, TavixDeviceMediaTypeVideo));
+    TavixDeviceFormatEnumerate(scope.handle, &stopper);
+    EXPECT_EQ(1u, stopper.Sizes().size());
+    EXPECT_FALSE(TavixDeviceFormatEnumerate(scope.handle, nullptr));
+    EXPECT_FALSE(TavixDeviceFormatEnumerate(0, &stopper));
+}
+
+} // namespace
