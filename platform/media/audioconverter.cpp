@@ -148,7 +148,34 @@ struct OpaqueAudioConverter {
             &inLayout, AV_SAMPLE_FMT_DBLP, static_cast<int>(std::lround(in.rate)), 0, nullptr);
         av_channel_layout_uninit(&inLayout);
         av_channel_layout_uninit(&outLayout);
-        return ok >= 0 && swr_init(resampler) >= 0;
+        if (ok < 0)
+            return false;
+        if (in.channels != out.channels) {
+            const std::vector<double> matrix = ChannelMatrix(in.channels, out.channels);
+            if (swr_set_matrix(resampler, matrix.data(), in.channels) < 0)
+                return false;
+        }
+        return swr_init(resampler) >= 0;
+    }
+
+    // Channel mapping that keeps the level: a mono source goes to every output channel at full
+    // level, fewer output channels average the inputs that fold onto them, more output channels
+    // repeat the inputs in turn. (libswresample's default mixes mono into stereo at -3 dB and
+    // stereo into mono at +3 dB, which a capture host would not expect.)
+    static std::vector<double> ChannelMatrix(int inputs, int outputs) {
+        std::vector<double> matrix(static_cast<size_t>(inputs * outputs), 0.0);
+        for (int o = 0; o < outputs; ++o) {
+            if (outputs >= inputs) {
+                matrix[static_cast<size_t>(o * inputs + o % inputs)] = 1.0;
+                continue;
+            }
+            int folded = 0;
+            for (int i = o; i < inputs; i += outputs)
+                ++folded;
+            for (int i = o; i < inputs; i += outputs)
+                matrix[static_cast<size_t>(o * inputs + i)] = 1.0 / folded;
+        }
+        return matrix;
     }
 
     size_t PendingFrames() const { return pending.empty() ? 0 : pending[0].size() - pendingStart; }

@@ -42,9 +42,17 @@ extern "C" {
 #define TAVIX_EXPORT
 #endif
 
+/* Both enumerations are 32-bit ints. C++ is told so, so that any value a C host passes (an
+   unknown transport mode such as 42) is a valid value of the type. */
+#ifdef __cplusplus
+#define TAVIX_INT_ENUM : int
+#else
+#define TAVIX_INT_ENUM
+#endif
+
 /* Media types. Sound also matches muxed devices (a DV deck's sound); video also matches muxed
    devices; muxed needs system version 10.5 or later. */
-typedef enum TavixDeviceMediaType {
+typedef enum TavixDeviceMediaType TAVIX_INT_ENUM {
     TavixDeviceMediaTypeAny = 0,
     TavixDeviceMediaTypeSound = 1,
     TavixDeviceMediaTypeVideo = 2,
@@ -52,7 +60,7 @@ typedef enum TavixDeviceMediaType {
 } TavixDeviceMediaType;
 
 /* Tape transport modes. */
-typedef enum TavixDeviceTransportMode {
+typedef enum TavixDeviceTransportMode TAVIX_INT_ENUM {
     TavixDeviceTransportModeStop = 0,
     TavixDeviceTransportModePlay = 1,
     TavixDeviceTransportModeRewind = 2,
