@@ -1,4 +1,6 @@
 // Per-thread autorelease pools.
+#include <pthread.h>
+
 #include <vector>
 
 #include "platform/foundation.h"
@@ -16,9 +18,42 @@ struct ThreadPools {
     }
 };
 
+void DestroyThreadPools(void* pools) {
+    delete static_cast<ThreadPools*>(pools);
+}
+
+// The pools live under a thread key rather than in a thread_local object: a thread_local with a
+// destructor would keep the library mapped after dlclose for as long as the loading thread
+// lives. The key goes with the library; the unloading thread's leftovers are released then.
+struct PoolKey {
+    pthread_key_t key{};
+    bool valid = false;
+    PoolKey() { valid = pthread_key_create(&key, DestroyThreadPools) == 0; }
+    ~PoolKey() {
+        if (!valid)
+            return;
+        DestroyThreadPools(pthread_getspecific(key));
+        pthread_setspecific(key, nullptr);
+        pthread_key_delete(key);
+        valid = false;
+    }
+};
+
+PoolKey poolKey;
+
 ThreadPools& CurrentThreadPools() {
-    thread_local ThreadPools pools;
-    return pools;
+    if (!poolKey.valid) {
+        // Before the key exists or after it is gone (static set-up and tear-down): one shared
+        // set of pools, kept for the life of the process.
+        static ThreadPools* const unkeyed = new ThreadPools;
+        return *unkeyed;
+    }
+    auto* pools = static_cast<ThreadPools*>(pthread_getspecific(poolKey.key));
+    if (pools == nullptr) {
+        pools = new ThreadPools;
+        pthread_setspecific(poolKey.key, pools);
+    }
+    return *pools;
 }
 
 } // namespace
