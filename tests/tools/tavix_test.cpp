@@ -1,0 +1,159 @@
+// The tavix command, run as a user runs it: its listings, a capture with recording and snapshot,
+// transport, Ctrl-C, and its errors (a message naming the problem and a non-zero exit).
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <string>
+#include <thread>
+
+#include "support/ffprobe.h"
+
+namespace {
+
+const std::string kTavix = std::string(TAVIX_BINARY_DIR) + "/tavix";
+
+struct CommandRun {
+    int status = -1;    // exit status
+    std::string output; // standard output and error together
+};
+
+CommandRun Tavix(const std::string& arguments) {
+    CommandRun run;
+    FILE* pipe = popen((kTavix + " " + arguments + " 2>&1 </dev/null").c_str(), "r");
+    if (pipe == nullptr)
+        return run;
+    char buffer[4096];
+    size_t got;
+    while ((got = fread(buffer, 1, sizeof buffer, pipe)) > 0)
+        run.output.append(buffer, got);
+    const int status = pclose(pipe);
+    run.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    return run;
+}
+
+bool Contains(const std::string& text, const std::string& part) {
+    return text.find(part) != std::string::npos;
+}
+
+class TavixCommand : public ::testing::Test {
+protected:
+    void SetUp() override {
+        char pattern[] = "/tmp/tavix-tool-XXXXXX";
+        ASSERT_NE(nullptr, mkdtemp(pattern));
+        folder = pattern;
+    }
+    void TearDown() override { system(("rm -rf '" + folder + "'").c_str()); }
+    std::string folder;
+};
+
+TEST_F(TavixCommand, ListsDevicesAndFormats) {
+    const CommandRun list = Tavix("list");
+    EXPECT_EQ(0, list.status);
+    EXPECT_TRUE(Contains(list.output, "Tavix Test Camera")) << list.output;
+    EXPECT_TRUE(Contains(list.output, "Tavix Test Microphone"));
+    EXPECT_TRUE(Contains(list.output, "transport controls")) << "the deck's state";
+
+    const CommandRun formats = Tavix("formats 'Tavix Test Camera'");
+    EXPECT_EQ(0, formats.status);
+    EXPECT_TRUE(Contains(formats.output, "1280 x 720")) << formats.output;
+    EXPECT_TRUE(Contains(formats.output, "160 x 120"));
+}
+
+TEST_F(TavixCommand, EveryCommandHasHelp) {
+    for (const char* command : {"", "list ", "formats ", "capture ", "transport "}) {
+        const CommandRun help = Tavix(std::string(command) + "--help");
+        EXPECT_EQ(0, help.status) << command;
+        EXPECT_TRUE(Contains(help.output, "usage: tavix")) << command << help.output;
+    }
+}
+
+TEST_F(TavixCommand, CapturesRecordsAndSnapshotsWithPlainLinesOffATerminal) {
+    const std::string movie = folder + "/capture.mp4", png = folder + "/last.png";
+    const CommandRun run = Tavix("capture 'Tavix Test Camera' --audio 'Tavix Test Microphone' "
+                                 "--seconds 1 --size 320x240 --format BGRA --record " +
+                                 movie + " --snapshot " + png);
+    ASSERT_EQ(0, run.status) << run.output;
+    EXPECT_FALSE(Contains(run.output, "\r")) << "no live line when the output is not a terminal";
+    EXPECT_TRUE(Contains(run.output, "320 x 240 BGRA")) << run.output;
+    EXPECT_TRUE(Contains(run.output, "0 dropped"));
+
+    std::ifstream picture(png, std::ios::binary);
+    char signature[8] = {};
+    picture.read(signature, 8);
+    EXPECT_EQ(std::string("\x89PNG\r\n\x1a\n", 8), std::string(signature, 8));
+
+    if (!HaveFFprobe())
+        GTEST_SKIP() << "ffprobe is not installed";
+    const ProbedMovie probed = ProbeMovie(movie);
+    ASSERT_TRUE(probed.readable) << run.output;
+    EXPECT_EQ(2u, probed.streams.size());
+    EXPECT_NEAR(1.0, probed.duration, 0.25);
+}
+
+TEST_F(TavixCommand, CtrlCStopsCleanlyAndKeepsTheRecording) {
+    const std::string movie = folder + "/interrupted.mov";
+    const pid_t child = fork();
+    ASSERT_NE(-1, child);
+    if (child == 0) {
+        freopen("/dev/null", "w", stdout);
+        execl(kTavix.c_str(), "tavix", "capture", "Tavix Test Camera", "--seconds", "60",
+              "--record", movie.c_str(), static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+    kill(child, SIGINT);
+    int status = 0;
+    ASSERT_EQ(child, waitpid(child, &status, 0));
+    ASSERT_TRUE(WIFEXITED(status)) << "ended by a signal";
+    EXPECT_EQ(0, WEXITSTATUS(status));
+    if (!HaveFFprobe())
+        GTEST_SKIP() << "ffprobe is not installed";
+    const ProbedMovie probed = ProbeMovie(movie);
+    ASSERT_TRUE(probed.readable);
+    EXPECT_GT(probed.duration, 0.5);
+    EXPECT_LT(probed.duration, 5.0);
+}
+
+TEST_F(TavixCommand, DrivesATapeDeck) {
+    // Each run is a new process: the deck starts stopped, and a command changes it.
+    const CommandRun status = Tavix("transport 'Tavix Test Deck' status");
+    EXPECT_EQ(0, status.status);
+    EXPECT_TRUE(Contains(status.output, "stopped")) << status.output;
+    const CommandRun play = Tavix("transport 'Tavix Test Deck' play");
+    EXPECT_EQ(0, play.status) << play.output;
+    EXPECT_TRUE(Contains(play.output, "play")) << play.output;
+}
+
+TEST_F(TavixCommand, ErrorsNameTheProblemAndFail) {
+    struct Case {
+        std::string arguments, message;
+    } cases[] = {
+        {"capture 'No Such Camera' --seconds 1", "No Such Camera"},
+        {"capture 'Tavix Test Camera' --size 12x", "12x"},
+        {"capture 'Tavix Test Camera' --size 0x0", "0x0"},
+        {"capture 'Tavix Test Camera' --seconds -3", "-3"},
+        {"capture 'Tavix Test Camera' --format ABCDE", "ABCDE"},
+        {"capture 'Tavix Test Camera' --seconds 1 --record " + folder + "/missing/x.mov",
+         "missing/x.mov"},
+        {"capture 'Tavix Test Camera' --seconds 1 --snapshot " + folder + "/missing/x.png",
+         "missing/x.png"},
+        {"capture 'Tavix Test Camera' --audio 'No Such Mic' --seconds 1", "No Such Mic"},
+        {"formats 'No Such Camera'", "No Such Camera"},
+        {"transport 'Tavix Test Deck' dance", "dance"},
+        {"transport 'Tavix Test Camera' play", "transport"},
+        {"record", "record"},
+        {"", "usage"},
+    };
+    for (const Case& c : cases) {
+        const CommandRun run = Tavix(c.arguments);
+        EXPECT_NE(0, run.status) << c.arguments;
+        EXPECT_TRUE(Contains(run.output, c.message)) << c.arguments << ": " << run.output;
+    }
+}
+
+} // namespace
