@@ -39,11 +39,16 @@ struct VideoConverter::Implementation {
         const PixelFormatInfo* to = FindPixelFormat(format);
         if (from == nullptr || to == nullptr)
             return false;
+        // A format change alone samples chroma by point, which keeps colours exact where
+        // edges fall on chroma sites (bilinear chroma interpolation smears them, by up to a
+        // third of the range for NV12); scaling filters bilinearly.
+        const bool scales = width != source->width || height != source->height;
+        const int flags = scales ? SWS_BILINEAR : SWS_POINT;
         scaler =
             sws_getContext(static_cast<int>(source->width), static_cast<int>(source->height),
                            static_cast<AVPixelFormat>(from->ffmpegFormat), static_cast<int>(width),
                            static_cast<int>(height), static_cast<AVPixelFormat>(to->ffmpegFormat),
-                           SWS_BILINEAR, nullptr, nullptr, nullptr);
+                           flags, nullptr, nullptr, nullptr);
         if (scaler == nullptr)
             return false;
         pool = new CVPixelBufferPool(format, width, height);
