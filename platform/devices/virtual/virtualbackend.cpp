@@ -60,6 +60,7 @@ struct Registry {
     std::set<std::string> refusedInputs;
     bool refusedOutputs[3] = {false, false, false};
     std::atomic<bool> unthrottled{false};
+    std::atomic<bool> stillPictures{false};
 
     std::shared_ptr<VirtualDevice> Find(const std::string& uniqueId) {
         for (auto* list : {&builtIn, &added})
@@ -98,6 +99,10 @@ platform::DeviceBackend* VirtualDeviceBackend() {
 
 bool VirtualDevicesUnthrottled() {
     return TheRegistry().unthrottled.load();
+}
+
+bool VirtualDevicesDrawStillPictures() {
+    return TheRegistry().stillPictures.load();
 }
 
 namespace virtualdevices {
@@ -144,6 +149,7 @@ void Reset() {
     for (bool& refused : registry.refusedOutputs)
         refused = false;
     registry.unthrottled = false;
+    registry.stillPictures = false;
 }
 
 namespace {
@@ -170,6 +176,10 @@ void SetOpenable(const std::string& uniqueId, bool openable) {
 
 void SetUnthrottled(bool unthrottled) {
     TheRegistry().unthrottled = unthrottled;
+}
+
+void SetStillPictures(bool still) {
+    TheRegistry().stillPictures = still;
 }
 
 void SetSessionRefusesInput(const std::string& uniqueId, bool refuse) {

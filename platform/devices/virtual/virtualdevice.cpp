@@ -13,6 +13,8 @@ namespace {
 // Sound comes in buffers of this length when the device has no pictures to follow.
 constexpr double kSoundBufferSeconds = 0.01;
 constexpr double kToneAmplitude = 0.5;
+// Pictures drawn before a camera set to still pictures stops drawing.
+constexpr uint64_t kStillPictures = 8;
 
 class VirtualStream : public platform::DeviceStream {
 public:
@@ -91,7 +93,8 @@ private:
             if (picture) {
                 sample.video = pool->CreatePixelBuffer();
                 if (sample.video != nullptr) {
-                    pattern->Draw(sample.video, pictureNumber);
+                    if (!VirtualDevicesDrawStillPictures() || videoFrames <= kStillPictures)
+                        pattern->Draw(sample.video, pictureNumber);
                     sample.frameRate = videoMode.frameRate;
                     produced = true;
                 }

@@ -34,3 +34,4 @@ public:
 
 // Whether devices run as fast as they can (set by the test control).
 bool VirtualDevicesUnthrottled();
+bool VirtualDevicesDrawStillPictures();

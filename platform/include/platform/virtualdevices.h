@@ -55,6 +55,9 @@ void SetOpenable(const std::string& uniqueId, bool openable);
 
 // Devices deliver as fast as they can instead of at their frame rate (benchmarks).
 void SetUnthrottled(bool unthrottled);
+// Cameras draw only their first few pictures and then deliver those buffers as they are, so a
+// benchmark measures the library's own cost per frame rather than the drawing.
+void SetStillPictures(bool still);
 
 // Sessions refuse inputs of this device, or outputs of this kind, until told otherwise.
 void SetSessionRefusesInput(const std::string& uniqueId, bool refuse);
