@@ -31,6 +31,7 @@ TEST(SMPTE2Milliseconds, ScalesFramesByTheNominalRateOfTheType) {
         {Timecode(0, 0, 0, 59, 6), 983},    {Timecode(0, 0, 0, 12, 9), 480},
         {Timecode(0, 1, 2, 0, 1), 62000},   {Timecode(0, 0, 0, -5, 1), 0},
     };
+    EXPECT_EQ(0ul, TavixDeviceSMPTE2Milliseconds(nullptr));
     for (const Case& c : cases)
         EXPECT_EQ(c.milliseconds, TavixDeviceSMPTE2Milliseconds(&c.time))
             << c.time.mHours << ":" << c.time.mMinutes << ":" << c.time.mSeconds << "."
@@ -129,6 +130,7 @@ TEST_F(TransportTest, TheLatestFramesTimecodeAdvancesWhilePlaying) {
     ASSERT_TRUE(WaitUntil([&] { return log.sawTimecode.load(); }));
     ASSERT_TRUE(TavixDeviceGetSMPTETime(deck, &time));
     EXPECT_EQ(1u, time.mType) << "a 25 fps deck";
+    EXPECT_TRUE(TavixDeviceGetSMPTETime(deck, nullptr)) << "answers without copying";
     const unsigned long first = TavixDeviceSMPTE2Milliseconds(&time);
     SMPTETime later{};
     ASSERT_TRUE(WaitUntil([&] {
