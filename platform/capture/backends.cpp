@@ -3,14 +3,17 @@
 
 #include "platform/devicebackend.h"
 
+#include "platform/devices/alsa/alsabackend.h"
+#include "platform/devices/v4l2/v4l2backend.h"
+
 platform::DeviceBackend* VirtualDeviceBackend();
 
 namespace platform {
 
 const std::vector<DeviceBackend*>& DeviceBackends() {
     // Real devices first; the virtual test devices always last.
-    static const std::vector<DeviceBackend*>* backends =
-        new std::vector<DeviceBackend*>{VirtualDeviceBackend()};
+    static const std::vector<DeviceBackend*>* backends = new std::vector<DeviceBackend*>{
+        V4L2DeviceBackend(), AlsaDeviceBackend(), VirtualDeviceBackend()};
     return *backends;
 }
 

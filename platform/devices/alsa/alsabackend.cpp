@@ -1,0 +1,193 @@
+// ALSA sound inputs as capture devices: the hardware capture PCMs and the default device, each
+// delivering in its native format from its own capture thread.
+#include "platform/devices/alsa/alsabackend.h"
+
+#include <condition_variable>
+#include <deque>
+#include <map>
+#include <mutex>
+
+#include "platform/devices/alsa/alsacapture.h"
+
+namespace {
+
+// Captured sound waiting for the session's capture thread; beyond this the oldest is dropped
+// (the reader fell more than about two seconds behind).
+constexpr size_t kMaxQueuedChunks = 200;
+// How long a probe of a PCM's native format is trusted before it is made again.
+constexpr double kProbeSeconds = 5;
+
+AudioStreamBasicDescription DescriptionOf(const AlsaNativeFormat& format) {
+    AlsaSampleLayout layout;
+    AlsaSampleLayoutOf(format.format, layout);
+    AudioStreamBasicDescription d{};
+    d.mSampleRate = format.rate;
+    d.mFormatID = kAudioFormatLinearPCM;
+    d.mFormatFlags = layout.formatFlags;
+    d.mBytesPerFrame = layout.bytesPerSample * format.channels;
+    d.mBytesPerPacket = d.mBytesPerFrame;
+    d.mFramesPerPacket = 1;
+    d.mChannelsPerFrame = format.channels;
+    d.mBitsPerChannel = layout.bitsPerChannel;
+    return d;
+}
+
+// Native formats by PCM name, probed at most every few seconds: a probe opens the device.
+class ProbeCache {
+public:
+    bool Get(const std::string& pcm, AlsaNativeFormat& format) {
+        std::lock_guard<std::mutex> locked(mutex);
+        Entry& entry = entries[pcm];
+        const double now = platform::MonotonicSeconds();
+        if (entry.when == 0 || now - entry.when > kProbeSeconds) {
+            bool busy = false;
+            entry.ok = AlsaProbeNativeFormat(pcm, entry.format, &busy);
+            // A busy device keeps the format it last showed.
+            if (!entry.ok && busy && entry.format.rate != 0)
+                entry.ok = true;
+            entry.when = now;
+        }
+        format = entry.format;
+        return entry.ok;
+    }
+
+private:
+    struct Entry {
+        double when = 0;
+        bool ok = false;
+        AlsaNativeFormat format;
+    };
+    std::mutex mutex;
+    std::map<std::string, Entry> entries;
+};
+
+ProbeCache& Probes() {
+    static ProbeCache cache;
+    return cache;
+}
+
+class AlsaStream : public platform::DeviceStream {
+public:
+    bool Start(const std::string& pcm, const AlsaNativeFormat& native) {
+        format = DescriptionOf(native);
+        return capture.start(
+                   pcm, native,
+                   [this](const uint8_t* samples, size_t frames, double timestamp) {
+                       Chunk chunk;
+                       chunk.bytes.assign(samples, samples + frames * format.mBytesPerFrame);
+                       chunk.time = timestamp;
+                       std::lock_guard<std::mutex> locked(mutex);
+                       if (queue.size() >= kMaxQueuedChunks)
+                           queue.pop_front();
+                       queue.push_back(std::move(chunk));
+                       ready.notify_one();
+                   },
+                   [this] {
+                       std::lock_guard<std::mutex> locked(mutex);
+                       gone = true;
+                       ready.notify_one();
+                   }) == AlsaCapture::Status::Ok;
+    }
+
+    ~AlsaStream() override { capture.stop(); }
+
+    Result Read(int timeoutMs, platform::CapturedSample& sample) override {
+        std::unique_lock<std::mutex> locked(mutex);
+        ready.wait_for(locked, std::chrono::milliseconds(timeoutMs),
+                       [this] { return !queue.empty() || gone; });
+        if (queue.empty())
+            return gone ? Result::Gone : Result::Timeout;
+        current = std::move(queue.front());
+        queue.pop_front();
+        locked.unlock();
+        list.mNumberBuffers = 1;
+        list.mBuffers[0].mNumberChannels = format.mChannelsPerFrame;
+        list.mBuffers[0].mDataByteSize = static_cast<UInt32>(current.bytes.size());
+        list.mBuffers[0].mData = current.bytes.data();
+        sample.audio = &list;
+        sample.audioFormat = format;
+        sample.time = current.time;
+        return Result::Sample;
+    }
+
+private:
+    struct Chunk {
+        std::vector<uint8_t> bytes;
+        double time = 0;
+    };
+    AudioStreamBasicDescription format{};
+    AlsaCapture capture;
+    std::mutex mutex;
+    std::condition_variable ready;
+    std::deque<Chunk> queue;
+    bool gone = false;
+    Chunk current; // what the last Read handed out, valid until the next
+    AudioBufferList list{};
+};
+
+class AlsaDevice : public platform::BackendDevice {
+public:
+    explicit AlsaDevice(AlsaDeviceInfo info) : info(std::move(info)) {}
+
+    platform::DeviceInfo Info() const override {
+        platform::DeviceInfo result;
+        result.uniqueId = info.uniqueId;
+        result.displayName = info.displayName;
+        result.hasSound = true;
+        return result;
+    }
+
+    bool IsConnected() override { return AlsaIsPresent(info.pcmName); }
+    bool IsInUseByAnotherApplication() override { return AlsaIsInUse(info.pcmName); }
+    bool Open() override { return IsConnected(); }
+    void Close() override {}
+
+    std::vector<platform::DeviceFormat> Formats() override {
+        AlsaNativeFormat native;
+        if (!Probes().Get(info.pcmName, native))
+            return {};
+        platform::DeviceFormat format;
+        format.kind = platform::MediaKind::Sound;
+        format.formatType = kAudioFormatLinearPCM;
+        format.audio = DescriptionOf(native);
+        return {format};
+    }
+
+    std::unique_ptr<platform::DeviceStream> StartStream(const platform::StreamRequest&) override {
+        AlsaNativeFormat native;
+        if (!Probes().Get(info.pcmName, native))
+            return nullptr;
+        auto stream = std::make_unique<AlsaStream>();
+        if (!stream->Start(info.pcmName, native))
+            return nullptr;
+        return stream;
+    }
+
+private:
+    AlsaDeviceInfo info;
+};
+
+class AlsaBackend : public platform::DeviceBackend {
+public:
+    const char* Name() const override { return "alsa"; }
+
+    std::vector<std::shared_ptr<platform::BackendDevice>> Enumerate() override {
+        std::vector<std::shared_ptr<platform::BackendDevice>> devices;
+        for (AlsaDeviceInfo& info : AlsaListDevices()) {
+            // "default" is hinted even where nothing stands behind it: offer it only when it
+            // opens.
+            AlsaNativeFormat native;
+            if (info.pcmName == "default" && !Probes().Get(info.pcmName, native))
+                continue;
+            devices.push_back(std::make_shared<AlsaDevice>(std::move(info)));
+        }
+        return devices;
+    }
+};
+
+} // namespace
+
+platform::DeviceBackend* AlsaDeviceBackend() {
+    static AlsaBackend backend;
+    return &backend;
+}

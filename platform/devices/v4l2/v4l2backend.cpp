@@ -1,0 +1,250 @@
+// V4L2 cameras as capture devices: every video capture node that can stream, its formats in
+// the platform's pixel formats, and a stream that hands out the driver's mapped buffers
+// themselves (no pixel copy) or, for Motion-JPEG cameras, decoded pictures.
+#include "platform/devices/v4l2/v4l2backend.h"
+
+#include <linux/videodev2.h>
+
+#include <algorithm>
+#include <mutex>
+
+#include "platform/devices/v4l2/mjpegdecoder.h"
+#include "platform/devices/v4l2/v4l2negotiation.h"
+#include "platform/pixelformats.h"
+
+extern "C" {
+#include <libavutil/frame.h>
+#include <libswscale/swscale.h>
+}
+
+namespace {
+
+// Enough buffers that a capture thread busy for a frame time or two drops nothing at 30 fps.
+constexpr unsigned kStreamBuffers = 6;
+// What a camera is asked for when the outputs leave the choice to it.
+constexpr uint32_t kDefaultWidth = 1280, kDefaultHeight = 720;
+constexpr double kWantedRate = 30;
+// Decoded Motion-JPEG pictures are delivered as '2vuy', which every output converts from.
+constexpr OSType kDecodedFormat = kCVPixelFormatType_422YpCbCr8;
+
+bool IsMjpeg(uint32_t fourcc) {
+    return fourcc == V4L2_PIX_FMT_MJPEG || fourcc == V4L2_PIX_FMT_JPEG;
+}
+
+// The platform's pixel format for a driver format: its own, or the decoded one for JPEG; 0 for
+// formats this backend cannot deliver.
+OSType PlatformFormatOf(uint32_t fourcc) {
+    if (IsMjpeg(fourcc))
+        return kDecodedFormat;
+    const PixelFormatInfo* info = FindPixelFormatByV4L2(fourcc);
+    return info != nullptr ? info->pixelFormat : 0;
+}
+
+double SampleTime(double driverTime) {
+    // Drivers stamp buffers with CLOCK_MONOTONIC, the platform's clock; a driver that does not
+    // stamp gets the time of dequeueing.
+    return driverTime > 0 ? driverTime : platform::MonotonicSeconds();
+}
+
+// One dequeued driver buffer wrapped by a pixel buffer; handed back to the driver when the
+// pixel buffer's last reference goes.
+void RequeueFrame(void* frame, const void*) {
+    auto* held = static_cast<V4L2Frame*>(frame);
+    held->requeue();
+    delete held;
+}
+
+class V4L2Stream : public platform::DeviceStream {
+public:
+    V4L2Stream(std::unique_ptr<V4L2Camera> camera, OSType pixelFormat)
+        : camera(std::move(camera)), pixelFormat(pixelFormat) {}
+
+    ~V4L2Stream() override {
+        camera->stop();
+        camera->close();
+        if (pool != nullptr) {
+            pool->Invalidate();
+            pool->release();
+        }
+        sws_freeContext(scaler);
+    }
+
+    Result Read(int timeoutMs, platform::CapturedSample& sample) override {
+        V4L2Frame frame;
+        switch (camera->waitFrame(timeoutMs, frame)) {
+        case V4L2Camera::Wait::Timeout:
+            return Result::Timeout;
+        case V4L2Camera::Wait::Gone:
+        case V4L2Camera::Wait::Failed:
+            return Result::Gone;
+        case V4L2Camera::Wait::Frame:
+            break;
+        }
+        const V4L2Camera::StreamFormat& format = camera->format();
+        sample.time = SampleTime(frame.timestamp);
+        sample.frameRate = format.interval.framesPerSecond();
+        sample.video = IsMjpeg(format.fourcc) ? Decode(frame) : Wrap(frame);
+        // A frame that cannot be used (damaged JPEG, short buffer) is skipped, not an error.
+        return sample.video != nullptr ? Result::Sample : Result::Timeout;
+    }
+
+private:
+    CVPixelBufferRef Wrap(V4L2Frame& frame) {
+        const V4L2Camera::StreamFormat& format = camera->format();
+        PixelFormatLayout layout;
+        if (!GetPixelFormatLayout(pixelFormat, format.width, format.height, 1, layout) ||
+            frame.bytesUsed < format.bytesPerLine * format.height) {
+            frame.requeue();
+            return nullptr;
+        }
+        auto* held = new V4L2Frame(std::move(frame));
+        CVPixelBufferRef buffer = nullptr;
+        if (CVPixelBufferCreateWithBytes(
+                nullptr, format.width, format.height, pixelFormat, const_cast<uint8_t*>(held->data),
+                format.bytesPerLine, RequeueFrame, held, nullptr, &buffer) != kCVReturnSuccess) {
+            RequeueFrame(held, nullptr);
+            return nullptr;
+        }
+        return buffer;
+    }
+
+    CVPixelBufferRef Decode(V4L2Frame& frame) {
+        const AVFrame* picture = decoder.decode(frame.data, frame.bytesUsed);
+        frame.requeue();
+        if (picture == nullptr)
+            return nullptr;
+        const size_t width = static_cast<size_t>(picture->width);
+        const size_t height = static_cast<size_t>(picture->height);
+        if (pool == nullptr || width != poolWidth || height != poolHeight) {
+            if (pool != nullptr) {
+                pool->Invalidate();
+                pool->release();
+            }
+            pool = new CVPixelBufferPool(kDecodedFormat, width, height);
+            poolWidth = width;
+            poolHeight = height;
+        }
+        scaler = sws_getCachedContext(scaler, picture->width, picture->height,
+                                      static_cast<AVPixelFormat>(picture->format), picture->width,
+                                      picture->height, AV_PIX_FMT_UYVY422, SWS_POINT, nullptr,
+                                      nullptr, nullptr);
+        CVPixelBufferRef buffer = pool->CreatePixelBuffer();
+        if (scaler == nullptr || buffer == nullptr) {
+            CVPixelBufferRelease(buffer);
+            return nullptr;
+        }
+        CVPixelBufferLockBaseAddress(buffer, 0);
+        uint8_t* planes[4] = {static_cast<uint8_t*>(CVPixelBufferGetBaseAddress(buffer)), nullptr,
+                              nullptr, nullptr};
+        int strides[4] = {static_cast<int>(CVPixelBufferGetBytesPerRow(buffer)), 0, 0, 0};
+        sws_scale(scaler, picture->data, picture->linesize, 0, picture->height, planes, strides);
+        CVPixelBufferUnlockBaseAddress(buffer, 0);
+        return buffer;
+    }
+
+    std::unique_ptr<V4L2Camera> camera;
+    OSType pixelFormat; // of the driver's frames, for wrapped buffers
+    MjpegDecoder decoder;
+    SwsContext* scaler = nullptr;
+    CVPixelBufferPool* pool = nullptr; // of decoded pictures
+    size_t poolWidth = 0, poolHeight = 0;
+};
+
+class V4L2Device : public platform::BackendDevice {
+public:
+    explicit V4L2Device(V4L2DeviceInfo info) : info(std::move(info)) {}
+
+    platform::DeviceInfo Info() const override {
+        platform::DeviceInfo result;
+        result.uniqueId = info.uniqueId;
+        result.displayName = info.displayName;
+        result.hasVideo = true;
+        return result;
+    }
+
+    bool IsConnected() override { return !V4L2FindNode(info.uniqueId).empty(); }
+
+    bool IsInUseByAnotherApplication() override {
+        const std::string node = V4L2FindNode(info.uniqueId);
+        return !node.empty() && V4L2IsInUse(node);
+    }
+
+    // The node is opened for each stream; opening the device only checks that it is there.
+    bool Open() override { return IsConnected(); }
+    void Close() override {}
+
+    std::vector<platform::DeviceFormat> Formats() override {
+        std::vector<platform::DeviceFormat> formats;
+        for (const V4L2Format& format : info.formats) {
+            const OSType pixelFormat = PlatformFormatOf(format.fourcc);
+            if (pixelFormat == 0)
+                continue;
+            for (const V4L2FrameSize& size : format.sizes) {
+                platform::DeviceFormat entry;
+                entry.kind = platform::MediaKind::Video;
+                entry.formatType = pixelFormat;
+                entry.width = size.width;
+                entry.height = size.height;
+                entry.frameRate =
+                    size.intervals.empty() ? 0 : size.intervals.front().framesPerSecond();
+                formats.push_back(entry);
+            }
+        }
+        return formats;
+    }
+
+    std::unique_ptr<platform::DeviceStream>
+    StartStream(const platform::StreamRequest& request) override {
+        const std::string node = V4L2FindNode(info.uniqueId);
+        if (node.empty())
+            return nullptr;
+        const PixelFormatInfo* wanted =
+            request.pixelFormat != 0 ? FindPixelFormat(request.pixelFormat) : nullptr;
+        const uint32_t width =
+            request.width != 0 ? static_cast<uint32_t>(request.width) : kDefaultWidth;
+        const uint32_t height =
+            request.height != 0 ? static_cast<uint32_t>(request.height) : kDefaultHeight;
+        const V4L2Format* format = V4L2ChooseFormat(
+            info.formats, wanted != nullptr ? wanted->v4l2Format : 0, width, height, kWantedRate,
+            [](uint32_t fourcc) { return PlatformFormatOf(fourcc) != 0; });
+        if (format == nullptr)
+            return nullptr;
+        const V4L2FrameSize size = V4L2NearestSize(*format, width, height);
+        auto camera = std::make_unique<V4L2Camera>();
+        if (camera->open(node) != V4L2Camera::Status::Ok ||
+            camera->setFormat(format->fourcc, size.width, size.height,
+                              V4L2NearestInterval(size, kWantedRate)) != V4L2Camera::Status::Ok)
+            return nullptr;
+        // The driver has the last word on the format.
+        const OSType delivered = PlatformFormatOf(camera->format().fourcc);
+        if (delivered == 0 || camera->start(kStreamBuffers) != V4L2Camera::Status::Ok)
+            return nullptr;
+        return std::make_unique<V4L2Stream>(std::move(camera), delivered);
+    }
+
+private:
+    V4L2DeviceInfo info;
+};
+
+class V4L2Backend : public platform::DeviceBackend {
+public:
+    explicit V4L2Backend(std::string folder) : folder(std::move(folder)) {}
+    const char* Name() const override { return "v4l2"; }
+
+    std::vector<std::shared_ptr<platform::BackendDevice>> Enumerate() override {
+        std::vector<std::shared_ptr<platform::BackendDevice>> devices;
+        for (V4L2DeviceInfo& info : V4L2ListDevices(folder))
+            devices.push_back(std::make_shared<V4L2Device>(std::move(info)));
+        return devices;
+    }
+
+private:
+    std::string folder;
+};
+
+} // namespace
+
+platform::DeviceBackend* V4L2DeviceBackend() {
+    static V4L2Backend backend("/dev");
+    return &backend;
+}

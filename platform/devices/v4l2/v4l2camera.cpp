@@ -1,0 +1,432 @@
+#include "platform/devices/v4l2/v4l2camera.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <dirent.h>
+#include <fcntl.h>
+#include <linux/videodev2.h>
+#include <map>
+#include <poll.h>
+#include <sys/ioctl.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+namespace {
+
+// ioctl, restarted when a signal interrupts it.
+int Ioctl(int fd, unsigned long request, void* argument) {
+    int result;
+    do {
+        result = ioctl(fd, request, argument);
+    } while (result == -1 && errno == EINTR);
+    return result;
+}
+
+// Sizes offered inside a stepwise or continuous range, besides the range's largest size.
+const uint32_t kCommonSizes[][2] = {{160, 120},  {320, 180},  {320, 240},   {352, 288},
+                                    {640, 360},  {640, 480},  {800, 600},   {1024, 768},
+                                    {1280, 720}, {1280, 960}, {1920, 1080}, {3840, 2160}};
+
+std::string TextOf(const uint8_t* text, size_t size) {
+    return std::string(reinterpret_cast<const char*>(text), strnlen((const char*)text, size));
+}
+
+// The node's index among its device's nodes, from sysfs; 0 when it cannot be read.
+unsigned NodeIndex(const std::string& path) {
+    std::string name = path.substr(path.rfind('/') + 1);
+    std::string file = "/sys/class/video4linux/" + name + "/index";
+    unsigned index = 0;
+    if (FILE* f = fopen(file.c_str(), "re")) {
+        if (fscanf(f, "%u", &index) != 1)
+            index = 0;
+        fclose(f);
+    }
+    return index;
+}
+
+std::vector<V4L2Fraction> EnumerateIntervals(int fd, uint32_t fourcc, uint32_t width,
+                                             uint32_t height) {
+    std::vector<V4L2Fraction> intervals;
+    v4l2_frmivalenum query{};
+    query.pixel_format = fourcc;
+    query.width = width;
+    query.height = height;
+    for (query.index = 0; Ioctl(fd, VIDIOC_ENUM_FRAMEINTERVALS, &query) == 0; ++query.index) {
+        if (query.type == V4L2_FRMIVAL_TYPE_DISCRETE) {
+            if (query.discrete.numerator && query.discrete.denominator)
+                intervals.push_back({query.discrete.numerator, query.discrete.denominator});
+            continue;
+        }
+        // A range: offer its two ends.
+        const v4l2_fract& fastest = query.stepwise.min;
+        const v4l2_fract& slowest = query.stepwise.max;
+        if (fastest.numerator && fastest.denominator)
+            intervals.push_back({fastest.numerator, fastest.denominator});
+        if (slowest.numerator && slowest.denominator)
+            intervals.push_back({slowest.numerator, slowest.denominator});
+        break;
+    }
+    std::sort(intervals.begin(), intervals.end(), [](const V4L2Fraction& a, const V4L2Fraction& b) {
+        return a.framesPerSecond() > b.framesPerSecond();
+    });
+    return intervals;
+}
+
+std::vector<V4L2FrameSize> EnumerateSizes(int fd, uint32_t fourcc) {
+    std::vector<V4L2FrameSize> sizes;
+    v4l2_frmsizeenum query{};
+    query.pixel_format = fourcc;
+    for (query.index = 0; Ioctl(fd, VIDIOC_ENUM_FRAMESIZES, &query) == 0; ++query.index) {
+        if (query.type == V4L2_FRMSIZE_TYPE_DISCRETE) {
+            sizes.push_back({query.discrete.width, query.discrete.height, {}});
+            continue;
+        }
+        const v4l2_frmsize_stepwise& range = query.stepwise;
+        for (const auto& common : kCommonSizes) {
+            uint32_t w = common[0], h = common[1];
+            bool inside = w >= range.min_width && w < range.max_width && h >= range.min_height &&
+                          h < range.max_height;
+            bool onStep =
+                (range.step_width == 0 || (w - range.min_width) % range.step_width == 0) &&
+                (range.step_height == 0 || (h - range.min_height) % range.step_height == 0);
+            if (inside && onStep)
+                sizes.push_back({w, h, {}});
+        }
+        sizes.push_back({range.max_width, range.max_height, {}});
+        break;
+    }
+    for (V4L2FrameSize& size : sizes)
+        size.intervals = EnumerateIntervals(fd, fourcc, size.width, size.height);
+    std::stable_sort(sizes.begin(), sizes.end(),
+                     [](const V4L2FrameSize& a, const V4L2FrameSize& b) {
+                         return uint64_t(a.width) * a.height > uint64_t(b.width) * b.height;
+                     });
+    return sizes;
+}
+
+// Node number of a "videoN" name, or -1 when the name is not one.
+int VideoNodeNumber(const char* name) {
+    if (strncmp(name, "video", 5) != 0 || name[5] == 0)
+        return -1;
+    int number = 0;
+    for (const char* p = name + 5; *p; ++p) {
+        if (*p < '0' || *p > '9' || number > 100000)
+            return -1;
+        number = number * 10 + (*p - '0');
+    }
+    return number;
+}
+
+} // namespace
+
+std::vector<V4L2Format> V4L2EnumerateFormats(int fd) {
+    std::vector<V4L2Format> formats;
+    v4l2_fmtdesc query{};
+    query.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+    for (query.index = 0; Ioctl(fd, VIDIOC_ENUM_FMT, &query) == 0; ++query.index) {
+        V4L2Format format;
+        format.fourcc = query.pixelformat;
+        format.compressed = (query.flags & V4L2_FMT_FLAG_COMPRESSED) != 0;
+        format.description = TextOf(query.description, sizeof query.description);
+        format.sizes = EnumerateSizes(fd, query.pixelformat);
+        formats.push_back(std::move(format));
+    }
+    return formats;
+}
+
+bool V4L2QueryDevice(const std::string& path, V4L2DeviceInfo& info, bool withFormats) {
+    info.path = path;
+    int fd = ::open(path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0)
+        return false;
+    v4l2_capability caps{};
+    bool usable = Ioctl(fd, VIDIOC_QUERYCAP, &caps) == 0;
+    if (usable) {
+        // A node of a multi-node device (a webcam's metadata node, say) reports its own
+        // capabilities in device_caps; the card-wide ones are in capabilities.
+        uint32_t nodeCaps =
+            (caps.capabilities & V4L2_CAP_DEVICE_CAPS) ? caps.device_caps : caps.capabilities;
+        usable = (nodeCaps & V4L2_CAP_VIDEO_CAPTURE) && (nodeCaps & V4L2_CAP_STREAMING);
+    }
+    if (usable) {
+        info.card = TextOf(caps.card, sizeof caps.card);
+        info.driver = TextOf(caps.driver, sizeof caps.driver);
+        info.busInfo = TextOf(caps.bus_info, sizeof caps.bus_info);
+        info.nodeIndex = NodeIndex(path);
+        // Bus info names the port a device is plugged into, so it survives reboots and
+        // renumbered nodes; the index tells apart the capture nodes of one device.
+        std::string where = info.busInfo.empty() ? info.card : info.busInfo;
+        info.uniqueId = "v4l2:" + info.driver + ":" + where + ":" + std::to_string(info.nodeIndex);
+        if (withFormats)
+            info.formats = V4L2EnumerateFormats(fd);
+    }
+    ::close(fd);
+    return usable;
+}
+
+void V4L2AssignDisplayNames(std::vector<V4L2DeviceInfo>& devices) {
+    std::map<std::string, int> seen;
+    for (V4L2DeviceInfo& device : devices) {
+        std::string name = device.card.empty() ? device.path : device.card;
+        int count = ++seen[name];
+        device.displayName = count == 1 ? name : name + " (" + std::to_string(count) + ")";
+    }
+}
+
+std::vector<V4L2DeviceInfo> V4L2ListDevices(const std::string& folder, bool withFormats) {
+    std::vector<std::pair<int, std::string>> nodes;
+    if (DIR* dir = opendir(folder.c_str())) {
+        while (dirent* entry = readdir(dir)) {
+            int number = VideoNodeNumber(entry->d_name);
+            if (number >= 0)
+                nodes.push_back({number, folder + "/" + entry->d_name});
+        }
+        closedir(dir);
+    }
+    std::sort(nodes.begin(), nodes.end());
+    std::vector<V4L2DeviceInfo> devices;
+    for (const auto& node : nodes) {
+        V4L2DeviceInfo info;
+        if (V4L2QueryDevice(node.second, info, withFormats))
+            devices.push_back(std::move(info));
+    }
+    V4L2AssignDisplayNames(devices);
+    return devices;
+}
+
+std::string V4L2FindNode(const std::string& uniqueId, const std::string& folder) {
+    for (const V4L2DeviceInfo& device : V4L2ListDevices(folder, false))
+        if (device.uniqueId == uniqueId)
+            return device.path;
+    return std::string();
+}
+
+bool V4L2IsInUse(const std::string& path) {
+    int fd = ::open(path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0)
+        return errno == EBUSY;
+    // Asking for no buffers changes nothing on a free queue and is refused with EBUSY when
+    // another file handle owns it.
+    v4l2_requestbuffers request{};
+    request.count = 0;
+    request.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+    request.memory = V4L2_MEMORY_MMAP;
+    bool busy = Ioctl(fd, VIDIOC_REQBUFS, &request) == -1 && errno == EBUSY;
+    ::close(fd);
+    return busy;
+}
+
+void V4L2Frame::requeue() {
+    if (pool)
+        pool->requeue(index);
+    pool.reset();
+    data = nullptr;
+}
+
+V4L2BufferPool::~V4L2BufferPool() {
+    for (const Mapping& mapping : mappings)
+        if (mapping.start)
+            munmap(mapping.start, mapping.length);
+}
+
+void V4L2BufferPool::requeue(uint32_t index) {
+    std::lock_guard<std::mutex> hold(mutex);
+    if (!streaming || index >= mappings.size())
+        return;
+    v4l2_buffer buffer{};
+    buffer.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+    buffer.memory = V4L2_MEMORY_MMAP;
+    buffer.index = index;
+    // A failure here means the device vanished or stopped; the capture loop finds out itself.
+    Ioctl(fd, VIDIOC_QBUF, &buffer);
+}
+
+V4L2Camera::Status V4L2Camera::statusFor(int error) {
+    switch (error) {
+    case EBUSY:
+        return Status::Busy;
+    case ENODEV:
+    case ENXIO:
+        gone = true;
+        return Status::Gone;
+    default:
+        return Status::Failed;
+    }
+}
+
+V4L2Camera::Status V4L2Camera::open(const std::string& path) {
+    close();
+    gone = false;
+    fd = ::open(path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0)
+        return errno == ENOENT ? (gone = true, Status::Gone) : statusFor(errno);
+    v4l2_format format{};
+    format.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+    if (Ioctl(fd, VIDIOC_G_FMT, &format) == 0) {
+        current.fourcc = format.fmt.pix.pixelformat;
+        current.width = format.fmt.pix.width;
+        current.height = format.fmt.pix.height;
+        current.bytesPerLine = format.fmt.pix.bytesperline;
+        current.imageSize = format.fmt.pix.sizeimage;
+    }
+    return Status::Ok;
+}
+
+V4L2Camera::Status V4L2Camera::setFormat(uint32_t fourcc, uint32_t width, uint32_t height,
+                                         V4L2Fraction interval) {
+    if (fd < 0 || pool)
+        return Status::Failed;
+    v4l2_format format{};
+    format.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+    format.fmt.pix.pixelformat = fourcc;
+    format.fmt.pix.width = width;
+    format.fmt.pix.height = height;
+    format.fmt.pix.field = V4L2_FIELD_ANY;
+    if (Ioctl(fd, VIDIOC_S_FMT, &format) == -1)
+        return statusFor(errno);
+    current.fourcc = format.fmt.pix.pixelformat;
+    current.width = format.fmt.pix.width;
+    current.height = format.fmt.pix.height;
+    current.bytesPerLine = format.fmt.pix.bytesperline;
+    current.imageSize = format.fmt.pix.sizeimage;
+    current.interval = {};
+
+    v4l2_streamparm parameters{};
+    parameters.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+    if (Ioctl(fd, VIDIOC_G_PARM, &parameters) == 0 &&
+        (parameters.parm.capture.capability & V4L2_CAP_TIMEPERFRAME)) {
+        if (interval.numerator && interval.denominator) {
+            parameters.parm.capture.timeperframe = {interval.numerator, interval.denominator};
+            // A refusal leaves the driver's rate, which is still a working rate.
+            Ioctl(fd, VIDIOC_S_PARM, &parameters);
+        }
+        const v4l2_fract& agreed = parameters.parm.capture.timeperframe;
+        current.interval = {agreed.numerator, agreed.denominator};
+    }
+    return Status::Ok;
+}
+
+V4L2Camera::Status V4L2Camera::start(unsigned bufferCount) {
+    if (fd < 0 || pool)
+        return Status::Failed;
+    v4l2_requestbuffers request{};
+    request.count = bufferCount;
+    request.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+    request.memory = V4L2_MEMORY_MMAP;
+    if (Ioctl(fd, VIDIOC_REQBUFS, &request) == -1)
+        return statusFor(errno);
+    if (request.count < 2) {
+        request.count = 0;
+        Ioctl(fd, VIDIOC_REQBUFS, &request);
+        return Status::Failed;
+    }
+    auto buffers = std::make_shared<V4L2BufferPool>(fd);
+    // On failure the buffers are freed again; `buffers` unmaps what was mapped.
+    auto fail = [&](int error) {
+        Status status = statusFor(error);
+        buffers.reset();
+        request.count = 0;
+        Ioctl(fd, VIDIOC_REQBUFS, &request);
+        return status;
+    };
+    for (uint32_t index = 0; index < request.count; ++index) {
+        v4l2_buffer buffer{};
+        buffer.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+        buffer.memory = V4L2_MEMORY_MMAP;
+        buffer.index = index;
+        if (Ioctl(fd, VIDIOC_QUERYBUF, &buffer) == -1)
+            return fail(errno);
+        void* start =
+            mmap(nullptr, buffer.length, PROT_READ | PROT_WRITE, MAP_SHARED, fd, buffer.m.offset);
+        if (start == MAP_FAILED)
+            return fail(errno);
+        buffers->mappings.push_back({start, buffer.length});
+        if (Ioctl(fd, VIDIOC_QBUF, &buffer) == -1)
+            return fail(errno);
+    }
+    v4l2_buf_type type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+    if (Ioctl(fd, VIDIOC_STREAMON, &type) == -1)
+        return fail(errno);
+    buffers->streaming = true;
+    pool = std::move(buffers);
+    return Status::Ok;
+}
+
+V4L2Camera::Wait V4L2Camera::waitFrame(int timeoutMs, V4L2Frame& frame) {
+    frame.requeue();
+    if (gone)
+        return Wait::Gone;
+    if (fd < 0 || !pool)
+        return Wait::Failed;
+    for (;;) {
+        pollfd watch{fd, POLLIN, 0};
+        int ready = poll(&watch, 1, timeoutMs);
+        if (ready == -1 && errno == EINTR)
+            continue;
+        if (ready == -1)
+            return Wait::Failed;
+        if (ready == 0)
+            return Wait::Timeout;
+        // POLLERR and POLLHUP also come here: the dequeue below tells why.
+        v4l2_buffer buffer{};
+        buffer.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+        buffer.memory = V4L2_MEMORY_MMAP;
+        if (Ioctl(fd, VIDIOC_DQBUF, &buffer) == -1) {
+            if (errno == EAGAIN)
+                continue;
+            if (errno == ENODEV || errno == ENXIO || (watch.revents & POLLHUP)) {
+                gone = true;
+                return Wait::Gone;
+            }
+            return Wait::Failed;
+        }
+        if (buffer.index >= pool->mappings.size())
+            return Wait::Failed;
+        if ((buffer.flags & V4L2_BUF_FLAG_ERROR) || buffer.bytesused == 0) {
+            pool->requeue(buffer.index);
+            continue;
+        }
+        frame.pool = pool;
+        frame.index = buffer.index;
+        frame.data = static_cast<const uint8_t*>(pool->mappings[buffer.index].start);
+        frame.bytesUsed = std::min<size_t>(buffer.bytesused, pool->mappings[buffer.index].length);
+        frame.sequence = buffer.sequence;
+        frame.timestamp = buffer.timestamp.tv_sec + buffer.timestamp.tv_usec / 1e6;
+        frame.hasTimecode = (buffer.flags & V4L2_BUF_FLAG_TIMECODE) != 0;
+        if (frame.hasTimecode) {
+            frame.hours = buffer.timecode.hours;
+            frame.minutes = buffer.timecode.minutes;
+            frame.seconds = buffer.timecode.seconds;
+            frame.frames = buffer.timecode.frames;
+            frame.timecodeType = buffer.timecode.type;
+        }
+        return Wait::Frame;
+    }
+}
+
+void V4L2Camera::stop() {
+    if (fd < 0)
+        return;
+    if (pool) {
+        std::lock_guard<std::mutex> hold(pool->mutex);
+        pool->streaming = false;
+    }
+    v4l2_buf_type type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+    Ioctl(fd, VIDIOC_STREAMOFF, &type);
+    // Buffers still mapped by held frames are orphaned by the driver and freed when unmapped.
+    v4l2_requestbuffers request{};
+    request.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+    request.memory = V4L2_MEMORY_MMAP;
+    Ioctl(fd, VIDIOC_REQBUFS, &request);
+    pool.reset();
+}
+
+void V4L2Camera::close() {
+    stop();
+    if (fd >= 0)
+        ::close(fd);
+    fd = -1;
+}

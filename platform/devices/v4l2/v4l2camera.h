@@ -1,0 +1,180 @@
+// One V4L2 video capture node, read top to bottom as the life of a camera: query what it is and
+// what it delivers, open it, negotiate a format, map its buffers, dequeue frames, stop, close.
+// Everything here speaks V4L2 four-character codes; mapping them to the platform's pixel formats
+// is the backend's business.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+// A frame interval in seconds, numerator / denominator (1/30 is 30 frames per second).
+struct V4L2Fraction {
+    uint32_t numerator = 0;
+    uint32_t denominator = 0;
+    // Frames per second, or 0 for an empty fraction.
+    double framesPerSecond() const {
+        return numerator ? double(denominator) / double(numerator) : 0.0;
+    }
+};
+
+// One frame size a format is offered in, with the frame intervals offered at that size.
+struct V4L2FrameSize {
+    uint32_t width = 0;
+    uint32_t height = 0;
+    std::vector<V4L2Fraction> intervals; // shortest interval (fastest rate) first; may be empty
+};
+
+// One pixel format of the driver's format enumeration.
+struct V4L2Format {
+    uint32_t fourcc = 0;              // V4L2_PIX_FMT_*
+    bool compressed = false;          // V4L2_FMT_FLAG_COMPRESSED (MJPEG, H.264...)
+    std::string description;          // the driver's text, e.g. "YUYV 4:2:2"
+    std::vector<V4L2FrameSize> sizes; // largest first
+};
+
+// What a capture node is, as enumeration reports it.
+struct V4L2DeviceInfo {
+    std::string path;        // "/dev/video0"
+    std::string card;        // the driver's card name
+    std::string driver;      // the driver's name ("uvcvideo", "vivid")
+    std::string busInfo;     // where the device sits ("usb-0000:00:14.0-1"), stable across reboots
+    unsigned nodeIndex = 0;  // the node's index among its device's nodes (sysfs "index")
+    std::string uniqueId;    // built from bus info and node index: stable across reboots
+    std::string displayName; // card name, made unique across devices by V4L2AssignDisplayNames
+    std::vector<V4L2Format> formats;
+};
+
+// Queries the node at `path`, with its formats when `withFormats`. Returns false (and leaves
+// `info` partly filled) when the node cannot be opened or is not a single-planar video capture
+// node that can stream. Any thread.
+bool V4L2QueryDevice(const std::string& path, V4L2DeviceInfo& info, bool withFormats = true);
+
+// The video capture nodes under `folder` ("/dev" on a real system), in node-number order, with
+// display names and unique ids assigned. Nodes that vanish or refuse to open are left out. An
+// empty list on a machine without cameras. Any thread.
+std::vector<V4L2DeviceInfo> V4L2ListDevices(const std::string& folder = "/dev",
+                                            bool withFormats = true);
+
+// The node that currently carries the device with `uniqueId` (it may have been plugged back in
+// under another number), or an empty string when the device is not there: unplugged, or
+// unregistered by its driver. Any thread.
+std::string V4L2FindNode(const std::string& uniqueId, const std::string& folder = "/dev");
+
+// Gives every device a display name: its card name, followed by " (2)", " (3)"... for the second
+// and later devices carrying the same card name, in list order.
+void V4L2AssignDisplayNames(std::vector<V4L2DeviceInfo>& devices);
+
+// The formats, sizes and intervals of an open node, from ENUM_FMT, ENUM_FRAMESIZES and
+// ENUM_FRAMEINTERVALS. Stepwise and continuous ranges are offered as the common sizes inside
+// them plus their largest size.
+std::vector<V4L2Format> V4L2EnumerateFormats(int fd);
+
+// True when another open file handle owns the node's buffer queue (another application is
+// capturing from it). False when the node is free or cannot be opened.
+bool V4L2IsInUse(const std::string& path);
+
+class V4L2BufferPool;
+
+// One dequeued frame. The memory stays mapped while any V4L2Frame or pool reference lives;
+// requeue() hands the buffer back to the driver (once; later calls do nothing).
+struct V4L2Frame {
+    std::shared_ptr<V4L2BufferPool> pool; // keeps the mapping alive; empty when no frame is held
+    uint32_t index = 0;                   // buffer index in the pool
+    const uint8_t* data = nullptr;        // the mapped buffer
+    size_t bytesUsed = 0;                 // bytes of frame data in it
+    uint32_t sequence = 0;                // the driver's frame counter
+    double timestamp = 0;                 // capture time, CLOCK_MONOTONIC seconds
+    bool hasTimecode = false;             // the driver supplied a SMPTE timecode
+    uint8_t hours = 0, minutes = 0, seconds = 0, frames = 0; // the timecode, when present
+    uint32_t timecodeType = 0;                               // V4L2_TC_TYPE_*
+    void requeue();
+};
+
+// The memory-mapped buffers of one streaming run, shared by the camera and the frames in
+// flight. Unmapped when the last holder lets go, so a frame held after the camera stopped (or
+// vanished) still reads valid memory.
+class V4L2BufferPool {
+public:
+    V4L2BufferPool(int fd) : fd(fd) {}
+    ~V4L2BufferPool();
+    V4L2BufferPool(const V4L2BufferPool&) = delete;
+    V4L2BufferPool& operator=(const V4L2BufferPool&) = delete;
+
+    // Hands buffer `index` back to the driver when the stream still runs; otherwise nothing.
+    // Any thread.
+    void requeue(uint32_t index);
+
+private:
+    friend class V4L2Camera;
+    struct Mapping {
+        void* start = nullptr;
+        size_t length = 0;
+    };
+    std::mutex mutex;              // orders requeues against the end of streaming
+    int fd;                        // the camera's descriptor, valid while `streaming`
+    bool streaming = false;        // buffers may be queued
+    std::vector<Mapping> mappings; // by buffer index
+};
+
+// An open capture node. One thread drives it (open, format, start, waitFrame, stop, close);
+// frames may be requeued from any thread.
+class V4L2Camera {
+public:
+    enum class Status {
+        Ok,
+        Busy,   // another file handle owns the node (EBUSY)
+        Gone,   // the device vanished (ENODEV)
+        Failed, // anything else
+    };
+    enum class Wait { Frame, Timeout, Gone, Failed };
+
+    // The format the driver agreed to.
+    struct StreamFormat {
+        uint32_t fourcc = 0;
+        uint32_t width = 0;
+        uint32_t height = 0;
+        uint32_t bytesPerLine = 0;
+        uint32_t imageSize = 0;
+        V4L2Fraction interval; // empty when the driver does not say
+    };
+
+    V4L2Camera() = default;
+    ~V4L2Camera() { close(); }
+    V4L2Camera(const V4L2Camera&) = delete;
+    V4L2Camera& operator=(const V4L2Camera&) = delete;
+
+    Status open(const std::string& path);
+    bool isOpen() const { return fd >= 0; }
+    int descriptor() const { return fd; }
+
+    // Asks for a format (S_FMT) and, when `interval` is not empty and the driver supports it,
+    // a frame interval (S_PARM). The driver may adjust both; format() reports what it chose.
+    Status setFormat(uint32_t fourcc, uint32_t width, uint32_t height, V4L2Fraction interval);
+    const StreamFormat& format() const { return current; }
+
+    // Requests and maps `bufferCount` buffers, queues them and starts streaming.
+    Status start(unsigned bufferCount);
+    bool isStreaming() const { return pool != nullptr; }
+
+    // Waits up to `timeoutMs` for a frame and dequeues it into `frame`. Buffers the driver
+    // marks as damaged or empty are handed back and waited past. Gone once the device vanished:
+    // later calls return Gone at once.
+    Wait waitFrame(int timeoutMs, V4L2Frame& frame);
+
+    // Stops streaming; frames still held stay readable until released. Safe when not streaming.
+    void stop();
+    void close();
+    bool isGone() const { return gone; }
+
+private:
+    Status statusFor(int error);
+
+    int fd = -1;
+    bool gone = false;
+    StreamFormat current;
+    std::shared_ptr<V4L2BufferPool> pool; // set while streaming
+};

@@ -1,0 +1,192 @@
+// Real devices through the library's C interface: a V4L2 camera in several formats and sizes,
+// converted and recorded, and a tone captured from an ALSA input. Against the kernel's vivid and
+// snd-aloop drivers inside scripts/devvm.sh; elsewhere only the listing is checked and the rest
+// skips, saying why.
+#include <alsa/asoundlib.h>
+#include <gtest/gtest.h>
+#include <linux/videodev2.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cmath>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "platform/devices/alsa/alsadevices.h"
+#include "platform/devices/v4l2/v4l2camera.h"
+#include "platform/pixelformats.h"
+#include "support/ffprobe.h"
+#include "support/tavix_helpers.h"
+
+namespace {
+
+std::vector<std::string> DeviceNames() {
+    std::vector<std::string> names;
+    TavixDeviceEnumerateWithCallBack(
+        [](const char* name, void* context) {
+            static_cast<std::vector<std::string>*>(context)->push_back(name);
+            return true;
+        },
+        &names, TavixDeviceMediaTypeAny, 1);
+    return names;
+}
+
+TEST(RealDevices, AreListedBeforeTheBuiltInOnes) {
+    const std::vector<std::string> names = DeviceNames();
+    ASSERT_GE(names.size(), 3u);
+    const size_t real = V4L2ListDevices().size();
+    EXPECT_EQ("Tavix Test Camera", names[names.size() - 3]);
+    EXPECT_EQ("Tavix Test Deck", names.back());
+    if (real == 0 && AlsaListDevices().empty()) {
+        EXPECT_EQ(3u, names.size()) << "a machine without devices lists only the built-in ones";
+    }
+    for (const V4L2DeviceInfo& camera : V4L2ListDevices())
+        EXPECT_NE(names.end(), std::find(names.begin(), names.end(), camera.displayName));
+}
+
+// The first camera offering a V4L2 format, by display name; empty when there is none.
+std::string CameraOffering(uint32_t fourcc) {
+    for (const V4L2DeviceInfo& device : V4L2ListDevices())
+        for (const V4L2Format& format : device.formats)
+            if (format.fourcc == fourcc)
+                return device.displayName;
+    return {};
+}
+
+#define REQUIRE_CAMERA(name, fourcc)                                                               \
+    const std::string name = CameraOffering(fourcc);                                               \
+    if (name.empty()) {                                                                            \
+        GTEST_SKIP() << "no V4L2 camera offering this format (scripts/devvm.sh has one)";          \
+    }
+
+TEST(RealDevices, ACameraDeliversEachFormatAndSizeAsked) {
+    REQUIRE_CAMERA(camera, V4L2_PIX_FMT_YUYV);
+    DeviceScope scope(TavixDeviceGet(camera.c_str(), TavixDeviceMediaTypeVideo));
+    ASSERT_NE(0u, scope.handle);
+    ASSERT_TRUE(TavixDeviceOpen(scope.handle));
+    const OSType formats[] = {kCVPixelFormatType_422YpCbCr8_yuvs,
+                              kCVPixelFormatType_420YpCbCr8BiPlanarVideoRange,
+                              kCVPixelFormatType_32BGRA};
+    const std::pair<unsigned long, unsigned long> sizes[] = {{320, 240}, {640, 480}};
+    for (OSType format : formats)
+        for (const auto& size : sizes) {
+            SCOPED_TRACE(testing::Message() << FindPixelFormat(format)->name << " " << size.first
+                                            << "x" << size.second);
+            CallbackLog log;
+            ASSERT_TRUE(TavixDeviceStartCapture(scope.handle, LogFrame, DataOf(log), format,
+                                                size.first, size.second, nullptr, 0, 0, 0, 0, 0,
+                                                nullptr));
+            EXPECT_TRUE(WaitUntil([&] { return log.frames >= 3; }, std::chrono::seconds(30)));
+            EXPECT_TRUE(TavixDeviceStopCapture(scope.handle));
+            EXPECT_EQ(format, log.pixelFormat.load());
+            EXPECT_EQ(size.first, log.width.load());
+            EXPECT_EQ(size.second, log.height.load());
+        }
+}
+
+TEST(RealDevices, ACameraRecordsWhatTheCallbackSees) {
+    REQUIRE_CAMERA(camera, V4L2_PIX_FMT_YUYV);
+    if (!HaveFFprobe())
+        GTEST_SKIP() << "ffprobe is not installed";
+    DeviceScope scope(TavixDeviceGet(camera.c_str(), TavixDeviceMediaTypeVideo));
+    ASSERT_TRUE(TavixDeviceOpen(scope.handle));
+    const std::string path = ::testing::TempDir() + "vivid.mov";
+    CallbackLog log;
+    ASSERT_TRUE(TavixDeviceStartCapture(scope.handle, LogFrame, DataOf(log),
+                                        kCVPixelFormatType_32BGRA, 320, 240, nullptr, 0, 0, 0, 0, 0,
+                                        path.c_str()));
+    EXPECT_TRUE(WaitUntil([&] { return log.frames >= 10; }, std::chrono::seconds(60)));
+    ASSERT_TRUE(TavixDeviceStopCapture(scope.handle));
+    const ProbedMovie movie = ProbeMovie(path);
+    ASSERT_TRUE(movie.readable);
+    ASSERT_NE(nullptr, movie.Find("video"));
+    EXPECT_NEAR(log.frames.load(), movie.Find("video")->frames, 1);
+}
+
+const char* kLoopbackCapture = "hw:CARD=Loopback,DEV=1";
+const char* kLoopbackPlayback = "hw:CARD=Loopback,DEV=0";
+
+std::string LoopbackInputName() {
+    for (const AlsaDeviceInfo& device : AlsaListDevices())
+        if (device.pcmName == kLoopbackCapture)
+            return device.displayName;
+    return {};
+}
+
+// Plays a 16-bit stereo sine into the loopback card until `stop` is set.
+void PlayTone(double hz, const std::atomic<bool>& stop) {
+    snd_pcm_t* pcm = nullptr;
+    if (snd_pcm_open(&pcm, kLoopbackPlayback, SND_PCM_STREAM_PLAYBACK, 0) != 0)
+        return;
+    const unsigned rate = 48000;
+    snd_pcm_set_params(pcm, SND_PCM_FORMAT_S16_LE, SND_PCM_ACCESS_RW_INTERLEAVED, 2, rate, 0,
+                       200000);
+    std::vector<int16_t> period(2 * rate / 50);
+    for (size_t done = 0; !stop; done += period.size() / 2) {
+        for (size_t i = 0; i < period.size() / 2; ++i)
+            period[2 * i] = period[2 * i + 1] =
+                static_cast<int16_t>(12000 * std::sin(2 * M_PI * hz * double(done + i) / rate));
+        const snd_pcm_sframes_t written = snd_pcm_writei(pcm, period.data(), period.size() / 2);
+        if (written < 0)
+            snd_pcm_recover(pcm, static_cast<int>(written), 1);
+    }
+    snd_pcm_drop(pcm);
+    snd_pcm_close(pcm);
+}
+
+struct ToneLog {
+    std::mutex mutex;
+    std::vector<int16_t> left; // the first channel, as delivered
+    unsigned long rate = 0;
+};
+
+void KeepSound(const unsigned char* samples, unsigned int, unsigned long sampleRate,
+               unsigned long channels, unsigned long, unsigned long frames, long data) {
+    ToneLog& log = *reinterpret_cast<ToneLog*>(data);
+    std::lock_guard<std::mutex> locked(log.mutex);
+    log.rate = sampleRate;
+    const auto* values = reinterpret_cast<const int16_t*>(samples);
+    for (unsigned long i = 0; i < frames; ++i)
+        log.left.push_back(values[i * channels]);
+}
+
+TEST(RealDevices, ASoundInputCapturesAToneAtItsFrequency) {
+    const std::string input = LoopbackInputName();
+    if (input.empty())
+        GTEST_SKIP() << "no loopback sound card (scripts/devvm.sh loads snd-aloop)";
+    DeviceScope scope(TavixDeviceGet(input.c_str(), TavixDeviceMediaTypeSound));
+    ASSERT_NE(0u, scope.handle);
+    ASSERT_TRUE(TavixDeviceOpen(scope.handle));
+    std::atomic<bool> stop{false};
+    std::thread player(PlayTone, 440.0, std::cref(stop));
+    ToneLog log;
+    ASSERT_TRUE(TavixDeviceStartCapture(scope.handle, nullptr, 0, 0, 0, 0, KeepSound,
+                                        reinterpret_cast<long>(&log), 0, 44100, 2, 2, nullptr));
+    const bool enough = WaitUntil(
+        [&] {
+            std::lock_guard<std::mutex> locked(log.mutex);
+            return log.left.size() >= 44100;
+        },
+        std::chrono::seconds(30));
+    TavixDeviceStopCapture(scope.handle);
+    stop = true;
+    player.join();
+    ASSERT_TRUE(enough);
+    EXPECT_EQ(44100u, log.rate);
+    // Frequency from rising zero crossings over the second half (past any start-up silence).
+    const std::vector<int16_t> s(log.left.begin() + static_cast<long>(log.left.size() / 2),
+                                 log.left.end());
+    size_t first = 0, last = 0, crossings = 0;
+    for (size_t n = 1; n < s.size(); ++n)
+        if (s[n - 1] < 0 && s[n] >= 0) {
+            if (crossings++ == 0)
+                first = n;
+            last = n;
+        }
+    ASSERT_GT(crossings, 10u) << "silence";
+    EXPECT_NEAR(440.0, (crossings - 1) * 44100.0 / static_cast<double>(last - first), 5);
+}
+
+} // namespace

@@ -1,0 +1,278 @@
+// The V4L2 camera code: size and rate negotiation and naming everywhere; streaming, sharing and
+// unplugging against a real driver where one exists (vivid, inside scripts/devvm.sh).
+#include "platform/devices/v4l2/v4l2negotiation.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <linux/videodev2.h>
+#include <string>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+namespace {
+
+V4L2Format FormatWithSizes(std::initializer_list<std::pair<uint32_t, uint32_t>> sizes) {
+    V4L2Format format;
+    format.fourcc = V4L2_PIX_FMT_YUYV;
+    for (const auto& size : sizes)
+        format.sizes.push_back({size.first, size.second, {}});
+    return format;
+}
+
+TEST(V4L2Negotiation, NearestSizePrefersExactThenSmallestCoveringThenLargest) {
+    V4L2Format format = FormatWithSizes({{1920, 1080}, {1280, 720}, {640, 480}, {320, 180}});
+    V4L2FrameSize exact = V4L2NearestSize(format, 640, 480);
+    EXPECT_EQ(640u, exact.width);
+    EXPECT_EQ(480u, exact.height);
+    // 800 x 600 is covered by 1280 x 720 and 1920 x 1080: the smaller is scaled down from.
+    V4L2FrameSize covering = V4L2NearestSize(format, 800, 600);
+    EXPECT_EQ(1280u, covering.width);
+    EXPECT_EQ(720u, covering.height);
+    // 640 wide but 500 high: 640 x 480 does not cover it.
+    V4L2FrameSize taller = V4L2NearestSize(format, 640, 500);
+    EXPECT_EQ(1280u, taller.width);
+    // Nothing covers 4K: the largest is scaled up from.
+    V4L2FrameSize huge = V4L2NearestSize(format, 4096, 2160);
+    EXPECT_EQ(1920u, huge.width);
+    EXPECT_EQ(1080u, huge.height);
+    // A format without sizes leaves the choice to the driver.
+    V4L2FrameSize none = V4L2NearestSize(FormatWithSizes({}), 123, 45);
+    EXPECT_EQ(123u, none.width);
+    EXPECT_EQ(45u, none.height);
+}
+
+TEST(V4L2Negotiation, NearestIntervalPicksClosestRate) {
+    V4L2FrameSize size{640, 480, {{1, 60}, {1, 30}, {1001, 30000}, {1, 15}, {1, 5}}};
+    V4L2Fraction thirty = V4L2NearestInterval(size, 30);
+    EXPECT_EQ(1u, thirty.numerator);
+    EXPECT_EQ(30u, thirty.denominator);
+    EXPECT_EQ(15u, V4L2NearestInterval(size, 14).denominator);
+    EXPECT_EQ(60u, V4L2NearestInterval(size, 240).denominator);
+    EXPECT_EQ(0u, V4L2NearestInterval(V4L2FrameSize{}, 30).numerator);
+}
+
+TEST(V4L2Negotiation, ChoosesTheWishThenAFormatFastEnoughUncompressedFirst) {
+    auto sized = [](uint32_t fourcc, bool compressed, V4L2Fraction interval) {
+        V4L2Format format;
+        format.fourcc = fourcc;
+        format.compressed = compressed;
+        format.sizes.push_back({1280, 720, {interval}});
+        format.sizes.push_back({640, 480, {{1, 30}}});
+        return format;
+    };
+    // A webcam: YUYV reaches 30 fps only at small sizes, MJPEG at every size.
+    std::vector<V4L2Format> formats = {sized(V4L2_PIX_FMT_YUYV, false, {1, 10}),
+                                       sized(V4L2_PIX_FMT_MJPEG, true, {1, 30}),
+                                       sized(V4L2_PIX_FMT_NV12, false, {1, 10})};
+    auto all = [](uint32_t) { return true; };
+    EXPECT_EQ(V4L2_PIX_FMT_NV12,
+              V4L2ChooseFormat(formats, V4L2_PIX_FMT_NV12, 1280, 720, 30, all)->fourcc);
+    EXPECT_EQ(V4L2_PIX_FMT_YUYV, V4L2ChooseFormat(formats, 0, 640, 480, 30, all)->fourcc);
+    EXPECT_EQ(V4L2_PIX_FMT_MJPEG, V4L2ChooseFormat(formats, 0, 1280, 720, 30, all)->fourcc);
+    EXPECT_EQ(V4L2_PIX_FMT_YUYV, V4L2ChooseFormat(formats, 0, 1280, 720, 10, all)->fourcc);
+    // Without MJPEG decoding, the fastest usable one.
+    auto noMjpeg = [](uint32_t fourcc) { return fourcc != V4L2_PIX_FMT_MJPEG; };
+    EXPECT_EQ(V4L2_PIX_FMT_YUYV, V4L2ChooseFormat(formats, 0, 1280, 720, 30, noMjpeg)->fourcc);
+    // A wish the camera cannot serve is ignored; nothing usable gives null.
+    EXPECT_EQ(V4L2_PIX_FMT_YUYV,
+              V4L2ChooseFormat(formats, V4L2_PIX_FMT_RGB24, 640, 480, 30, all)->fourcc);
+    EXPECT_EQ(nullptr, V4L2ChooseFormat(formats, 0, 640, 480, 30, [](uint32_t) { return false; }));
+}
+
+TEST(V4L2Naming, SharedCardNamesAreNumberedInListOrder) {
+    std::vector<V4L2DeviceInfo> devices(4);
+    devices[0].card = "USB Camera";
+    devices[1].card = "Capture Card";
+    devices[2].card = "USB Camera";
+    devices[3].card = "USB Camera";
+    V4L2AssignDisplayNames(devices);
+    EXPECT_EQ("USB Camera", devices[0].displayName);
+    EXPECT_EQ("Capture Card", devices[1].displayName);
+    EXPECT_EQ("USB Camera (2)", devices[2].displayName);
+    EXPECT_EQ("USB Camera (3)", devices[3].displayName);
+}
+
+TEST(V4L2Listing, NodesThatAreNotCapturingDevicesAreLeftOut) {
+    char folder[] = "/tmp/tavix-v4l2-XXXXXX";
+    ASSERT_NE(nullptr, mkdtemp(folder));
+    // Files named like nodes but not devices, and names that only look similar.
+    for (const char* name : {"video0", "video12", "videox", "video", "radio0"}) {
+        std::string path = std::string(folder) + "/" + name;
+        int fd = open(path.c_str(), O_CREAT | O_WRONLY, 0600);
+        ASSERT_GE(fd, 0);
+        close(fd);
+    }
+    EXPECT_TRUE(V4L2ListDevices(folder).empty());
+    EXPECT_TRUE(V4L2ListDevices(std::string(folder) + "/missing").empty());
+    EXPECT_FALSE(V4L2IsInUse(std::string(folder) + "/video0"));
+    V4L2Camera camera;
+    EXPECT_EQ(V4L2Camera::Status::Gone, camera.open(std::string(folder) + "/missing"));
+    ASSERT_EQ(V4L2Camera::Status::Ok, camera.open(std::string(folder) + "/video0"));
+    EXPECT_NE(V4L2Camera::Status::Ok, camera.setFormat(V4L2_PIX_FMT_YUYV, 320, 240, {}));
+    EXPECT_NE(V4L2Camera::Status::Ok, camera.start(4));
+    V4L2Frame frame;
+    EXPECT_EQ(V4L2Camera::Wait::Failed, camera.waitFrame(10, frame));
+    camera.close();
+    for (const char* name : {"video0", "video12", "videox", "video", "radio0"})
+        unlink((std::string(folder) + "/" + name).c_str());
+    rmdir(folder);
+}
+
+TEST(V4L2Listing, RealNodesListQuicklyWithUniqueNamesAndIds) {
+    auto started = std::chrono::steady_clock::now();
+    std::vector<V4L2DeviceInfo> devices = V4L2ListDevices();
+    double seconds =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+    if (devices.empty()) {
+        EXPECT_LT(seconds, 1.0);
+    }
+    for (size_t i = 0; i < devices.size(); ++i) {
+        EXPECT_FALSE(devices[i].displayName.empty());
+        EXPECT_FALSE(devices[i].uniqueId.empty());
+        EXPECT_FALSE(devices[i].formats.empty()) << devices[i].path;
+        for (size_t j = 0; j < i; ++j) {
+            EXPECT_NE(devices[i].displayName, devices[j].displayName);
+            EXPECT_NE(devices[i].uniqueId, devices[j].uniqueId);
+        }
+    }
+    // The same devices listed again carry the same ids.
+    std::vector<V4L2DeviceInfo> again = V4L2ListDevices();
+    ASSERT_EQ(devices.size(), again.size());
+    for (size_t i = 0; i < devices.size(); ++i)
+        EXPECT_EQ(devices[i].uniqueId, again[i].uniqueId);
+}
+
+// The first capture node offering `fourcc`, or an empty path.
+V4L2DeviceInfo FindCamera(uint32_t fourcc) {
+    for (V4L2DeviceInfo& device : V4L2ListDevices())
+        for (const V4L2Format& format : device.formats)
+            if (format.fourcc == fourcc)
+                return device;
+    return {};
+}
+
+#define REQUIRE_CAMERA(info, fourcc)                                                               \
+    V4L2DeviceInfo info = FindCamera(fourcc);                                                      \
+    if (info.path.empty()) {                                                                       \
+        GTEST_SKIP() << "no V4L2 capture device offering this format (scripts/devvm.sh has one)";  \
+    }
+
+// Sets a vivid button control by name ("Disconnect"); false when the driver has none.
+bool PressButton(int fd, const char* name) {
+    v4l2_queryctrl query{};
+    query.id = V4L2_CTRL_FLAG_NEXT_CTRL;
+    while (ioctl(fd, VIDIOC_QUERYCTRL, &query) == 0) {
+        if (strcmp(reinterpret_cast<const char*>(query.name), name) == 0) {
+            v4l2_control control{query.id, 1};
+            return ioctl(fd, VIDIOC_S_CTRL, &control) == 0;
+        }
+        query.id |= V4L2_CTRL_FLAG_NEXT_CTRL;
+    }
+    return false;
+}
+
+// Captures `count` frames at the given format and checks their geometry and order.
+void CaptureFrames(const std::string& path, uint32_t fourcc, uint32_t width, uint32_t height,
+                   size_t minimumBytes, int count) {
+    V4L2Camera camera;
+    ASSERT_EQ(V4L2Camera::Status::Ok, camera.open(path));
+    ASSERT_EQ(V4L2Camera::Status::Ok, camera.setFormat(fourcc, width, height, {1, 30}));
+    EXPECT_EQ(fourcc, camera.format().fourcc);
+    EXPECT_EQ(width, camera.format().width);
+    EXPECT_EQ(height, camera.format().height);
+    ASSERT_EQ(V4L2Camera::Status::Ok, camera.start(6));
+    V4L2Frame frame;
+    uint32_t lastSequence = 0;
+    double lastTime = 0;
+    for (int i = 0; i < count; ++i) {
+        ASSERT_EQ(V4L2Camera::Wait::Frame, camera.waitFrame(5000, frame)) << "frame " << i;
+        EXPECT_GE(frame.bytesUsed, minimumBytes);
+        if (i > 0) {
+            EXPECT_GT(frame.sequence, lastSequence);
+            EXPECT_GT(frame.timestamp, lastTime);
+        }
+        lastSequence = frame.sequence;
+        lastTime = frame.timestamp;
+    }
+    // A frame held across the end of streaming still reads the mapped memory.
+    V4L2Frame held = frame;
+    frame = V4L2Frame();
+    camera.stop();
+    unsigned sum = 0;
+    for (size_t i = 0; i < held.bytesUsed; i += 4096)
+        sum += held.data[i];
+    held.requeue();
+    camera.close();
+    (void)sum;
+}
+
+TEST(V4L2Streaming, CapturesYuyvAndNv12AtTwoSizes) {
+    REQUIRE_CAMERA(yuyv, V4L2_PIX_FMT_YUYV);
+    CaptureFrames(yuyv.path, V4L2_PIX_FMT_YUYV, 320, 180, 320 * 180 * 2, 6);
+    CaptureFrames(yuyv.path, V4L2_PIX_FMT_YUYV, 640, 360, 640 * 360 * 2, 4);
+    REQUIRE_CAMERA(nv12, V4L2_PIX_FMT_NV12);
+    CaptureFrames(nv12.path, V4L2_PIX_FMT_NV12, 320, 180, 320 * 180 * 3 / 2, 6);
+    CaptureFrames(nv12.path, V4L2_PIX_FMT_NV12, 640, 360, 640 * 360 * 3 / 2, 4);
+}
+
+TEST(V4L2Streaming, FormatsComeFromTheDriversEnumeration) {
+    REQUIRE_CAMERA(camera, V4L2_PIX_FMT_YUYV);
+    for (const V4L2Format& format : camera.formats) {
+        EXPECT_FALSE(format.sizes.empty()) << format.description;
+        for (size_t i = 1; i < format.sizes.size(); ++i)
+            EXPECT_GE(uint64_t(format.sizes[i - 1].width) * format.sizes[i - 1].height,
+                      uint64_t(format.sizes[i].width) * format.sizes[i].height);
+        for (const V4L2FrameSize& size : format.sizes)
+            for (size_t i = 1; i < size.intervals.size(); ++i)
+                EXPECT_GE(size.intervals[i - 1].framesPerSecond(),
+                          size.intervals[i].framesPerSecond());
+    }
+}
+
+TEST(V4L2Streaming, SecondHandleFindsTheDeviceInUse) {
+    REQUIRE_CAMERA(info, V4L2_PIX_FMT_YUYV);
+    EXPECT_FALSE(V4L2IsInUse(info.path));
+    V4L2Camera owner;
+    ASSERT_EQ(V4L2Camera::Status::Ok, owner.open(info.path));
+    ASSERT_EQ(V4L2Camera::Status::Ok, owner.setFormat(V4L2_PIX_FMT_YUYV, 320, 180, {}));
+    ASSERT_EQ(V4L2Camera::Status::Ok, owner.start(4));
+    EXPECT_TRUE(V4L2IsInUse(info.path));
+    V4L2Camera other;
+    ASSERT_EQ(V4L2Camera::Status::Ok, other.open(info.path));
+    EXPECT_EQ(V4L2Camera::Status::Busy, other.setFormat(V4L2_PIX_FMT_NV12, 640, 360, {}));
+    EXPECT_EQ(V4L2Camera::Status::Busy, other.start(4));
+    other.close();
+    owner.close();
+    EXPECT_FALSE(V4L2IsInUse(info.path));
+}
+
+TEST(V4L2Streaming, UnpluggedDeviceStopsFramesWithoutHanging) {
+    REQUIRE_CAMERA(info, V4L2_PIX_FMT_YUYV);
+    V4L2Camera camera;
+    ASSERT_EQ(V4L2Camera::Status::Ok, camera.open(info.path));
+    ASSERT_EQ(V4L2Camera::Status::Ok, camera.setFormat(V4L2_PIX_FMT_YUYV, 320, 180, {}));
+    ASSERT_EQ(V4L2Camera::Status::Ok, camera.start(4));
+    V4L2Frame frame;
+    ASSERT_EQ(V4L2Camera::Wait::Frame, camera.waitFrame(5000, frame));
+    if (!PressButton(camera.descriptor(), "Disconnect"))
+        GTEST_SKIP() << "the driver cannot simulate an unplug";
+    V4L2Camera::Wait result = V4L2Camera::Wait::Frame;
+    for (int i = 0; i < 10 && result == V4L2Camera::Wait::Frame; ++i)
+        result = camera.waitFrame(5000, frame);
+    EXPECT_EQ(V4L2Camera::Wait::Gone, result);
+    EXPECT_TRUE(camera.isGone());
+    EXPECT_EQ(V4L2Camera::Wait::Gone, camera.waitFrame(5000, frame));
+    // While unplugged the node is neither listed nor found.
+    for (const V4L2DeviceInfo& device : V4L2ListDevices())
+        EXPECT_NE(info.path, device.path);
+    EXPECT_EQ("", V4L2FindNode(info.uniqueId));
+    camera.close();
+    // vivid comes back once the last handle is closed.
+    EXPECT_EQ(info.path, V4L2FindNode(info.uniqueId));
+}
+
+} // namespace
