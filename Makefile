@@ -43,3 +43,8 @@ format:
 
 clean:
 	rm -rf build build-asan build-tsan
+
+# The device tests against the kernel's vivid and snd-aloop drivers inside a small VM
+# (scripts/devvm.sh; skipped, saying why, when the VM cannot start).
+vmtest: deps build
+	ctest --test-dir build -R devices_vm --output-on-failure
