@@ -26,8 +26,13 @@ volatile unsigned char bLLibExceptionAlreadyTrapped = 0;
 namespace {
 
 constexpr unsigned int kNotInTable = 0xFFFFFFFF;
-// Signals 6, 8, 9, 10 and 11 end the process when they are the first trapped one.
-constexpr unsigned int kExitingSignals = 0xF40;
+// The signals that end the process when they are the first trapped one: abort, floating-point
+// error, kill, bus error and segmentation fault. Named rather than numbered: Linux numbers
+// SIGBUS 7, where the system this was designed for numbers it 10.
+bool EndsTheProcess(int signalNumber) {
+    return signalNumber == SIGABRT || signalNumber == SIGFPE || signalNumber == SIGKILL ||
+           signalNumber == SIGBUS || signalNumber == SIGSEGV;
+}
 
 void WriteNamedTag(char (&tag)[8], const char* name, unsigned int port) {
     snprintf(tag, sizeof tag, "%.4s%d%d%d", name, static_cast<int>(port % 10),
@@ -54,7 +59,9 @@ bool IsFaultSignal(int signalNumber) {
 
 } // namespace
 
-unsigned int LDebugCurrentThreadPort() { return static_cast<unsigned int>(gettid()); }
+unsigned int LDebugCurrentThreadPort() {
+    return static_cast<unsigned int>(gettid());
+}
 
 LDebugThreadStatus::LDebugThreadStatus() : szStatus{}, dwThreadId(0) {}
 
@@ -89,7 +96,7 @@ void LDebugSignalHandler(int signalNumber) {
         return;
     }
     bLLibExceptionAlreadyTrapped = 1;
-    if (signalNumber >= 0 && signalNumber < 12 && ((kExitingSignals >> signalNumber) & 1u) != 0)
+    if (EndsTheProcess(signalNumber))
         exit(666);
 }
 
@@ -141,8 +148,7 @@ void LDebugThreadDataStopThread() {
     loDebugThreads.Lock();
     unsigned int index = FindOwnRecord(port);
     if (index != kNotInTable) {
-        __atomic_store_n(&gDebugThreadData[index].dwThreadId, LDEBUG_THREAD_FREE,
-                         __ATOMIC_RELEASE);
+        __atomic_store_n(&gDebugThreadData[index].dwThreadId, LDEBUG_THREAD_FREE, __ATOMIC_RELEASE);
         unsigned int count = gnDebugThreads;
         while (count > 0 && gDebugThreadData[count - 1].dwThreadId == LDEBUG_THREAD_FREE)
             --count;
@@ -168,7 +174,9 @@ void LDebugThreadSetLastDialog(const char* text) {
              static_cast<int>((port % 100) / 10), static_cast<int>((port % 1000) / 100));
 }
 
-void LDebugThreadStatusSet(const char* text) { debugAS.SetDebugThreadStatus(text); }
+void LDebugThreadStatusSet(const char* text) {
+    debugAS.SetDebugThreadStatus(text);
+}
 
 void LDebugThreadStatusClear() {
     if (debugAS.dwThreadId == LDebugCurrentThreadPort())
