@@ -1,0 +1,383 @@
+// TCP operations and the listener thread against real peers on the loopback interface: one that
+// accepts, one that refuses, one that never answers, one that closes, one that never reads.
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+#include <atomic>
+#include <memory>
+#include <chrono>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "llib/net/tcp.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+double MillisecondsSince(Clock::time_point start) {
+    return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
+}
+
+const LIPAddress kLoopback = htonl(INADDR_LOOPBACK);
+
+// A caller that stops when told to; counts how often it was asked.
+struct Caller : LProcessInterface {
+    std::atomic<bool> stop{false};
+    std::atomic<int> asked{0};
+    bool IsToStop() override {
+        ++asked;
+        return stop.load();
+    }
+    bool ProcessWait(unsigned int) override { return stop; }
+    int ProcessWaitSignal(LSignalObjectRef, unsigned int) override { return 2; }
+    int ProcessWaitSignalObjectGroup(LSignalObjectGroup&, unsigned int) override { return 2; }
+};
+
+// A listening socket on a free loopback port; it accepts only when asked.
+struct Peer {
+    int listener = -1;
+    unsigned short port = 0;
+    explicit Peer(int backlog = 8) {
+        listener = socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = kLoopback;
+        bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address);
+        listen(listener, backlog);
+        socklen_t length = sizeof address;
+        getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length);
+        port = ntohs(address.sin_port);
+    }
+    ~Peer() { close(listener); }
+    int Accept() { return accept(listener, nullptr, nullptr); }
+};
+
+// A loopback port nobody listens on.
+unsigned short ClosedPort() {
+    Peer peer;
+    return peer.port; // closed when peer goes
+}
+
+// A connected pair: ours (through ProcessConnect) and the peer's accepted end.
+struct Connection {
+    Peer peer;
+    LIPSocketTCP ours;
+    int theirs = -1;
+    Caller caller;
+    Connection() {
+        EXPECT_EQ(0, ProcessConnect(caller, ours, LIPAddressWithPort(kLoopback, peer.port), 2000));
+        theirs = peer.Accept();
+    }
+    ~Connection() {
+        if (theirs >= 0)
+            close(theirs);
+    }
+};
+
+TEST(TcpConnect, ConnectsRefusesAndTriesEachAddressInTurn) {
+    Peer peer;
+    Caller caller;
+    LIPSocketTCP socket;
+    EXPECT_EQ(0, ProcessConnect(caller, socket, LIPAddressWithPort(kLoopback, peer.port), 1000));
+    EXPECT_TRUE(socket.IsValid());
+
+    // A refused connection reports itself writable and so counts as connected; the failure
+    // shows at the first receive.
+    LIPSocketTCP refused;
+    EXPECT_EQ(0,
+              ProcessConnect(caller, refused, LIPAddressWithPort(kLoopback, ClosedPort()), 1000));
+    char byte;
+    unsigned long received = 0;
+    EXPECT_EQ(2, ProcessRecvReady(caller, refused, &byte, 1, received, 1000));
+
+    EXPECT_EQ(2, ProcessConnect(caller, refused, LIPAddressWithPort(LIPADDRESS_NONE, 80), 1000));
+    EXPECT_FALSE(refused.IsValid());
+
+    // The first address fails, the second accepts.
+    Peer everywhere;
+    LIPAddressMultiHomedWithPort addresses(everywhere.port);
+    LIPSocketTCP multi;
+    EXPECT_EQ(2, ProcessConnect(caller, multi, LIPAddressMultiHomedWithPort(80), 500))
+        << "no addresses";
+    addresses.AddAddress(LIPADDRESS_NONE);
+    addresses.AddAddress(kLoopback);
+    EXPECT_EQ(0, ProcessConnect(caller, multi, addresses, 500));
+    EXPECT_TRUE(multi.IsValid());
+}
+
+// A listener whose queue is full drops new handshakes: a connect to it never completes.
+struct Unanswering {
+    Peer peer{0};
+    std::vector<int> fillers;
+    Unanswering() {
+        for (int i = 0; i < 4; ++i) {
+            const int filler = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0);
+            sockaddr_in address{};
+            address.sin_family = AF_INET;
+            address.sin_addr.s_addr = kLoopback;
+            address.sin_port = htons(peer.port);
+            connect(filler, reinterpret_cast<sockaddr*>(&address), sizeof address);
+            fillers.push_back(filler);
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    ~Unanswering() {
+        for (int filler : fillers)
+            close(filler);
+    }
+};
+
+TEST(TcpConnect, GivesUpAfterItsTimeOutAndHonoursAStopWithinASlice) {
+    Unanswering silent;
+    Caller caller;
+    LIPSocketTCP socket;
+    auto start = Clock::now();
+    EXPECT_EQ(
+        2, ProcessConnect(caller, socket, LIPAddressWithPort(kLoopback, silent.peer.port), 1000));
+    const double took = MillisecondsSince(start);
+    EXPECT_GE(took, 950);
+    EXPECT_LT(took, 1600);
+    EXPECT_EQ(5, caller.asked.load()) << "five empty slices of 200 ms";
+    EXPECT_FALSE(socket.IsValid());
+
+    Caller stopping;
+    std::thread stopper([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(300));
+        stopping.stop = true;
+    });
+    start = Clock::now();
+    EXPECT_EQ(1, ProcessConnect(stopping, socket, LIPAddressWithPort(kLoopback, silent.peer.port),
+                                60000));
+    EXPECT_LT(MillisecondsSince(start), 300 + 200 + 100) << "within one slice of the request";
+    stopper.join();
+    EXPECT_FALSE(socket.IsValid());
+}
+
+TEST(TcpTransfer, SendsAndReceivesExactCounts) {
+    Connection c;
+    const std::string message = "hello, peer";
+    EXPECT_EQ(0, ProcessSend(c.caller, c.ours, message.data(), message.size(), 1000));
+    char got[64] = {};
+    ASSERT_EQ(static_cast<ssize_t>(message.size()),
+              recv(c.theirs, got, message.size(), MSG_WAITALL));
+    EXPECT_EQ(message, std::string(got, message.size()));
+
+    ASSERT_EQ(6, send(c.theirs, "abcdef", 6, 0));
+    unsigned long received = 99;
+    EXPECT_EQ(0, ProcessRecvReady(c.caller, c.ours, got, 0, received, 1000));
+    EXPECT_EQ(0u, received) << "size 0 returns at once";
+    unsigned char byte = 0;
+    EXPECT_EQ(0, ProcessRecvByte(c.caller, c.ours, byte, 1000));
+    EXPECT_EQ('a', byte);
+    EXPECT_EQ(0, ProcessRecvBytes(c.caller, c.ours, got, 3, 1000));
+    EXPECT_EQ("bcd", std::string(got, 3));
+
+    // Bytes arriving in two pieces still make one exact count.
+    std::thread later([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        send(c.theirs, "ghij", 4, 0);
+    });
+    EXPECT_EQ(0, ProcessRecvBytes(c.caller, c.ours, got, 6, received, 2000));
+    EXPECT_EQ(6u, received);
+    EXPECT_EQ("efghij", std::string(got, 6));
+    later.join();
+
+    // Nothing arrives: a wait of 400 ms is two empty slices.
+    auto start = Clock::now();
+    EXPECT_EQ(2, ProcessRecvBytes(c.caller, c.ours, got, 1, received, 400));
+    EXPECT_GE(MillisecondsSince(start), 350);
+    EXPECT_FALSE(ProcessRecvAll(c.caller, c.ours, got, 1, received, 200))
+        << "a time-out reduces to false";
+}
+
+TEST(TcpTransfer, LinesComeUpToTheDelimiterFromWhatIsThere) {
+    Connection c;
+    char got[64];
+    unsigned long received = 0;
+    ASSERT_EQ(5, send(c.theirs, "ab\ncd", 5, 0));
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_EQ(0, ProcessRecvToCharacter(c.caller, c.ours, got, sizeof got, received, "\n", 1000));
+    EXPECT_EQ("ab\n", std::string(got, received));
+    EXPECT_EQ(0, ProcessRecvToCharacter(c.caller, c.ours, got, sizeof got, received, "\n", 1000));
+    EXPECT_EQ("cd", std::string(got, received)) << "no delimiter: what is there";
+    // A zero byte is never a delimiter, even when the set is empty.
+    ASSERT_EQ(3, send(c.theirs, "x\0y", 3, 0));
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_EQ(0, ProcessRecvToCharacter(c.caller, c.ours, got, sizeof got, received, "", 1000));
+    EXPECT_EQ(3u, received);
+}
+
+TEST(TcpTransfer, APeerThatClosesEndsTheNextReceive) {
+    Connection c;
+    close(c.theirs);
+    c.theirs = -1;
+    char got[8];
+    unsigned long received = 0;
+    EXPECT_EQ(0, ProcessWaitForDataOrClose(c.caller, c.ours, 1000)) << "the end is readable";
+    EXPECT_EQ(2, ProcessRecvReady(c.caller, c.ours, got, sizeof got, received, 1000));
+    EXPECT_EQ(2, ProcessRecvByte(c.caller, c.ours, *reinterpret_cast<unsigned char*>(got), 1000));
+    // Sending into a closed connection fails without raising SIGPIPE.
+    std::vector<char> block(1 << 20, 'z');
+    int result = 0;
+    for (int i = 0; i < 5 && result == 0; ++i)
+        result = ProcessSend(c.caller, c.ours, block.data(), block.size(), 1000);
+    EXPECT_EQ(2, result);
+}
+
+TEST(TcpTransfer, ASendToAPeerThatNeverReadsTimesOutOrStops) {
+    Connection c;
+    std::vector<char> block(16 << 20, 'q'); // far more than both socket buffers hold
+    auto start = Clock::now();
+    EXPECT_EQ(2, ProcessSend(c.caller, c.ours, block.data(), block.size(), 600));
+    EXPECT_GE(MillisecondsSince(start), 550);
+
+    std::thread stopper([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(300));
+        c.caller.stop = true;
+    });
+    start = Clock::now();
+    EXPECT_EQ(1, ProcessSend(c.caller, c.ours, block.data(), block.size(), 60000));
+    EXPECT_LT(MillisecondsSince(start), 600);
+    stopper.join();
+    char got;
+    unsigned long received;
+    EXPECT_EQ(1, ProcessRecvReady(c.caller, c.ours, &got, 1, received, 60000));
+}
+
+TEST(TcpTransfer, ASlowButSteadyReaderNeverTimesOut) {
+    Connection c;
+    std::vector<char> block(8 << 20, 'r');
+    std::atomic<size_t> read{0};
+    std::thread reader([&] {
+        std::vector<char> buffer(1 << 16);
+        while (read < block.size()) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+            const ssize_t got = recv(c.theirs, buffer.data(), buffer.size(), 0);
+            if (got <= 0)
+                break;
+            read += static_cast<size_t>(got);
+        }
+    });
+    EXPECT_EQ(0, ProcessSend(c.caller, c.ours, block.data(), block.size(), 200));
+    reader.join();
+    EXPECT_EQ(block.size(), read.load());
+}
+
+// The listener.
+
+struct EchoListener : LTCPListener {
+    // A derived listener stops the thread before its own parts go.
+    ~EchoListener() override { StopThreadNow(); }
+    std::atomic<int> served{0};
+    std::atomic<bool> handlerRunning{false};
+    int holdMs = 0;
+    void ProcessConnection(LIPSocketTCP& connection) override {
+        handlerRunning = true;
+        char line[64];
+        unsigned long received = 0;
+        if (ProcessRecvToCharacter(*this, connection, line, sizeof line, received, "\n", 2000) == 0)
+            ProcessSend(*this, connection, line, received, 2000);
+        if (holdMs > 0)
+            ProcessWait(static_cast<unsigned int>(holdMs));
+        ++served;
+        handlerRunning = false;
+    }
+};
+
+unsigned short FreePort() {
+    return ClosedPort();
+}
+
+std::string Ask(unsigned short port, const std::string& line) {
+    Caller caller;
+    LIPSocketTCP socket;
+    if (ProcessConnect(caller, socket, LIPAddressWithPort(kLoopback, port), 2000) != 0)
+        return "";
+    ProcessSend(caller, socket, line.data(), line.size(), 2000);
+    char got[64];
+    unsigned long received = 0;
+    if (ProcessRecvToCharacter(caller, socket, got, sizeof got, received, "\n", 2000) != 0)
+        return "";
+    return std::string(got, received);
+}
+
+bool WaitUntilServed(const EchoListener& listener, int count) {
+    for (int i = 0; i < 500 && listener.served < count; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    return listener.served >= count;
+}
+
+// Connects until the port answers (each probe is served as a connection that says nothing).
+bool WaitForListening(unsigned short port) {
+    for (int i = 0; i < 200; ++i) {
+        const int probe = socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = kLoopback;
+        address.sin_port = htons(port);
+        const bool up = connect(probe, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+        close(probe);
+        if (up)
+            return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return false;
+}
+
+TEST(TcpListener, ServesConnectionsOneAfterAnotherAndStopsPromptly) {
+    EchoListener listener;
+    listener.wPort = FreePort();
+    listener.Start();
+    ASSERT_TRUE(WaitForListening(listener.wPort));
+    EXPECT_EQ("one\n", Ask(listener.wPort, "one\n"));
+    EXPECT_EQ("two\n", Ask(listener.wPort, "two\n"));
+    EXPECT_TRUE(WaitUntilServed(listener, 3)) << "the probe and both questions";
+    const auto start = Clock::now();
+    listener.StopThreadNow();
+    EXPECT_LT(MillisecondsSince(start), 200) << "the stop signal wakes the accept wait";
+}
+
+TEST(TcpListener, ASecondListenerOnTheSamePortWaitsAndRetries) {
+    const unsigned short port = FreePort();
+    auto first = std::make_unique<EchoListener>();
+    first->wPort = port;
+    first->Start();
+    ASSERT_TRUE(WaitForListening(port));
+    EchoListener second;
+    second.wPort = port;
+    second.nRestartPauseMs = 100; // the 30-second pause, shortened for the test
+    second.Start();
+    std::this_thread::sleep_for(std::chrono::milliseconds(150));
+    EXPECT_EQ("a\n", Ask(port, "a\n"));
+    first.reset(); // the first goes away; the second binds on its next try
+    bool secondServes = false;
+    for (int i = 0; i < 50 && !secondServes; ++i) {
+        secondServes = Ask(port, "b\n") == "b\n" && second.served > 0;
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    EXPECT_TRUE(secondServes);
+    const auto start = Clock::now();
+    second.StopThreadNow();
+    EXPECT_LT(MillisecondsSince(start), 200);
+}
+
+TEST(TcpListener, DestroyingItWaitsForTheHandlerInProgress) {
+    auto listener = std::make_unique<EchoListener>();
+    listener->wPort = FreePort();
+    listener->holdMs = 300;
+    listener->Start();
+    ASSERT_TRUE(WaitForListening(listener->wPort));
+    const unsigned short port = listener->wPort;
+    std::thread client([port] { Ask(port, "x\n"); });
+    while (!listener->handlerRunning)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    listener.reset(); // stops the thread; the handler's wait ends with the stop request
+    client.join();
+    SUCCEED();
+}
+
+} // namespace
