@@ -246,6 +246,8 @@ TEST(TcpTransfer, ASendToAPeerThatNeverReadsTimesOutOrStops) {
     char got;
     unsigned long received;
     EXPECT_EQ(1, ProcessRecvReady(c.caller, c.ours, &got, 1, received, 60000));
+    EXPECT_TRUE(ProcessRecvAll(c.caller, c.ours, &got, 1, received, 60000))
+        << "only a stop reduces to true";
 }
 
 TEST(TcpTransfer, ASlowButSteadyReaderNeverTimesOut) {
