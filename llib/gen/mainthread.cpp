@@ -36,9 +36,12 @@ EventQueueRef Queue() {
 
 } // namespace
 
-LThreadRunOnMainThread::LThreadRunOnMainThread() : bEnabled(true), bDestroyed(false), nRefCount(0) {}
+LThreadRunOnMainThread::LThreadRunOnMainThread()
+    : bEnabled(true), bDestroyed(false), nRefCount(0) {}
 
-LThreadRunOnMainThread::~LThreadRunOnMainThread() { ThreadRunOnMainThreadDestroy(); }
+LThreadRunOnMainThread::~LThreadRunOnMainThread() {
+    ThreadRunOnMainThreadDestroy();
+}
 
 void LThreadRunOnMainThread::Init() {
     eventQueue = GetMainEventQueue();
@@ -138,13 +141,17 @@ void LThreadRunOnMainThread::DecRefCount() {
     RefCountLock.Unlock();
 }
 
-void LThreadQueuedNotifyData::MainThreadFunction() { pNotify->OnQueuedNotify(); }
+void LThreadQueuedNotifyData::MainThreadFunction() {
+    pNotify->OnQueuedNotify();
+}
 
 void LThreadQueuedNotify::PostQueueNotify() {
     Runner.RunOnMainThread(new LThreadQueuedNotifyData(*this));
 }
 
-void LThreadQueuedNotify::ThreadQueuedNotifyDestroy() { Runner.ThreadRunOnMainThreadDestroy(); }
+void LThreadQueuedNotify::ThreadQueuedNotifyDestroy() {
+    Runner.ThreadRunOnMainThreadDestroy();
+}
 
 LQueuedNotifyDataHandlerData::LQueuedNotifyDataHandlerData(LQueuedNotifyDataHandler& handler,
                                                            unsigned int code, const void* data,
@@ -157,7 +164,9 @@ LQueuedNotifyDataHandlerData::LQueuedNotifyDataHandlerData(LQueuedNotifyDataHand
     }
 }
 
-LQueuedNotifyDataHandlerData::~LQueuedNotifyDataHandlerData() { free(pData); }
+LQueuedNotifyDataHandlerData::~LQueuedNotifyDataHandlerData() {
+    free(pData);
+}
 
 void LQueuedNotifyDataHandlerData::MainThreadFunction() {
     pHandler->EvQueuedNotifyData(dwCode, pData, dwSize);
@@ -203,7 +212,8 @@ void LThreadNotifyInterface::SetProgress(double value) {
     // Truncated toward zero; a value whose percentage does not fit 32 bits (or NaN) reports 0.
     double percent = value * 100.0;
     long size = percent > -2147483648.0 && percent < 4294967296.0 ? static_cast<long>(percent) : 0;
-    pNotifyHandler->PostNotifyFromSender(kNotifyProgress, nullptr, static_cast<unsigned long>(size));
+    pNotifyHandler->PostNotifyFromSender(kNotifyProgress, nullptr,
+                                         static_cast<unsigned long>(size));
 }
 
 void LThreadNotifyInterface::SetProgressIndeterminateOn() {
@@ -248,4 +258,6 @@ void LThreadNotifyInterface::EvQueuedNotifyData(unsigned int code, const void* d
     }
 }
 
-bool LIsMainThread() { return gettid() == getpid(); }
+bool LIsMainThread() {
+    return gettid() == getpid();
+}

@@ -158,7 +158,9 @@ void LProcessEventsHandler::SocketCallBack(__CFSocket* socket, unsigned long, co
     ReleaseEvent(event);
 }
 
-void LProcessEventsHandler::ClearEventQueue() { LProcessClearEventQueue(); }
+void LProcessEventsHandler::ClearEventQueue() {
+    LProcessClearEventQueue();
+}
 
 int ProcessWaitAndProcessEvents(unsigned int timeoutMs) {
     LWaitProcessEventsHandler handler;
@@ -178,9 +180,11 @@ bool LProcessClearEventQueue() {
     if (turns > 4)
         turns = 4;
     for (ItemCount i = 0; i < turns; ++i)
-        dispatched = DispatchOneEvent(dispatcher, kEventDurationNoWait, false) == noErr || dispatched;
+        dispatched =
+            DispatchOneEvent(dispatcher, kEventDurationNoWait, false) == noErr || dispatched;
     turns = GetNumEventsInQueue(queue) + 1;
     for (ItemCount i = 0; i < turns; ++i)
-        dispatched = DispatchOneEvent(dispatcher, kEventDurationNoWait, false) == noErr || dispatched;
+        dispatched =
+            DispatchOneEvent(dispatcher, kEventDurationNoWait, false) == noErr || dispatched;
     return dispatched;
 }

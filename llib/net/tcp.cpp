@@ -24,7 +24,9 @@ void SetNonBlocking(int fd) {
     ioctl(fd, FIONBIO, &on);
 }
 
-void SetCloseOnExec(int fd) { fcntl(fd, F_SETFD, fcntl(fd, F_GETFD) | FD_CLOEXEC); }
+void SetCloseOnExec(int fd) {
+    fcntl(fd, F_SETFD, fcntl(fd, F_GETFD) | FD_CLOEXEC);
+}
 
 // Sending on a socket whose peer has gone must give an error, not SIGPIPE: every send passes
 // MSG_NOSIGNAL (there is no per-socket switch here), and SIGPIPE is ignored process-wide too.
@@ -230,8 +232,7 @@ int ProcessRecvBytes(LProcessInterface& process, LIPSocketTCPRef socket, void* b
     char* next = static_cast<char*>(buffer);
     while (received < length) {
         unsigned long arrived = 0;
-        int result =
-            ProcessRecvReady(process, socket, next, length - received, arrived, timeoutMs);
+        int result = ProcessRecvReady(process, socket, next, length - received, arrived, timeoutMs);
         if (result != kDone)
             return result;
         next += arrived;
@@ -291,7 +292,9 @@ int ProcessRecvToCharacter(LProcessInterface& process, LIPSocketTCPRef socket, v
     return kDone;
 }
 
-LTCPListener::~LTCPListener() { StopThreadNow(); }
+LTCPListener::~LTCPListener() {
+    StopThreadNow();
+}
 
 void LTCPListener::ThreadFunction() {
     LDebugThreadSetName("LTCPListener");
@@ -313,8 +316,8 @@ void LTCPListener::ThreadFunction() {
                 FD_ZERO(&readSet);
                 FD_SET(fd, &readSet);
                 FD_SET(stopFd, &readSet);
-                int ready = select((fd > stopFd ? fd : stopFd) + 1, &readSet, nullptr, nullptr,
-                                   nullptr);
+                int ready =
+                    select((fd > stopFd ? fd : stopFd) + 1, &readSet, nullptr, nullptr, nullptr);
                 if (ready < 0 && errno == EINTR)
                     continue;
                 if (ready < 0 || !FD_ISSET(fd, &readSet))

@@ -64,7 +64,8 @@ bool SemaphoreOperation(int semId, short delta, short flags) {
 key_t LSystemLockMutex::KeyFromName(const char* name) {
     uint32_t value = 11223;
     for (const char* c = name; *c != 0; ++c)
-        value = value * 32u + static_cast<uint32_t>(static_cast<int32_t>(static_cast<signed char>(*c)));
+        value =
+            value * 32u + static_cast<uint32_t>(static_cast<int32_t>(static_cast<signed char>(*c)));
     if (value == 0)
         value = 1;
     return static_cast<key_t>(value);

@@ -17,8 +17,8 @@
 struct __CFSocket;
 struct __CFData;
 
-constexpr uint32_t kLWakeUpEventClass = 0x4C536E63; // 'LSnc'
-constexpr uint32_t kLWakeUpEventKind = 0x4C536E6B;  // 'LSnk'
+constexpr uint32_t kLWakeUpEventClass = 0x4C536E63;  // 'LSnc'
+constexpr uint32_t kLWakeUpEventKind = 0x4C536E6B;   // 'LSnk'
 constexpr uint32_t kLWakeUpParamSocket = 0x4C53736F; // 'LSso', type 'long'
 
 // Decides, once per turn of a wait, whether the wait is to be abandoned.

@@ -33,7 +33,7 @@ struct LIPAddressMultiHomedWithPort {
     // The address at index with the common port; an index past the count gives no address.
     LIPAddressWithPort GetHost(unsigned int index) const;
 
-    unsigned short wPort = 0;         // host byte order
-    unsigned int nAddresses = 0;      // addresses in use
+    unsigned short wPort = 0;    // host byte order
+    unsigned int nAddresses = 0; // addresses in use
     LIPAddress Addresses[kMaxAddresses] = {};
 };
