@@ -195,6 +195,45 @@ TEST(DebugStatus, LoadTimeStateAndTraceOutput) {
     EXPECT_EQ("trace 42" + std::string(511, 'x'), written) << "no newline; cut to 511";
 }
 
+// The identity line.
+
+std::string Identity(const char* first, const char* second) {
+    char line[260];
+    LDebugGenerateXIString(line, first, second);
+    return line;
+}
+
+TEST(DebugIdentity, NamesThePlatformTheThreadAndWhatItDoes) {
+    ASSERT_EQ(gdwMainThreadId, LDebugCurrentThreadPort()) << "tests run on the main thread";
+    EXPECT_EQ("X1-MacIntel1068-Y2-UnknownGloIni1", Identity("X1", "Y2"));
+    gwDebugCurrentCommand = 0;
+    gwDebugLastCommand = 17;
+    EXPECT_EQ("a-MacIntel1068-b-UnknownUkn0(LstCmd17)", Identity("a", "b"));
+    gwDebugCurrentCommand = 250;
+    EXPECT_EQ("a-MacIntel1068-b-Unknown(Cmd250)", Identity("a", "b"));
+    gwDebugCurrentCommand = 3;
+    EXPECT_EQ("a-MacIntel1068-b-UnknownGuiDes3", Identity("a", "b"));
+    gwDebugCurrentCommand = 1;
+    gwDebugLastCommand = 0;
+    EXPECT_EQ(259u, Identity(std::string(300, 'l').c_str(), "b").size());
+
+    OnOwnThread([] {
+        LDebugThreadDataStartThread(nullptr);
+        if (OwnRecord()->szTag[0] < '0' || OwnRecord()->szTag[0] > '9')
+            FAIL() << "a default tag is numeric";
+        LDebugThreadSetLastDialog("Options");
+        const std::string dialog = OwnRecord()->szLastDialog; // "Options" and three digits
+        EXPECT_EQ("a-MacIntel1068-b-" + dialog, Identity("a", "b")) << "no tag, no activity";
+
+        LDebugThreadSetName("Save");
+        LDebugThreadStatusSet("Saving");
+        EXPECT_EQ("a-MacIntel1068-b-" + std::string(OwnRecord()->szTag) + dialog + "Saving",
+                  Identity("a", "b"));
+        LDebugThreadStatusClear();
+        LDebugThreadDataStopThread();
+    });
+}
+
 // Signals, in child processes.
 
 int ExitStatusOf(const std::function<void()>& body) {

@@ -106,3 +106,10 @@ public:
 
 // The calling thread's port (its kernel thread id).
 unsigned int LDebugCurrentThreadPort();
+
+// One line identifying the platform and what the calling thread is doing, framed by two texts
+// of the host's: "first-MacIntel1068-second-" then the thread's tag (none for a numeric default
+// tag), its last dialog and its activity (the status line it owns, or the main thread's
+// current command). destination holds at least 260 bytes; the result is cut at 259
+// characters. Returns the length the whole line would have had. Any thread.
+int LDebugGenerateXIString(char* destination, const char* first, const char* second);
