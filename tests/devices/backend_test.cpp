@@ -3,12 +3,16 @@
 // snd-aloop drivers inside scripts/devvm.sh; elsewhere only the listing is checked and the rest
 // skips, saying why.
 #include <alsa/asoundlib.h>
+#include <fcntl.h>
+#include <sys/wait.h>
+#include <unistd.h>
 #include <gtest/gtest.h>
 #include <linux/videodev2.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cmath>
+#include <csignal>
 #include <cstdio>
 #include <fstream>
 #include <mutex>
@@ -21,6 +25,7 @@
 #include "platform/pixelformats.h"
 #include "support/ffprobe.h"
 #include "support/tavix_helpers.h"
+#include "support/vivid.h"
 
 namespace {
 
@@ -146,6 +151,69 @@ TEST(RealDevices, ACameraRecordsWhatTheCallbackSees) {
     ASSERT_TRUE(movie.readable);
     ASSERT_NE(nullptr, movie.Find("video"));
     EXPECT_NEAR(log.frames.load(), movie.Find("video")->frames, 1);
+}
+
+std::string NodeOf(const std::string& displayName) {
+    for (const V4L2DeviceInfo& device : V4L2ListDevices())
+        if (device.displayName == displayName)
+            return device.path;
+    return {};
+}
+
+TEST(RealDevices, ACameraStreamingInAnotherProcessIsInUse) {
+    REQUIRE_CAMERA(camera, V4L2_PIX_FMT_YUYV);
+    DeviceScope scope(TavixDeviceGet(camera.c_str(), TavixDeviceMediaTypeVideo));
+    EXPECT_FALSE(TavixDeviceIsUsedByAnotherApplication(scope.handle));
+    int ready[2];
+    ASSERT_EQ(0, pipe(ready));
+    const std::string node = NodeOf(camera);
+    const pid_t other = fork();
+    if (other == 0) {
+        V4L2Camera owner;
+        char ok = owner.open(node) == V4L2Camera::Status::Ok &&
+                  owner.setFormat(V4L2_PIX_FMT_YUYV, 640, 480, {}) == V4L2Camera::Status::Ok &&
+                  owner.start(4) == V4L2Camera::Status::Ok;
+        (void)!write(ready[1], &ok, 1);
+        pause();
+        _exit(0);
+    }
+    char ok = 0;
+    ASSERT_EQ(1, read(ready[0], &ok, 1));
+    EXPECT_TRUE(ok);
+    EXPECT_TRUE(TavixDeviceIsUsedByAnotherApplication(scope.handle));
+    kill(other, SIGKILL);
+    waitpid(other, nullptr, 0);
+    EXPECT_FALSE(TavixDeviceIsUsedByAnotherApplication(scope.handle));
+    close(ready[0]);
+    close(ready[1]);
+}
+
+TEST(RealDevices, AnUnpluggedCameraStopsItsFramesAndReportsItself) {
+    REQUIRE_CAMERA(camera, V4L2_PIX_FMT_YUYV);
+    DeviceScope scope(TavixDeviceGet(camera.c_str(), TavixDeviceMediaTypeVideo));
+    ASSERT_TRUE(TavixDeviceOpen(scope.handle));
+    const std::string node = NodeOf(camera);
+    CallbackLog log;
+    ASSERT_TRUE(TavixDeviceStartCapture(scope.handle, LogFrame, DataOf(log), 0, 0, 0, nullptr, 0, 0,
+                                        0, 0, 0, nullptr));
+    ASSERT_TRUE(WaitUntil([&] { return log.frames >= 2; }, std::chrono::seconds(30)));
+    const int control = open(node.c_str(), O_RDWR);
+    ASSERT_GE(control, 0);
+    if (!PressButton(control, "Disconnect")) {
+        close(control);
+        GTEST_SKIP() << "the driver cannot simulate an unplug";
+    }
+    EXPECT_TRUE(
+        WaitUntil([&] { return !TavixDeviceIsConnected(scope.handle); }, std::chrono::seconds(10)));
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    const int frames = log.frames;
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    EXPECT_EQ(frames, log.frames.load()) << "frames stop";
+    EXPECT_TRUE(TavixDeviceStopCapture(scope.handle));
+    close(control);
+    // vivid comes back once the last handle is closed.
+    EXPECT_TRUE(
+        WaitUntil([&] { return TavixDeviceIsConnected(scope.handle); }, std::chrono::seconds(10)));
 }
 
 const char* kLoopbackCapture = "hw:CARD=Loopback,DEV=1";

@@ -1,6 +1,7 @@
 // The V4L2 camera code: size and rate negotiation and naming everywhere; streaming, sharing and
 // unplugging against a real driver where one exists (vivid, inside scripts/devvm.sh).
 #include "platform/devices/v4l2/v4l2negotiation.h"
+#include "support/vivid.h"
 
 #include <gtest/gtest.h>
 
@@ -160,20 +161,6 @@ V4L2DeviceInfo FindCamera(uint32_t fourcc) {
     if (info.path.empty()) {                                                                       \
         GTEST_SKIP() << "no V4L2 capture device offering this format (scripts/devvm.sh has one)";  \
     }
-
-// Sets a vivid button control by name ("Disconnect"); false when the driver has none.
-bool PressButton(int fd, const char* name) {
-    v4l2_queryctrl query{};
-    query.id = V4L2_CTRL_FLAG_NEXT_CTRL;
-    while (ioctl(fd, VIDIOC_QUERYCTRL, &query) == 0) {
-        if (strcmp(reinterpret_cast<const char*>(query.name), name) == 0) {
-            v4l2_control control{query.id, 1};
-            return ioctl(fd, VIDIOC_S_CTRL, &control) == 0;
-        }
-        query.id |= V4L2_CTRL_FLAG_NEXT_CTRL;
-    }
-    return false;
-}
 
 // Captures `count` frames at the given format and checks their geometry and order.
 void CaptureFrames(const std::string& path, uint32_t fourcc, uint32_t width, uint32_t height,
