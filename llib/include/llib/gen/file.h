@@ -1,0 +1,122 @@
+// Paths and files. LFile is a class used as a namespace for the static path, file and folder
+// operations.
+//
+// Paths are NUL-terminated UTF-8. On input both '/' and '\' separate components; operations that
+// insert a separator insert '/'. Every output buffer (out) is a caller's path buffer of 260 bytes
+// (259 characters and the terminator): each operation below keeps its output within it, cutting
+// silently. out must not overlap an input unless a comment allows it. The path operations do
+// not touch the file system (except the two volume queries) and allocate nothing. Any thread.
+#pragma once
+
+class LFile {
+public:
+    // Splitting. /a/b/c.txt: folder /a/b, base folder /a, file c.txt, name c, extension .txt.
+
+    // The path up to its last separator (which is dropped); "/" for a path whose only separator
+    // is a leading '/', "" for a path without one (c.txt). out may be path.
+    static void _GetFolderFromPath(char* out, const char* path);
+    // The first component, at least two characters long: /Volumes/Disk/x gives /Volumes,
+    // C:\dir\x gives C:, //server/x gives //server.
+    static void _GetBaseFolderFromPath(char* out, const char* path);
+    // The last component; "" when the path ends with a separator. A component longer than 259
+    // characters is cut there, and what follows it is not looked at.
+    static void _GetFileFromPath(char* out, const char* path);
+    // The last component without its extension: c.tar.gz gives c.tar; .profile stays .profile.
+    static void _GetFileNameFromPath(char* out, const char* path);
+    // The extension with its dot (the last '.' after the last separator), or "": /a.d/file
+    // gives "", /a/.profile gives .profile.
+    static void _GetFileExtensionFromPath(char* out, const char* path);
+    // path with its extension replaced by extension (given with its dot), or extension added
+    // when there is none; a dot at the very start of the path is not an extension
+    // (.profile + .bak gives .profile.bak). out may be path.
+    static void _ApplyNewFileExtension(char* out, const char* path, const char* extension);
+
+    // Joining. folder + '/' (unless folder is empty or ends with a separator) + name +
+    // extension; the folder counts at most 258 characters. Returns the number of characters of
+    // name and extension stored. out may be folder (which is then extended in place).
+    static unsigned long _MakeFilePath(char* out, const char* folder, const char* name,
+                                       const char* extension);
+    // path made absolute against baseFolder, extension appended. A path that begins with a
+    // separator, or whose first component holds ':' (D:stuff), is absolute already. Leading
+    // "./" are skipped; each leading "../" takes the last folder off the base (/a/b/ and ../c
+    // give /a/c), keeping a root separator, and stays in the path once the base is shorter
+    // than two characters. out may be baseFolder or path.
+    static void MakeAbsoluteFilePath(char* out, const char* baseFolder, const char* path,
+                                     const char* extension);
+    // path relative to baseFolder (not empty), comparing whole components and using only '/' as
+    // separator: one "../" for each base folder left after the common part, then the rest of
+    // the path (/a/b/ and /a/c/d give ../c/d). Cut to 260 bytes; always true.
+    static bool MakeRelativeFilePath(char* out, const char* baseFolder, const char* path);
+    static bool MakeRelativeFolder(char* out, const char* baseFolder, const char* folder);
+    // absolutePath relative to baseFolder, with either separator: base /Users/me/Music and
+    // /Users/me/Movies/x.mov give ../Movies/x.mov, base /Users/me/Music/ and
+    // /Users/me/Music/a.wav give a.wav; paths with no folder in common come back unchanged.
+    // False, with out empty, when the result would not fit.
+    static bool GetRelativePathFromAbsolutePath(char* out, const char* baseFolder,
+                                                const char* absolutePath);
+
+    // Cleaning user-typed names. PreprocessName drops control characters and " * / : < > ? \ |
+    // (keeping at most 259 characters) and is true when anything is kept, even spaces only.
+    // PreprocessPath keeps the separators, dropping control characters and " * : < > ? |, and
+    // is true only when a character other than a space is kept.
+    static bool PreprocessName(const char* in, char* out);
+    static bool PreprocessPath(const char* in, char* out);
+    // For a double-quoted shell argument: a backslash before every '"' and '`'; at most 259
+    // characters written. Returns out.
+    static char* EscapeFilePath(const char* in, char* out);
+
+    // Wildcard match of a whole name, byte for byte: '?' matches any one character, '*' any
+    // run. A pattern character equal to the name's is matched as itself first, so a '*' facing
+    // a '*' in the name stands for that character only. No escapes. Empty matches only empty.
+    // Time grows with the product of the lengths at worst, never exponentially.
+    template <class T>
+    static bool IsMatch(const T* pattern, const T* name);
+    // IsMatch on lower-cased copies of pattern and name, each cut to 259 bytes.
+    static bool IsMatchInsensitive(const char* pattern, const char* name);
+
+    // "n Bytes", "n KB", "n MB", "n GB" or "n TB" in binary units, truncated: 1023 gives
+    // 1023 Bytes, 2047 gives 1 KB, 2^40 gives 1 TB.
+    static void GetSizeFormattedBytes(unsigned long long bytes, char* out);
+    // The drive part of a path for display: C:\ for C:\dir (the leading letters and digits),
+    // "/" for a path from the root, "" otherwise.
+    static void GetHumanReadableDriveFromPath(char* out, const char* path);
+
+    // Volume queries, on the file system the existing path lies on; false when it cannot be
+    // resolved. A network volume is NFS, SMB/CIFS, AFS, Coda, 9P, Ceph, GlusterFS or a FUSE
+    // file system that reaches over the network (sshfs, rclone, s3fs, ...). An audio CD is a
+    // volume mounted by an audio-CD file system (cdfs, cddfs).
+    static bool IsNetworkPath(const char* path);
+    static bool IsOnAudioCD(const char* path);
+
+    // Opening with advisory locks standing in for share modes (see llib/unix/filehandle.h).
+    // Each returns the descriptor, -1 on failure; a lock not obtained within timeoutMs does not
+    // fail the open.
+    // Read-only, with a shared lock.
+    static int _OpenRead(const char* path, unsigned int timeoutMs);
+    // Read-write, created (mode 0666 less the umask) when missing, with an exclusive lock, then
+    // emptied.
+    static int _OpenWrite(const char* path, unsigned int timeoutMs);
+    // Write-only, created when missing, with an exclusive lock, positioned at the end (later
+    // writes go where the position is: the descriptor is not in append mode).
+    static int _OpenAppendAlways(const char* path, unsigned int timeoutMs);
+
+    // What the thread's last error number says after a failed call: another holder's lock
+    // (EACCES or EAGAIN), an existing file (EEXIST), no permission (EACCES), no such file
+    // (ENOENT).
+    static bool IsErrorSharingViolation();
+    static bool IsErrorAlreadyExists();
+    static bool IsErrorPermissionDenied();
+    static bool IsErrorFileNotFound();
+
+    // True when another holder's lock keeps the file from being taken exclusively (for reading
+    // or writing alike); false when it is free or missing.
+    static bool TestFileShareReadBlocked(const char* path);
+    static bool TestFileShareWriteBlocked(const char* path);
+};
+
+// -1 when text is shorter than suffix, else tstrcmp of text's last strlen(suffix) characters
+// and suffix (0 when text ends with suffix).
+int tstrcmpend(const char* text, const char* suffix);
+
+// True for the ASCII letters and digits only.
+bool LFileIsLetterOrNumber(char c);

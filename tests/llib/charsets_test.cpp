@@ -1,0 +1,510 @@
+#include "llib/gen/charsets.h"
+
+#include <cstring>
+#include <gtest/gtest.h>
+#include <random>
+#include <string>
+#include <vector>
+
+namespace {
+
+constexpr wchar_t kCanaryWide = 0x5A5A5A5A;
+constexpr char kCanary = 0x5A;
+
+std::u32string Decoded(const wchar_t* text) {
+    std::u32string out;
+    for (; *text != 0; ++text)
+        out.push_back(static_cast<char32_t>(*text));
+    return out;
+}
+
+// Decodes into a buffer of exactly `size` characters followed by canaries.
+int Decode(const std::string& source, unsigned long size, std::u32string& out) {
+    std::vector<wchar_t> buffer(size + 4, kCanaryWide);
+    const int result = LCopyUTF32FromUTF8(buffer.data(), source.c_str(), size);
+    for (unsigned long i = size; i < size + 4; ++i)
+        EXPECT_EQ(kCanaryWide, buffer[i]) << "written past the destination, size " << size;
+    out = size > 0 ? Decoded(buffer.data()) : std::u32string();
+    return result;
+}
+
+int Encode(const std::u32string& source, unsigned long size, std::string& out) {
+    std::vector<wchar_t> wide(source.begin(), source.end());
+    wide.push_back(0);
+    std::vector<char> buffer(size + 4, kCanary);
+    const int result = LCopyUTF8FromUTF32(buffer.data(), wide.data(), size);
+    for (unsigned long i = size; i < size + 4; ++i)
+        EXPECT_EQ(kCanary, buffer[i]) << "written past the destination, size " << size;
+    out = size > 0 ? std::string(buffer.data()) : std::string();
+    return result;
+}
+
+std::vector<unsigned short> Units(std::initializer_list<unsigned short> units) {
+    std::vector<unsigned short> v(units);
+    v.push_back(0);
+    return v;
+}
+
+// The decoder as the algorithm states it, one step at a time, to hold the fast paths against.
+int ReferenceDecode(const std::string& text, unsigned long size, std::u32string& out) {
+    static const unsigned int offsets[6] = {0x00000000u, 0x00003080u, 0x000E2080u,
+                                            0x03C82080u, 0xFA082080u, 0x82082080u};
+    out.clear();
+    const unsigned char* s = reinterpret_cast<const unsigned char*>(text.c_str());
+    unsigned long total = 0;
+    int result = kLCopyDone;
+    while (*s != 0) {
+        const unsigned int c = *s;
+        const unsigned int t = c < 0xC0   ? 0
+                               : c < 0xE0 ? 1
+                               : c < 0xF0 ? 2
+                               : c < 0xF8 ? 3
+                               : c < 0xFC ? 4
+                                          : 5;
+        total += t + 1;
+        if (total >= size)
+            return kLCopyTruncated;
+        if ((c >= 0x80 && c <= 0xC1) || c > 0xF4)
+            return kLCopyIllegalInput;
+        for (unsigned int i = 1; i <= t; ++i) {
+            const unsigned int b = s[i];
+            if (b < 0x80 || b > 0xBF)
+                return kLCopyIllegalInput;
+            if (i == 1 && ((c == 0xE0 && b < 0xA0) || (c == 0xED && b > 0x9F) ||
+                           (c == 0xF0 && b < 0x90) || (c == 0xF4 && b > 0x8F)))
+                return kLCopyIllegalInput;
+        }
+        unsigned int value = 0;
+        for (unsigned int i = 0; i <= t; ++i)
+            value = value * 64 + s[i];
+        value -= offsets[t];
+        if (value > 0x10FFFF) {
+            value = 0xFFFD;
+            result = kLCopyIllegalInput;
+        } else if (value >= 0xD800 && value <= 0xDFFF) {
+            value = 0xFFFD;
+        }
+        out.push_back(value);
+        s += t + 1;
+    }
+    return result;
+}
+
+// Text of ASCII runs and characters of every length, long enough to cross the coders' blocks
+// and windows, with now and then a malformed byte.
+std::string RandomText(std::mt19937& random, bool malformed) {
+    static const char* const pieces[] = {
+        "\xC3\xA9",         "\xD0\xB6", "\xE2\x82\xAC", "\xE6\x97\xA5", "\xF0\x9F\x98\x80",
+        "\xF4\x8F\xBF\xBF", " "};
+    static const char* const bad[] = {"\x80",     "\xC0\xAF", "\xED\xA0\x80", "\xF4\x90\x80\x80",
+                                      "\xE2\x82", "\xFF",     "\xC3"};
+    std::string text;
+    const int count = static_cast<int>(random() % 60);
+    for (int i = 0; i < count; ++i) {
+        const unsigned int kind = random() % 10;
+        if (kind < 4)
+            text.append(random() % 40, static_cast<char>('a' + random() % 26));
+        else
+            text += pieces[random() % 7];
+        if (malformed && random() % 80 == 0)
+            text += bad[random() % 7];
+    }
+    return text;
+}
+
+} // namespace
+
+TEST(UTF8Decoder, StopsBeforeACharacterThatWouldReachTheSize) {
+    std::u32string out;
+    EXPECT_EQ(kLCopyTruncated, Decode("\xC3\xA9", 2, out));
+    EXPECT_EQ(U"", out);
+    EXPECT_EQ(kLCopyDone, Decode("\xC3\xA9", 3, out));
+    EXPECT_EQ(U"\u00E9", out);
+    EXPECT_EQ(kLCopyTruncated, Decode("abc", 3, out));
+    EXPECT_EQ(U"ab", out);
+    EXPECT_EQ(kLCopyDone, Decode("abc", 4, out));
+    EXPECT_EQ(kLCopyTruncated, Decode("abc", 1, out));
+    EXPECT_EQ(U"", out);
+    EXPECT_EQ(kLCopyTruncated, Decode("abc", 0, out));
+}
+
+TEST(UTF8Decoder, EverySizeGivesAPrefixAndNeverOverflows) {
+    const std::string text = "a\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80z"; // a é € 😀 z
+    const std::u32string whole = U"a\u00E9\u20AC\U0001F600z";
+    std::u32string out;
+    for (unsigned long size = 1; size <= text.size() + 2; ++size) {
+        const int result = Decode(text, size, out);
+        EXPECT_EQ(whole.substr(0, out.size()), out) << size;
+        if (size > text.size()) {
+            EXPECT_EQ(kLCopyDone, result);
+            EXPECT_EQ(whole, out);
+        } else {
+            EXPECT_EQ(kLCopyTruncated, result) << size;
+        }
+    }
+}
+
+TEST(UTF8Decoder, RejectsMalformedInputKeepingWhatCameBefore) {
+    const char* const malformed[] = {
+        "x\xE0\x80\x80",     // overlong 3-byte form
+        "x\xC0\xAF",         // overlong 2-byte form
+        "x\xC1\xBF",         //
+        "x\xF0\x8F\xBF\xBF", // overlong 4-byte form
+        "x\xED\xA0\x80",     // encoded high surrogate
+        "x\xED\xBF\xBF",     // encoded low surrogate
+        "x\xF4\x90\x80\x80", // above U+10FFFF
+        "x\xF5\x80\x80\x80", // lead byte above F4
+        "x\xF8\x88\x80\x80\x80",
+        "x\xFF",
+        "x\x80",     // stray trailing byte
+        "x\xC3",     // cut short by the terminator
+        "x\xE2\x82", //
+        "x\xC3(",    // trailing byte missing
+    };
+    for (const char* text : malformed) {
+        std::u32string out;
+        EXPECT_EQ(kLCopyIllegalInput, Decode(text, 64, out)) << text;
+        EXPECT_EQ(U"x", out);
+    }
+    std::u32string out;
+    EXPECT_EQ(kLCopyDone, Decode("\xED\x9F\xBF\xEE\x80\x80\xF4\x8F\xBF\xBF", 64, out));
+    EXPECT_EQ(U"\uD7FF\uE000\U0010FFFF", out);
+}
+
+TEST(UTF8Decoder, FastPathsAgreeWithTheStepByStepAlgorithm) {
+    std::mt19937 random(20240611);
+    // Texts longer than the decoder's look-ahead window as well.
+    std::string longText;
+    while (longText.size() < 20000)
+        longText += RandomText(random, false);
+    for (int round = 0; round < 3000; ++round) {
+        std::string text = round < 2900 ? RandomText(random, round % 2 == 1) : longText;
+        if (round >= 2900 && round % 2 == 1)
+            text.insert(random() % text.size(), "\xE0\x80\x80");
+        unsigned long size = text.size() + 1;
+        if (random() % 3 != 0)
+            size = random() % (text.size() + 3) + 1;
+        std::u32string expected, out;
+        const int expectedResult = ReferenceDecode(text, size, expected);
+        ASSERT_EQ(expectedResult, Decode(text, size, out)) << round;
+        ASSERT_TRUE(expected == out) << round;
+    }
+}
+
+TEST(UTF8Decoder, FastPathsStopAtEverySizeAcrossBlockBoundaries) {
+    std::string twoByte, threeByte;
+    for (int i = 0; i < 8; ++i)
+        twoByte += "\xC3\xA9";
+    for (int i = 0; i < 6; ++i)
+        threeByte += "\xE2\x82\xAC";
+    const std::string texts[] = {
+        twoByte + "x" + twoByte + "yz" + twoByte,
+        std::string(15, 'a') + threeByte + "b" + threeByte + std::string(20, 'c'),
+        "\xF0\x9F\x98\x80" + std::string(16, 'd') +
+            "\xF0\x9F\x98\x80"
+            "e\xF0\x9F\x98\x80",
+    };
+    for (const std::string& text : texts)
+        for (unsigned long size = 1; size <= text.size() + 2; ++size) {
+            std::u32string expected, out;
+            const int expectedResult = ReferenceDecode(text, size, expected);
+            ASSERT_EQ(expectedResult, Decode(text, size, out)) << size;
+            ASSERT_TRUE(expected == out) << size;
+        }
+}
+
+TEST(UTF8Encoder, AgreesWithTheDecoderAndStopsAtEveryBoundary) {
+    std::mt19937 random(7);
+    for (int round = 0; round < 2000; ++round) {
+        const std::string text = RandomText(random, false);
+        std::u32string characters;
+        ASSERT_EQ(kLCopyDone, Decode(text, text.size() + 1, characters));
+        if (round % 10 == 0 && !characters.empty())
+            characters[random() % characters.size()] = 0x110000 + random() % 1000;
+        const unsigned long size = random() % (text.size() + 3) + 1;
+        std::string out;
+        const int result = Encode(characters, size, out);
+        // The encoding of the longest prefix of whole characters that fits.
+        std::string whole;
+        unsigned long fitting = 0;
+        bool replaced = false;
+        for (char32_t c : characters) {
+            std::string one;
+            Encode(std::u32string(1, c), 5, one);
+            if (whole.size() + one.size() > size - 1)
+                break;
+            whole += one;
+            replaced = replaced || c > 0x10FFFF;
+            ++fitting;
+        }
+        ASSERT_EQ(whole, out) << round;
+        const int expected = fitting < characters.size() ? kLCopyTruncated
+                             : replaced                  ? kLCopyIllegalInput
+                                                         : kLCopyDone;
+        ASSERT_EQ(expected, result) << round;
+    }
+}
+
+TEST(UTF8Encoder, EncodesEveryLengthAndReplacesOutOfRangeValues) {
+    std::string out;
+    EXPECT_EQ(kLCopyDone, Encode(U"\U0001F600", 16, out));
+    EXPECT_EQ("\xF0\x9F\x98\x80", out);
+    EXPECT_EQ(kLCopyIllegalInput, Encode(std::u32string(1, 0x110000), 16, out));
+    EXPECT_EQ("\xEF\xBF\xBD", out);
+    EXPECT_EQ(kLCopyIllegalInput, Encode(std::u32string{U'a', 0xFFFFFFFFu, U'b'}, 16, out));
+    EXPECT_EQ("a\xEF\xBF\xBD"
+              "b",
+              out);
+    // Surrogate code points are encoded like any 3-byte value.
+    EXPECT_EQ(kLCopyDone, Encode(std::u32string{0xD83D, 0xDE00}, 16, out));
+    EXPECT_EQ("\xED\xA0\xBD\xED\xB8\x80", out);
+}
+
+TEST(UTF8Encoder, StopsBeforeACharacterThatDoesNotFitWithTheTerminator) {
+    const std::u32string text = U"a\u00E9\u20AC\U0001F600";
+    const std::string whole = "a\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80";
+    std::string out;
+    for (unsigned long size = 1; size <= whole.size() + 2; ++size) {
+        const int result = Encode(text, size, out);
+        EXPECT_EQ(whole.substr(0, out.size()), out);
+        EXPECT_EQ(size > whole.size() ? kLCopyDone : kLCopyTruncated, result) << size;
+        // Only whole characters: the next one would not have fitted.
+        EXPECT_TRUE(out.size() == whole.size() || out.size() == size - 1 ||
+                    static_cast<unsigned char>(whole[out.size()]) >= 0xC0)
+            << size;
+    }
+    EXPECT_EQ(kLCopyTruncated, Encode(U"a", 0, out));
+}
+
+TEST(UTF8Coder, EveryScalarValueRoundTrips) {
+    std::u32string all;
+    for (char32_t c = 1; c <= 0x10FFFF; ++c)
+        if (c < 0xD800 || c > 0xDFFF)
+            all.push_back(c);
+    std::string utf8;
+    ASSERT_EQ(kLCopyDone, Encode(all, all.size() * 4 + 1, utf8));
+    std::u32string back;
+    ASSERT_EQ(kLCopyDone, Decode(utf8, utf8.size() + 1, back));
+    EXPECT_TRUE(all == back);
+}
+
+TEST(UnicodeText, SurrogatesAreCarriedUnitByUnit) {
+    char utf8[260]; // the unsized forms take a 260-character destination
+    const auto pair = Units({0xD83D, 0xDE00});
+    LCopyUTF8FromUnicode(utf8, pair.data(), sizeof utf8);
+    EXPECT_STREQ("\xED\xA0\xBD\xED\xB8\x80", utf8);
+    unsigned short units[260];
+    LCopyUnicodeFromUTF8(units, "\xF0\x9F\x98\x80!", 8);
+    EXPECT_EQ(0xF600, units[0]);
+    EXPECT_EQ('!', units[1]);
+    EXPECT_EQ(0, units[2]);
+    // Unsized forms take 260 characters.
+    LCopyUnicodeFromUTF8(units, "\xC3\xA9");
+    EXPECT_EQ(0xE9, units[0]);
+    EXPECT_EQ(0, units[1]);
+    const auto e = Units({0xE9});
+    LCopyUTF8FromUnicode(utf8, e.data());
+    EXPECT_STREQ("\xC3\xA9", utf8);
+}
+
+TEST(UnicodeText, BoundedAtEverySizeAndLongTextsAreCut) {
+    const std::string source(1000, 'x');
+    std::vector<unsigned short> units(300, 0x5A5A);
+    LCopyUnicodeFromUTF8(units.data(), source.c_str());
+    EXPECT_EQ(0, units[259]);
+    EXPECT_EQ('x', units[258]);
+    EXPECT_EQ(0x5A5A, units[260]);
+    std::vector<unsigned short> longUnits(1000, 0xE9);
+    longUnits.push_back(0);
+    std::vector<char> utf8(300, kCanary);
+    LCopyUTF8FromUnicode(utf8.data(), longUnits.data());
+    EXPECT_EQ(258u, strlen(utf8.data())); // 129 two-byte characters
+    EXPECT_EQ(kCanary, utf8[260]);
+    for (unsigned long size = 1; size < 8; ++size) {
+        std::vector<unsigned short> out(size + 2, 0x5A5A);
+        LCopyUnicodeFromUTF8(out.data(), "ab\xC3\xA9", size);
+        EXPECT_EQ(0x5A5A, out[size]) << size;
+        std::vector<wchar_t> wide(size + 2, kCanaryWide);
+        const auto ab = Units({'a', 'b', 'c'});
+        LCopyUTF32FromUnicode(wide.data(), ab.data(), size);
+        EXPECT_EQ(kCanaryWide, wide[size]);
+        EXPECT_EQ(0, wide[std::min<unsigned long>(size - 1, 3)]);
+        std::vector<unsigned short> narrow(size + 2, 0x5A5A);
+        LCopyUnicodeFromUTF32(narrow.data(), L"abc", size);
+        EXPECT_EQ(0x5A5A, narrow[size]);
+        EXPECT_EQ(0, narrow[std::min<unsigned long>(size - 1, 3)]);
+    }
+}
+
+TEST(InvalidUTF8, EveryConverterStopsAtTheBadByteAndStaysTerminated) {
+    const char* bad = "ok\xE0\x80\x80tail";
+    unsigned short units[16];
+    LCopyUnicodeFromUTF8(units, bad, 16);
+    EXPECT_EQ('o', units[0]);
+    EXPECT_EQ('k', units[1]);
+    EXPECT_EQ(0, units[2]);
+    char out[16];
+    LCopyAnsiFromUTF8(out, bad, sizeof out);
+    EXPECT_STREQ("ok", out);
+    LCopyToISO88591(out, bad, sizeof out);
+    EXPECT_STREQ("ok", out);
+    LCopyToISO88591(out, bad);
+    EXPECT_STREQ("ok", out);
+    LStringLongTemplate<unsigned short> string16;
+    LStringLongTemplate<char> string8;
+    string8 = bad;
+    LCopyUnicodeFromUTF8(string16, string8);
+    EXPECT_EQ(2u, string16.nLength);
+    // Bytes that are not UTF-8 at all are not ISO-8859-1 text the other way round either.
+    LCopyToISO88591(out, "\xFF\xFE", sizeof out);
+    EXPECT_STREQ("", out);
+}
+
+TEST(ISO88591, StopsAtTheFirstCharacterOutsideLatin1) {
+    char out[16];
+    LCopyToISO88591(out,
+                    "a\xC3\xA9\xE2\x82\xAC"
+                    "b",
+                    sizeof out);
+    EXPECT_STREQ("a\xE9", out);
+    LCopyToWIN1252(out, "\xC3\xA9t\xC3\xA9", sizeof out);
+    EXPECT_STREQ("\xE9t\xE9", out);
+    LCopyFromISO88591(out, "caf\xE9", sizeof out);
+    EXPECT_STREQ("caf\xC3\xA9", out);
+    LCopyFromWIN1252(out, "\xE9", sizeof out);
+    EXPECT_STREQ("\xC3\xA9", out);
+    LCopyFromISO88591(out, "caf\xE9");
+    EXPECT_STREQ("caf", out) << "the unsized form holds strlen + 1 bytes: no room for the last";
+}
+
+TEST(ISO88591, FillingTheDestinationKeepsWholeCharactersAndTheTerminator) {
+    const std::string whole = "ab\xC3\xA9\xC3\xA9";
+    for (unsigned long size = 1; size <= 8; ++size) {
+        std::vector<char> out(size + 4, kCanary);
+        LCopyFromISO88591(out.data(), "ab\xE9\xE9", size);
+        EXPECT_EQ(kCanary, out[size]) << size;
+        const std::string result(out.data());
+        ASSERT_LT(result.size(), size);
+        EXPECT_EQ(whole.substr(0, result.size()), result);
+        EXPECT_NE(3u, result.size()) << "a character was cut";
+        EXPECT_NE(5u, result.size()) << "a character was cut";
+        EXPECT_GE(result.size() + 2, size - 1) << "whole characters that fit are kept";
+    }
+    char out[4];
+    LCopyIconvFixedLength(out, "abc", sizeof out, "NO-SUCH-ENCODING", "UTF-8");
+    EXPECT_STREQ("", out);
+}
+
+TEST(Ansi, ReadsWindowsLatin1AndWritesISOLatin1AllOrNothing) {
+    unsigned short units[8];
+    LCopyUnicodeFromAnsi(units, "\x80\xE9", 8);
+    EXPECT_EQ(0x20AC, units[0]);
+    EXPECT_EQ(0xE9, units[1]);
+    EXPECT_EQ(0, units[2]);
+    char ansi[8] = "junk";
+    LCopyAnsiFromUnicode(ansi, units, sizeof ansi);
+    EXPECT_STREQ("", ansi) << "the euro sign is not ISO Latin-1";
+    const auto e = Units({'c', 0xE9});
+    LCopyAnsiFromUnicode(ansi, e.data(), sizeof ansi);
+    EXPECT_STREQ("c\xE9", ansi);
+    LCopyAnsiFromUnicode(ansi, e.data(), 2);
+    EXPECT_STREQ("", ansi) << "does not fit: nothing";
+    LCopyUnicodeFromAnsi(units, "abc", 3);
+    EXPECT_EQ(0, units[0]);
+
+    char utf8[16];
+    LCopyUTF8FromAnsi(utf8, "caf\xE9 \x80", sizeof utf8);
+    EXPECT_STREQ("caf\xC3\xA9 \xE2\x82\xAC", utf8);
+    LCopyAnsiFromUTF8(ansi, "caf\xC3\xA9", sizeof ansi);
+    EXPECT_STREQ("caf\xE9", ansi);
+    LCopyAnsiFromUTF8(ansi, "\xE2\x82\xAC", sizeof ansi);
+    EXPECT_STREQ("", ansi);
+    // Larger than the stack temporary.
+    std::string big(5000, 'q');
+    std::vector<char> bigOut(5001);
+    LCopyUTF8FromAnsi(bigOut.data(), big.c_str(), bigOut.size());
+    EXPECT_EQ(big, bigOut.data());
+    LCopyAnsiFromUTF8(bigOut.data(), big.c_str(), bigOut.size());
+    EXPECT_EQ(big, bigOut.data());
+}
+
+TEST(OtherForms, ShiftJISIsCopiedAndBigEndianUnitsAreSwapped) {
+    char out[4];
+    LCopyToSHIFTJIS932(out, "\x82\xA0\x82\xA2", sizeof out);
+    EXPECT_STREQ("\x82\xA0\x82", out);
+    LCopyFromSHIFTJIS932(out, "ab", sizeof out);
+    EXPECT_STREQ("ab", out);
+
+    unsigned short units[5];
+    const auto ab = Units({'A', 'B'});
+    EXPECT_EQ(2u, LCopyToBigEndianUnicode(units, ab.data(), 4, false));
+    const unsigned char expected[8] = {0x00, 0x41, 0x00, 0x42, 0x00, 0x20, 0x00, 0x20};
+    EXPECT_EQ(0, memcmp(expected, units, 8));
+    EXPECT_EQ(1u, LCopyToBigEndianUnicode(units, ab.data(), 1, true));
+    EXPECT_EQ(0, units[1]);
+    EXPECT_EQ(0u, LCopyToBigEndianUnicode(units, szEmptyStringUTF16, 4, true));
+    EXPECT_EQ(0, units[0]);
+}
+
+TEST(UTF8Length, CountsLeadBytesAndCopiesWholeCharacters) {
+    EXPECT_EQ(0u, utf8strlen(""));
+    EXPECT_EQ(4u, utf8strlen("a\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80"));
+    EXPECT_EQ(2u, utf8strlen("a\xF0\x9F")) << "stops at the terminator inside a character";
+
+    char out[8];
+    EXPECT_EQ(1u, utf8strlcpy(out, "a\xC3\xA9", 3));
+    EXPECT_STREQ("a", out);
+    EXPECT_EQ(3u, utf8strlcpy(out, "a\xC3\xA9", 4));
+    EXPECT_STREQ("a\xC3\xA9", out);
+    EXPECT_EQ(1u, utf8strlcpy(out, "a\xE2\x82", sizeof out));
+    EXPECT_STREQ("a", out);
+    out[0] = 'z';
+    EXPECT_EQ(0u, utf8strlcpy(out, "abc", 0));
+    EXPECT_EQ('z', out[0]);
+    EXPECT_EQ(0u, utf8strlcpy(out, "abc", 1));
+    EXPECT_STREQ("", out);
+}
+
+TEST(GrowableStrings, SizesAndLengthsFollowEachConversion) {
+    LStringLongTemplate<char> text;
+    text = "previous";
+    const auto e = Units({'d', 0xE9, 0x20AC});
+    LCopyFromUnicode(text, e.data());
+    EXPECT_STREQ("d\xC3\xA9\xE2\x82\xAC", text.pData);
+    EXPECT_EQ(0u, text.nLength);
+    EXPECT_GE(text.nSize, 19u);
+
+    LStringLongTemplate<unsigned short> units;
+    units = e.data();
+    LStringLongTemplate<char> utf8;
+    LCopyUTF8FromUnicode(utf8, units);
+    EXPECT_STREQ("d\xC3\xA9\xE2\x82\xAC", utf8.pData);
+    EXPECT_EQ(6u, utf8.nLength);
+    EXPECT_EQ(19u, utf8.nSize);
+
+    LStringLongTemplate<char> ansi;
+    LCopyAnsiFromUnicode(ansi, units);
+    EXPECT_STREQ("", ansi.pData) << "the euro sign does not convert";
+    EXPECT_EQ(0u, ansi.nLength);
+
+    LStringLongTemplate<char> source;
+    source = "caf\xE9";
+    LStringLongTemplate<unsigned short> back;
+    LCopyUnicodeFromAnsi(back, source);
+    EXPECT_EQ(4u, back.nLength);
+    EXPECT_EQ(0xE9, back.pData[3]);
+
+    LStringLongTemplate<char> empty;
+    LCopyUnicodeFromUTF8(back, empty);
+    EXPECT_EQ(0u, back.nLength);
+    EXPECT_EQ(0, back.pData[0]);
+
+    LStringLongTemplate<char> latin;
+    LCopyFromISO88591(latin, "\xE9t\xE9");
+    EXPECT_STREQ("\xC3\xA9t\xC3\xA9", latin.pData);
+    EXPECT_EQ(19u, latin.nSize);
+    LCopyToISO88591(latin, "\xC3\xA9t\xC3\xA9");
+    EXPECT_STREQ("\xE9t\xE9", latin.pData);
+    LCopyToSHIFTJIS932(latin, "\x82\xA0");
+    EXPECT_STREQ("\x82\xA0", latin.pData);
+}
