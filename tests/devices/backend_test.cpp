@@ -300,4 +300,27 @@ TEST(RealDevices, ASoundInputCapturesAToneAtItsFrequency) {
     EXPECT_NEAR(440.0, (crossings - 1) * 44100.0 / static_cast<double>(last - first), 5);
 }
 
+TEST(RealDevices, ACameraTakesItsSoundFromAnAlsaCompanion) {
+    REQUIRE_CAMERA(camera, V4L2_PIX_FMT_YUYV);
+    const std::string input = LoopbackInputName();
+    if (input.empty())
+        GTEST_SKIP() << "no loopback sound card (scripts/devvm.sh loads snd-aloop)";
+    DeviceScope scope(TavixDeviceGet(camera.c_str(), TavixDeviceMediaTypeVideo));
+    ASSERT_TRUE(TavixDeviceOpen(scope.handle));
+    std::atomic<bool> stop{false};
+    std::thread player(PlayTone, 1000.0, std::cref(stop));
+    CallbackLog log;
+    ASSERT_TRUE(TavixDeviceStartCaptureWithAudioDevice(scope.handle, input.c_str(), LogFrame,
+                                                       DataOf(log), 0, 320, 180, LogSound,
+                                                       DataOf(log), 0, 0, 0, 0, nullptr));
+    const bool both = WaitUntil([&] { return log.frames >= 3 && log.sampleFrames >= 4410; },
+                                std::chrono::seconds(30));
+    EXPECT_TRUE(TavixDeviceCloseAudioDevice(scope.handle));
+    EXPECT_FALSE(TavixDeviceIsCapturing(scope.handle)) << "dropping the companion stops capture";
+    stop = true;
+    player.join();
+    EXPECT_TRUE(both) << log.frames.load() << " frames, " << log.sampleFrames.load() << " samples";
+    EXPECT_EQ(44100u, log.sampleRate.load());
+}
+
 } // namespace
