@@ -57,6 +57,17 @@ CFIndex ByteBound(unsigned long count, unsigned long unitBytes) {
                : static_cast<CFIndex>(count * unitBytes);
 }
 
+// A growable string's text, or the empty text when it has no buffer. (LStringLongTemplate's
+// GetText keeps its empty text in a function-local static, which in a shared library is a
+// unique symbol that keeps the library from ever being unloaded.)
+const char* TextOf(const LStringLongTemplate<char>& string) {
+    return string.pData != nullptr ? string.pData : "";
+}
+
+const unsigned short* TextOf(const LStringLongTemplate<unsigned short>& string) {
+    return string.pData != nullptr ? string.pData : szEmptyStringUTF16;
+}
+
 // Up to 4096 16-bit units on the stack, more on the heap.
 class UnitsTemporary {
 public:
@@ -650,32 +661,32 @@ void LCopyToSHIFTJIS932(LStringLongTemplate<char>& destination, const char* sour
 
 void LCopyUTF8FromUnicode(LStringLongTemplate<char>& destination,
                           const LStringLongTemplate<unsigned short>& source) {
-    const unsigned int size = GrowthSize(TextLength(source.GetText()), 6);
+    const unsigned int size = GrowthSize(TextLength(TextOf(source)), 6);
     destination.GrowToSize(size);
-    LCopyUTF8FromUnicode(destination.pData, source.GetText(), size);
+    LCopyUTF8FromUnicode(destination.pData, TextOf(source), size);
     destination.SetLength(static_cast<unsigned int>(strlen(destination.pData)));
 }
 
 void LCopyAnsiFromUnicode(LStringLongTemplate<char>& destination,
                           const LStringLongTemplate<unsigned short>& source) {
-    const unsigned int size = GrowthSize(TextLength(source.GetText()), 1);
+    const unsigned int size = GrowthSize(TextLength(TextOf(source)), 1);
     destination.GrowToSize(size);
-    LCopyAnsiFromUnicode(destination.pData, source.GetText(), size);
+    LCopyAnsiFromUnicode(destination.pData, TextOf(source), size);
     destination.SetLength(static_cast<unsigned int>(strlen(destination.pData)));
 }
 
 void LCopyUnicodeFromAnsi(LStringLongTemplate<unsigned short>& destination,
                           const LStringLongTemplate<char>& source) {
-    const unsigned int size = GrowthSize(strlen(source.GetText()), 1);
+    const unsigned int size = GrowthSize(strlen(TextOf(source)), 1);
     destination.GrowToSize(size);
-    LCopyUnicodeFromAnsi(destination.pData, source.GetText(), size);
+    LCopyUnicodeFromAnsi(destination.pData, TextOf(source), size);
     destination.SetLength(static_cast<unsigned int>(TextLength(destination.pData)));
 }
 
 void LCopyUnicodeFromUTF8(LStringLongTemplate<unsigned short>& destination,
                           const LStringLongTemplate<char>& source) {
-    const unsigned int size = GrowthSize(strlen(source.GetText()), 1);
+    const unsigned int size = GrowthSize(strlen(TextOf(source)), 1);
     destination.GrowToSize(size);
-    LCopyUnicodeFromUTF8(destination.pData, source.GetText(), size);
+    LCopyUnicodeFromUTF8(destination.pData, TextOf(source), size);
     destination.SetLength(static_cast<unsigned int>(TextLength(destination.pData)));
 }
