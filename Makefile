@@ -2,7 +2,7 @@
 JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?=
 
-.PHONY: all deps build check demo asan tsan bench format vmtest clean
+.PHONY: all deps build check demo asan tsan bench format vmtest clean fuzz
 
 all: build
 
@@ -37,6 +37,18 @@ demo: deps build
 
 bench: deps build
 	build/bench/tavix_bench
+
+# The fuzz targets built with clang in build-fuzz/, each run for FUZZ_SECONDS on a corpus kept in
+# build-fuzz/corpus/ (the test suite runs them only briefly).
+FUZZ_SECONDS ?= 60
+fuzz:
+	cmake -S fuzz -B build-fuzz -DCMAKE_CXX_COMPILER=clang++
+	cmake --build build-fuzz -j $(JOBS)
+	for target in utf8 paths match csv commandline; do \
+		mkdir -p build-fuzz/corpus/$$target && \
+		build-fuzz/fuzz_$$target build-fuzz/corpus/$$target -max_total_time=$(FUZZ_SECONDS) \
+			-max_len=12000 -timeout=10 || exit 1; \
+	done
 
 format:
 	git ls-files -co --exclude-standard '*.cpp' '*.h' '*.c' | xargs clang-format -i

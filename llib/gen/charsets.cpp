@@ -57,6 +57,17 @@ CFIndex ByteBound(unsigned long count, unsigned long unitBytes) {
                : static_cast<CFIndex>(count * unitBytes);
 }
 
+// A growable string's text, or the empty text when it has no buffer. (LStringLongTemplate's
+// GetText keeps its empty text in a function-local static, which in a shared library is a
+// unique symbol that keeps the library from ever being unloaded.)
+const char* TextOf(const LStringLongTemplate<char>& string) {
+    return string.pData != nullptr ? string.pData : "";
+}
+
+const unsigned short* TextOf(const LStringLongTemplate<unsigned short>& string) {
+    return string.pData != nullptr ? string.pData : szEmptyStringUTF16;
+}
+
 // Up to 4096 16-bit units on the stack, more on the heap.
 class UnitsTemporary {
 public:
@@ -138,8 +149,8 @@ inline Step DecodeSequence(const unsigned char*& in, wchar_t*& out, unsigned lon
 // time; other characters are decoded one by one, staying on that path while the text does not
 // go back to ASCII for at least two bytes. Returns when the careful path is to take the next
 // character.
-inline void DecodeFast(const unsigned char*& in, wchar_t*& out, unsigned long& allowance,
-                       const unsigned char* known) {
+inline void DecodeFast(const unsigned char* first, const unsigned char*& in, wchar_t*& out,
+                       unsigned long& allowance, const unsigned char* known) {
     const __m128i zero = _mm_setzero_si128();
     while (known - in >= 16) {
         const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in));
@@ -207,6 +218,26 @@ inline void DecodeFast(const unsigned char*& in, wchar_t*& out, unsigned long& a
         if (*in >= 0x80 || *in == 0 || allowance == 0)
             return;
     }
+    // Fewer than 16 bytes are left before `known`: take them as the end of a block that ends
+    // there and overlaps what is converted already. When the whole block is ASCII, the
+    // overlapped bytes were converted one character each just before `out`, so writing the
+    // block again there changes nothing before `out` and converts the rest.
+    const long rest = known - in;
+    if (rest > 0 && in - first >= 16 - rest) {
+        const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(known - 16));
+        if (_mm_movemask_epi8(bytes) == 0) {
+            const __m128i low8 = _mm_unpacklo_epi8(bytes, zero);
+            const __m128i high8 = _mm_unpackhi_epi8(bytes, zero);
+            __m128i* o = reinterpret_cast<__m128i*>(out - (16 - rest));
+            _mm_storeu_si128(o, _mm_unpacklo_epi16(low8, zero));
+            _mm_storeu_si128(o + 1, _mm_unpackhi_epi16(low8, zero));
+            _mm_storeu_si128(o + 2, _mm_unpacklo_epi16(high8, zero));
+            _mm_storeu_si128(o + 3, _mm_unpackhi_epi16(high8, zero));
+            in = known;
+            out += rest;
+            allowance -= static_cast<unsigned long>(rest);
+        }
+    }
 }
 #endif
 
@@ -231,7 +262,7 @@ int LCopyUTF32FromUTF8Native(wchar_t* destination, const char* source, unsigned 
             known = in + strnlen(reinterpret_cast<const char*>(in), limit);
             more = static_cast<unsigned long>(known - in) == kWindow;
         }
-        DecodeFast(in, out, allowance, known);
+        DecodeFast(reinterpret_cast<const unsigned char*>(source), in, out, allowance, known);
 #endif
         // The careful path: one character.
         const unsigned int c = *in;
@@ -301,12 +332,35 @@ inline bool EncodeCharacter(unsigned int value, unsigned char*& out, unsigned lo
     return true;
 }
 
+#ifdef __SSE2__
+
+// Reads 16 characters: their low bytes packed (meaningful where the character is ASCII), and a
+// mask whose bit i is set when character i is below 0x80.
+inline unsigned int LoadAscii16(const wchar_t* source, __m128i& packed) {
+    const __m128i* s = reinterpret_cast<const __m128i*>(source);
+    const __m128i a = _mm_loadu_si128(s);
+    const __m128i b = _mm_loadu_si128(s + 1);
+    const __m128i c = _mm_loadu_si128(s + 2);
+    const __m128i d = _mm_loadu_si128(s + 3);
+    const __m128i above = _mm_set1_epi32(~0x7F);
+    const __m128i zero = _mm_setzero_si128();
+    const auto asciiLanes = [&](__m128i v) {
+        return static_cast<unsigned int>(
+            _mm_movemask_ps(_mm_castsi128_ps(_mm_cmpeq_epi32(_mm_and_si128(v, above), zero))));
+    };
+    packed = _mm_packus_epi16(_mm_packs_epi32(a, b), _mm_packs_epi32(c, d));
+    return asciiLanes(a) | asciiLanes(b) << 4 | asciiLanes(c) << 8 | asciiLanes(d) << 12;
+}
+
+#endif
+
 } // namespace
 
 int LCopyUTF8FromUTF32Native(char* destination, const wchar_t* source, unsigned long size) {
     if (size == 0)
         return kLCopyTruncated;
     unsigned char* out = reinterpret_cast<unsigned char*>(destination);
+    const wchar_t* const first = source;
     unsigned long room = size - 1; // bytes left before the terminator's
     int result = kLCopyDone;
     // As in the decoder: the characters before `known` are not the terminator, so blocks of 16
@@ -320,24 +374,20 @@ int LCopyUTF8FromUTF32Native(char* destination, const wchar_t* source, unsigned 
             more = known - source == static_cast<long>(kWindow);
         }
         while (known - source >= 16 && room >= 16) {
-            const __m128i* s = reinterpret_cast<const __m128i*>(source);
-            const __m128i a = _mm_loadu_si128(s);
-            const __m128i b = _mm_loadu_si128(s + 1);
-            const __m128i c = _mm_loadu_si128(s + 2);
-            const __m128i d = _mm_loadu_si128(s + 3);
-            const __m128i any = _mm_or_si128(_mm_or_si128(a, b), _mm_or_si128(c, d));
-            const __m128i above = _mm_and_si128(any, _mm_set1_epi32(~0x7F));
-            if (_mm_movemask_epi8(_mm_cmpeq_epi32(above, _mm_setzero_si128())) == 0xFFFF) {
-                const __m128i packed =
-                    _mm_packus_epi16(_mm_packs_epi32(a, b), _mm_packs_epi32(c, d));
-                _mm_storeu_si128(reinterpret_cast<__m128i*>(out), packed);
-                out += 16;
-                source += 16;
-                room -= 16;
+            // Store all 16 (there is room); the ASCII ones before the first other character are
+            // kept.
+            __m128i packed;
+            const unsigned int ascii = LoadAscii16(source, packed);
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(out), packed);
+            const unsigned int prefix =
+                ascii == 0xFFFF ? 16 : static_cast<unsigned int>(__builtin_ctz(~ascii));
+            out += prefix;
+            source += prefix;
+            room -= prefix;
+            if (prefix == 16)
                 continue;
-            }
-            // A block with other characters goes character by character.
-            for (const wchar_t* end = source + 16; source < end; ++source) {
+            // The rest of the block character by character.
+            for (const wchar_t* end = source - prefix + 16; source < end; ++source) {
                 const unsigned int value = static_cast<unsigned int>(*source);
                 if (value < 0x80) {
                     if (room == 0)
@@ -348,6 +398,19 @@ int LCopyUTF8FromUTF32Native(char* destination, const wchar_t* source, unsigned 
                     *out = 0;
                     return kLCopyTruncated;
                 }
+            }
+        }
+        // The last characters before `known`, fewer than 16, as in the decoder: a block that
+        // ends at `known` and overlaps characters already encoded one byte each.
+        const long rest = known - source;
+        if (rest > 0 && rest < 16 && source - first >= 16 - rest &&
+            room >= static_cast<unsigned long>(rest)) {
+            __m128i packed;
+            if (LoadAscii16(known - 16, packed) == 0xFFFF) {
+                _mm_storeu_si128(reinterpret_cast<__m128i*>(out - (16 - rest)), packed);
+                out += rest;
+                source += rest;
+                room -= static_cast<unsigned long>(rest);
             }
         }
 #endif
@@ -650,32 +713,32 @@ void LCopyToSHIFTJIS932(LStringLongTemplate<char>& destination, const char* sour
 
 void LCopyUTF8FromUnicode(LStringLongTemplate<char>& destination,
                           const LStringLongTemplate<unsigned short>& source) {
-    const unsigned int size = GrowthSize(TextLength(source.GetText()), 6);
+    const unsigned int size = GrowthSize(TextLength(TextOf(source)), 6);
     destination.GrowToSize(size);
-    LCopyUTF8FromUnicode(destination.pData, source.GetText(), size);
+    LCopyUTF8FromUnicode(destination.pData, TextOf(source), size);
     destination.SetLength(static_cast<unsigned int>(strlen(destination.pData)));
 }
 
 void LCopyAnsiFromUnicode(LStringLongTemplate<char>& destination,
                           const LStringLongTemplate<unsigned short>& source) {
-    const unsigned int size = GrowthSize(TextLength(source.GetText()), 1);
+    const unsigned int size = GrowthSize(TextLength(TextOf(source)), 1);
     destination.GrowToSize(size);
-    LCopyAnsiFromUnicode(destination.pData, source.GetText(), size);
+    LCopyAnsiFromUnicode(destination.pData, TextOf(source), size);
     destination.SetLength(static_cast<unsigned int>(strlen(destination.pData)));
 }
 
 void LCopyUnicodeFromAnsi(LStringLongTemplate<unsigned short>& destination,
                           const LStringLongTemplate<char>& source) {
-    const unsigned int size = GrowthSize(strlen(source.GetText()), 1);
+    const unsigned int size = GrowthSize(strlen(TextOf(source)), 1);
     destination.GrowToSize(size);
-    LCopyUnicodeFromAnsi(destination.pData, source.GetText(), size);
+    LCopyUnicodeFromAnsi(destination.pData, TextOf(source), size);
     destination.SetLength(static_cast<unsigned int>(TextLength(destination.pData)));
 }
 
 void LCopyUnicodeFromUTF8(LStringLongTemplate<unsigned short>& destination,
                           const LStringLongTemplate<char>& source) {
-    const unsigned int size = GrowthSize(strlen(source.GetText()), 1);
+    const unsigned int size = GrowthSize(strlen(TextOf(source)), 1);
     destination.GrowToSize(size);
-    LCopyUnicodeFromUTF8(destination.pData, source.GetText(), size);
+    LCopyUnicodeFromUTF8(destination.pData, TextOf(source), size);
     destination.SetLength(static_cast<unsigned int>(TextLength(destination.pData)));
 }

@@ -9,16 +9,18 @@
 // one, so a full fixed writer may keep an escape cut short.
 template <class Writer>
 void LURIEncodeToWriterDirect(Writer& writer, char character) {
-    static const char kHex[] = "0123456789ABCDEF";
     const unsigned char c = static_cast<unsigned char>(character);
     if ((c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' ||
         c == '_' || c == '.' || c == '!' || c == '~') {
         writer.Put(character);
         return;
     }
+    // Digits computed rather than looked up: a table local to this inline function would be a
+    // unique symbol, which keeps a shared library from being unloaded.
+    const unsigned int high = c >> 4, low = c & 0x0F;
     writer.Put('%');
-    writer.Put(kHex[c >> 4]);
-    writer.Put(kHex[c & 0x0F]);
+    writer.Put(static_cast<char>(high < 10 ? '0' + high : 'A' + high - 10));
+    writer.Put(static_cast<char>(low < 10 ? '0' + low : 'A' + low - 10));
 }
 
 // URL-encodes source into destination (260 bytes: at most 259 characters, terminated).
