@@ -113,3 +113,13 @@ unsigned int LDebugCurrentThreadPort();
 // current command). destination holds at least 260 bytes; the result is cut at 259
 // characters. Returns the length the whole line would have had. Any thread.
 int LDebugGenerateXIString(char* destination, const char* first, const char* second);
+
+// Hang detection: a per-user marker file ("/var/tmp/_LTavix_rl_" and the login name) that a
+// live process creates and holds with an exclusive lock, deleted at orderly shutdown and at
+// exit. A marker found unlocked at start is the trace of a run that never reached exit; it is
+// cleared.
+class LHangDetector;
+// Creates and holds the marker, or clears a stale one (holding none then). Once, at start.
+void LDebugHangDetectorInit();
+// Closes and deletes the marker. At orderly shutdown.
+void LDebugHangDetectorDestroy();
