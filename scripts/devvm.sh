@@ -6,7 +6,8 @@
 #   scripts/devvm.sh COMMAND [ARG...]
 #
 # The guest sees the host's root read-only (the freshly built binaries and the host's libraries),
-# a tmpfs on /tmp, and one writable folder shared with the host whose path is given to the command
+# a tmpfs on /tmp, the current folder (the project, read-only, so a checkout under /tmp is seen
+# too), and one writable folder shared with the host whose path is given to the command
 # in $TAVIX_VM_SHARE. The command runs as root in that chroot; its exit status becomes this
 # script's. Exit status 77 means the VM could not be started (the reason is printed): callers
 # treat it as "skipped".
@@ -49,7 +50,8 @@ vmlinuz="$kroot/boot/vmlinuz-$version"
 [ -f "$vmlinuz" ] || skip "no kernel image in $kroot"
 
 # The initrd: static busybox, the modules 9p needs, and /init.
-if [ ! -f "$cache/initrd.gz" ]; then
+initrd="$cache/initrd-3.gz" # the number changes with /init below
+if [ ! -f "$initrd" ]; then
   work=$(mktemp -d)
   mkdir -p "$work"/{bin,modules,proc,sys,dev,host}
   cp "$busybox" "$work/bin/busybox"
@@ -73,6 +75,10 @@ for m in $(cat /modules/order); do insmod /modules/$m 2>/dev/null; done
 mount -t 9p -o trans=virtio,version=9p2000.L,ro,msize=262144 hostroot /host
 for d in dev proc sys; do mount --bind /$d /host/$d; done
 mount -t tmpfs tmp /host/tmp
+# The project folder over whatever hides it (a checkout under /tmp is under the tmpfs now).
+project=$(sed -n 's/.*tavix_project=\([^ ]*\).*/\1/p' /proc/cmdline)
+mkdir -p /host$project 2>/dev/null
+mount -t 9p -o trans=virtio,version=9p2000.L,ro,msize=262144 project /host$project
 share=$(sed -n 's/.*tavix_share=\([^ ]*\).*/\1/p' /proc/cmdline)
 mkdir -p /host$share
 mount -t 9p -o trans=virtio,version=9p2000.L,msize=262144 share /host$share
@@ -86,8 +92,8 @@ sync
 poweroff -f
 INIT
   chmod +x "$work/init"
-  (cd "$work" && find . | "$busybox" cpio -o -H newc 2>/dev/null | gzip) > "$cache/initrd.gz.tmp"
-  mv "$cache/initrd.gz.tmp" "$cache/initrd.gz"
+  (cd "$work" && find . | "$busybox" cpio -o -H newc 2>/dev/null | gzip) > "$initrd.tmp"
+  mv "$initrd.tmp" "$initrd"
   rm -rf "$work"
 fi
 flock -u 9
@@ -100,9 +106,10 @@ trap 'rm -rf "$share"' EXIT
 } > "$share/command.sh"
 
 timeout "$timeout_s" qemu-system-x86_64 -accel tcg -cpu max -m 1024 -smp 2 -nographic -no-reboot \
-  -kernel "$vmlinuz" -initrd "$cache/initrd.gz" \
-  -append "console=ttyS0 quiet panic=-1 tavix_share=$share tavix_kver=$version tavix_kroot=$kroot" \
+  -kernel "$vmlinuz" -initrd "$initrd" \
+  -append "console=ttyS0 quiet panic=-1 tavix_share=$share tavix_project=$PWD tavix_kver=$version tavix_kroot=$kroot" \
   -virtfs local,path=/,mount_tag=hostroot,security_model=none,readonly=on,multidevs=remap \
+  -virtfs local,path="$PWD",mount_tag=project,security_model=none,readonly=on,multidevs=remap \
   -virtfs local,path="$share",mount_tag=share,security_model=none,multidevs=remap \
   > "$share/console" 2>&1 || true
 
