@@ -88,6 +88,11 @@ public:
     static bool IsNetworkPath(const char* path);
     static bool IsOnAudioCD(const char* path);
 
+    // Tags a file as UTF-8 text: the extended attribute "com.apple.TextEncoding" (on Linux in
+    // the user namespace) set to "utf-8;134217984". setxattr's result: 0, or -1 where the file
+    // system keeps no user attributes.
+    static int SetFileAttributeTextEncodingUTF8(const char* path);
+
     // Opening with advisory locks standing in for share modes (see llib/unix/filehandle.h).
     // Each returns the descriptor, -1 on failure; a lock not obtained within timeoutMs does not
     // fail the open.

@@ -1,0 +1,154 @@
+// Whole text files with each byte-order mark, odd and empty files, saving, appending and the
+// UTF-8 tag, on real files.
+#include <gtest/gtest.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <string>
+
+#include "llib/gen/textfiles.h"
+
+namespace {
+
+class TextFilesTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        char pattern[] = "/tmp/tavix-textfiles-XXXXXX";
+        ASSERT_NE(nullptr, mkdtemp(pattern));
+        folder = pattern;
+    }
+    void TearDown() override { system(("rm -rf '" + folder + "'").c_str()); }
+
+    std::string Write(const std::string& name, const std::string& bytes) {
+        const std::string path = folder + "/" + name;
+        std::ofstream(path, std::ios::binary) << bytes;
+        return path;
+    }
+    static std::string Read(const std::string& path) {
+        std::ifstream file(path, std::ios::binary);
+        return std::string(std::istreambuf_iterator<char>(file), {});
+    }
+    // The text as a C string: the UTF-16 loaders leave the length field at 0 and the text is
+    // read through the buffer.
+    static std::string Text(const LStringLongTemplate<char>& text) {
+        return text.pData != nullptr ? text.pData : "";
+    }
+    std::string folder;
+};
+
+using Loader = bool (*)(const char*, LStringLongTemplate<char>&);
+
+TEST_F(TextFilesTest, EachLoaderReadsMarksItsOwnWay) {
+    const std::string bigEndian = Write("be", std::string("\xFE\xFF\x00\x41\x00\x42", 6));
+    const std::string littleEndian = Write("le", std::string("\xFF\xFE\x41\x00\x42\x00", 6));
+    const std::string utf8 = Write("u8", "\xEF\xBB\xBF"
+                                         "a");
+    const std::string markOnly = Write("mark", "\xEF\xBB\xBF");
+    const std::string plain = Write("plain", "caf\xC3\xA9");
+    LStringLongTemplate<char> text;
+
+    for (Loader load : {LLoadTextUnicode, LLoadTextAutoChar}) {
+        ASSERT_TRUE(load(bigEndian.c_str(), text));
+        EXPECT_EQ("AB", Text(text));
+        ASSERT_TRUE(load(littleEndian.c_str(), text));
+        EXPECT_EQ("AB", Text(text));
+    }
+    // Native order, mark kept: FFFE, 4100, 4200 as UTF-8.
+    ASSERT_TRUE(LLoadTextAsUTF16(bigEndian.c_str(), text));
+    EXPECT_EQ("\xEF\xBF\xBE\xE4\x84\x80\xE4\x88\x80", Text(text));
+    ASSERT_TRUE(LLoadTextAsUTF16(littleEndian.c_str(), text));
+    EXPECT_EQ("\xEF\xBB\xBF"
+              "AB",
+              Text(text))
+        << "the mark stays as U+FEFF";
+
+    ASSERT_TRUE(LLoadTextAutoChar(utf8.c_str(), text));
+    EXPECT_EQ("a", Text(text));
+    ASSERT_TRUE(LLoadText(utf8.c_str(), text));
+    EXPECT_EQ("\xEF\xBB\xBF"
+              "a",
+              Text(text));
+    ASSERT_TRUE(LLoadTextAutoChar(markOnly.c_str(), text));
+    EXPECT_EQ("", Text(text));
+    ASSERT_TRUE(LLoadTextAutoChar(plain.c_str(), text));
+    EXPECT_EQ("caf\xC3\xA9", Text(text)) << "no mark: the bytes as they are";
+}
+
+TEST_F(TextFilesTest, EmptyOddAndMissingFiles) {
+    const std::string empty = Write("empty", "");
+    const std::string single = Write("single", "x");
+    const std::string odd = Write("odd", std::string("\xFE\xFF\x00\x41\x00", 5));
+    LStringLongTemplate<char> text;
+    for (Loader load : {LLoadText, LLoadTextUnicode, LLoadTextAsUTF16, LLoadTextAutoChar}) {
+        ASSERT_TRUE(load(empty.c_str(), text));
+        EXPECT_EQ("", Text(text));
+    }
+    ASSERT_TRUE(LLoadTextUnicode(single.c_str(), text));
+    EXPECT_EQ("", Text(text));
+    ASSERT_TRUE(LLoadTextUnicode(odd.c_str(), text));
+    EXPECT_EQ("A", Text(text)) << "an odd last byte is ignored";
+    ASSERT_TRUE(LLoadTextAutoChar(odd.c_str(), text));
+    EXPECT_EQ("A", Text(text)) << "the odd byte pairs with a zero: U+0000 ends the text";
+
+    text.SetLength(0);
+    LSaveText((folder + "/keep").c_str(), "kept");
+    ASSERT_TRUE(LLoadText((folder + "/keep").c_str(), text));
+    for (Loader load : {LLoadText, LLoadTextUnicode, LLoadTextAsUTF16, LLoadTextAutoChar}) {
+        EXPECT_FALSE(load((folder + "/missing").c_str(), text));
+        EXPECT_EQ("kept", Text(text)) << "untouched on failure";
+        EXPECT_FALSE(load(std::string(10000, 'p').c_str(), text));
+    }
+}
+
+TEST_F(TextFilesTest, SavingAppendingAndTheUtf8Tag) {
+    const std::string path = folder + "/saved.txt";
+    const int tagged = LSaveText(path.c_str(), "first");
+    EXPECT_EQ("first", Read(path));
+    LStringLongTemplate<char> more;
+    more.GrowToSize(8);
+    strcpy(more.pData, " second");
+    more.nLength = 7;
+    LSaveAppendText(path.c_str(), more);
+    EXPECT_EQ("first second", Read(path));
+    LSaveText(path.c_str(), more);
+    EXPECT_EQ(" second", Read(path)) << "saving replaces";
+
+    const std::string created = folder + "/appended";
+    LSaveAppendText(created.c_str(), "new");
+    EXPECT_EQ("new", Read(created)) << "appending creates a missing file";
+
+    char value[64] = {};
+    const ssize_t got = getxattr(path.c_str(), "user.com.apple.TextEncoding", value, sizeof value);
+    if (tagged == 0) {
+        EXPECT_EQ("utf-8;134217984", std::string(value, got > 0 ? got : 0));
+    } else {
+        EXPECT_EQ(-1, got) << "a file system without user attributes: the tag fails";
+    }
+    EXPECT_NE(0, LSaveText((folder + "/no/such/folder.txt").c_str(), "x")) << "nothing to tag";
+}
+
+TEST_F(TextFilesTest, Utf16WithAMarkRoundTrips) {
+    const std::string path = folder + "/unicode.txt";
+    LStringLongTemplate<char> text;
+    text.GrowToSize(8);
+    strcpy(text.pData, "abc");
+    text.nLength = 3;
+    LSaveTextAsUnicodeBOM(path.c_str(), text);
+    EXPECT_EQ(std::string("\xFF\xFE"
+                          "a\0b\0c\0",
+                          8),
+              Read(path));
+
+    const std::string mixed = "gr\xC3\xBC\xC3\x9F\xE6\x97\xA5";
+    text.GrowToSize(static_cast<unsigned int>(mixed.size() + 1));
+    strcpy(text.pData, mixed.c_str());
+    text.nLength = static_cast<unsigned int>(mixed.size());
+    LSaveTextAsUnicodeBOM(path.c_str(), text);
+    LStringLongTemplate<char> loaded;
+    ASSERT_TRUE(LLoadTextAutoChar(path.c_str(), loaded));
+    EXPECT_EQ(mixed, Text(loaded));
+}
+
+} // namespace
