@@ -42,13 +42,31 @@ bool RunCommandLineProcess(const char* command) {
     return (status >> 8) == 0;
 }
 
+namespace {
+
+// popen in the given mode into stream and fd; the descriptor is kept from later children.
+bool OpenPipe(const char* command, const char* mode, FILE*& stream, int& fd) {
+    stream = command != nullptr ? popen(command, mode) : nullptr;
+    fd = stream != nullptr ? fileno(stream) : -1;
+    if (fd >= 0)
+        CloseOnExec(fd);
+    return stream != nullptr;
+}
+
+int ClosePipe(FILE*& stream, int& fd) {
+    if (stream == nullptr)
+        return -1;
+    const int status = pclose(stream);
+    stream = nullptr;
+    fd = -1;
+    return status;
+}
+
+} // namespace
+
 bool LPipeIn::_Open(const char* command) {
     Close();
-    pStream = command != nullptr ? popen(command, "r") : nullptr;
-    hFile = pStream != nullptr ? fileno(pStream) : -1;
-    if (hFile >= 0)
-        CloseOnExec(hFile);
-    return pStream != nullptr;
+    return OpenPipe(command, "r", pStream, hFile);
 }
 
 size_t LPipeIn::Read(void* buffer, size_t size) {
@@ -56,21 +74,12 @@ size_t LPipeIn::Read(void* buffer, size_t size) {
 }
 
 int LPipeIn::Close() {
-    if (pStream == nullptr)
-        return -1;
-    const int status = pclose(pStream);
-    pStream = nullptr;
-    hFile = -1;
-    return status;
+    return ClosePipe(pStream, hFile);
 }
 
 bool LPipeOut::_Open(const char* command) {
     Close();
-    pStream = command != nullptr ? popen(command, "w") : nullptr;
-    hFile = pStream != nullptr ? fileno(pStream) : -1;
-    if (hFile >= 0)
-        CloseOnExec(hFile);
-    return pStream != nullptr;
+    return OpenPipe(command, "w", pStream, hFile);
 }
 
 bool LPipeOut::Write(const void* data, size_t size) {
@@ -78,12 +87,7 @@ bool LPipeOut::Write(const void* data, size_t size) {
 }
 
 int LPipeOut::Close() {
-    if (pStream == nullptr)
-        return -1;
-    const int status = pclose(pStream);
-    pStream = nullptr;
-    hFile = -1;
-    return status;
+    return ClosePipe(pStream, hFile);
 }
 
 bool LPipeInOut::_Open(const char* command, unsigned long, unsigned long) {
