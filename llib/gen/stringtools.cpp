@@ -4,7 +4,7 @@
 #include <cstring>
 
 // What the engine does with each conversion it meets after a '%' and an optional run of digits
-// and points (kept, at most 257 of them, in a specification such as "%05.2"):
+// and points (kept, at most 257 of them, in a directive such as "%05.2"):
 //   s                 puts the text, character by character; null or empty puts nothing; the
 //                     digits are ignored (no width, no precision).
 //   %                 puts one '%'.
@@ -15,21 +15,21 @@
 // Outside that syntax, formats are meant not to go; the engine still gives each a defined
 // result, reading exactly the arguments the C library would, so later conversions stay right:
 //   - flags '-', '+', ' ', '#' and a '*' width or precision (its int argument is read) are
-//     kept in the specification and passed to the C library;
+//     kept in the directive and passed to the C library;
 //   - length modifiers h, hh, l, ll, L, q, j, z, t read an argument of that width;
 //   - E, F, G, a, A format a double;
 //   - n reads its pointer argument and stores nothing;
-//   - any other conversion character reads an int, as the original engine did, and puts the
-//     specification as written ("%y" puts "%y").
-// A format that ends inside a specification ("abc%", "%12", "%l") stops there and puts nothing
-// for the unfinished specification. One numeric conversion never puts more than 259 characters:
+//   - any other conversion character reads an int, so the arguments after it stay in step, and
+//     puts the directive as written ("%y" puts "%y").
+// A format that ends inside a directive ("abc%", "%12", "%l") stops there and puts nothing for
+// the unfinished directive. One numeric conversion never puts more than 259 characters:
 // the C library formats it bounded into the 260-character temporary, so a width or precision
 // such as %500d or %.400f is cut at 259 characters, and one the C library refuses puts nothing.
 
 namespace {
 
 constexpr size_t kTemporarySize = 260;
-constexpr size_t kMaxSpecificationDigits = 257;
+constexpr size_t kMaxDirectiveDigits = 257;
 
 enum class Length { None, Char, Short, Long, LongLong, LongDouble, IntMax, Size, PtrDiff };
 
@@ -96,22 +96,22 @@ unsigned long tplprintf(Writer& writer, const T* format, va_list arguments) {
             break;
         ++p; // past '%'
 
-        // The specification: '%', then flags, digits and points, '*' values, as written.
-        char specification[kTemporarySize + 32];
+        // The directive: '%', then flags, digits and points, '*' values, as written.
+        char directive[kTemporarySize + 32];
         size_t used = 0;
-        specification[used++] = '%';
+        directive[used++] = '%';
         size_t digits = 0;
         while (*p != 0 && ((*p >= '0' && *p <= '9') || *p == '.' || IsFlag(static_cast<char>(*p)) ||
                            *p == '*')) {
             if (*p == '*') {
-                // The value is written into the specification, bounded like the digits.
+                // The value is written into the directive, bounded like the digits.
                 const int value = va_arg(args, int);
                 char number[16];
                 const int n = snprintf(number, sizeof number, "%d", value);
-                for (int i = 0; i < n && digits < kMaxSpecificationDigits; ++i, ++digits)
-                    specification[used++] = number[i];
-            } else if (digits < kMaxSpecificationDigits) {
-                specification[used++] = static_cast<char>(*p);
+                for (int i = 0; i < n && digits < kMaxDirectiveDigits; ++i, ++digits)
+                    directive[used++] = number[i];
+            } else if (digits < kMaxDirectiveDigits) {
+                directive[used++] = static_cast<char>(*p);
                 ++digits;
             }
             ++p;
@@ -119,10 +119,10 @@ unsigned long tplprintf(Writer& writer, const T* format, va_list arguments) {
         Length length;
         const int lengthCharacters = ReadLength(reinterpret_cast<const char*>(p), length);
         for (int i = 0; i < lengthCharacters; ++i)
-            specification[used++] = static_cast<char>(*p++);
+            directive[used++] = static_cast<char>(*p++);
         const T conversion = *p;
         if (conversion == 0)
-            break; // the format ended inside the specification
+            break; // the format ended inside the directive
         ++p;
 
         char temporary[kTemporarySize];
@@ -143,8 +143,8 @@ unsigned long tplprintf(Writer& writer, const T* format, va_list arguments) {
         default:
             break;
         }
-        specification[used++] = static_cast<char>(conversion);
-        specification[used] = 0;
+        directive[used++] = static_cast<char>(conversion);
+        directive[used] = 0;
         switch (conversion) {
         case 'e':
         case 'f':
@@ -156,13 +156,12 @@ unsigned long tplprintf(Writer& writer, const T* format, va_list arguments) {
         case 'A':
             if (length == Length::LongDouble)
                 produced =
-                    snprintf(temporary, sizeof temporary, specification, va_arg(args, long double));
+                    snprintf(temporary, sizeof temporary, directive, va_arg(args, long double));
             else
-                produced =
-                    snprintf(temporary, sizeof temporary, specification, va_arg(args, double));
+                produced = snprintf(temporary, sizeof temporary, directive, va_arg(args, double));
             break;
         case 'p':
-            produced = snprintf(temporary, sizeof temporary, specification, va_arg(args, void*));
+            produced = snprintf(temporary, sizeof temporary, directive, va_arg(args, void*));
             break;
         case 'd':
         case 'i':
@@ -173,7 +172,7 @@ unsigned long tplprintf(Writer& writer, const T* format, va_list arguments) {
         case 'c':
             switch (length) {
             case Length::Long:
-                produced = snprintf(temporary, sizeof temporary, specification, va_arg(args, long));
+                produced = snprintf(temporary, sizeof temporary, directive, va_arg(args, long));
                 break;
             case Length::LongLong:
             case Length::IntMax:
@@ -181,11 +180,11 @@ unsigned long tplprintf(Writer& writer, const T* format, va_list arguments) {
             case Length::PtrDiff:
                 // All 64-bit here; read as long long and print with the same modifier.
                 produced =
-                    snprintf(temporary, sizeof temporary, specification, va_arg(args, long long));
+                    snprintf(temporary, sizeof temporary, directive, va_arg(args, long long));
                 break;
             default:
                 // int, and the promoted short and char.
-                produced = snprintf(temporary, sizeof temporary, specification, va_arg(args, int));
+                produced = snprintf(temporary, sizeof temporary, directive, va_arg(args, int));
                 break;
             }
             // A %c of 0 stops at the temporary's terminator, as the original engine did.
@@ -193,10 +192,10 @@ unsigned long tplprintf(Writer& writer, const T* format, va_list arguments) {
                 produced = 0;
             break;
         default:
-            // Unknown conversion: read its int argument, put the specification as written.
+            // Unknown conversion: read its int argument, put the directive as written.
             (void)va_arg(args, int);
             produced = static_cast<int>(used);
-            memcpy(temporary, specification, used < kTemporarySize ? used : kTemporarySize - 1);
+            memcpy(temporary, directive, used < kTemporarySize ? used : kTemporarySize - 1);
             break;
         }
         PutText(writer, temporary, produced);

@@ -1,5 +1,5 @@
 // A virtual capture device: pictures from the test pattern, sound from a sine, timecode from a
-// tape transport, each as its specification says, paced by the clock unless unthrottled.
+// tape transport, each as its DeviceSpec describes it, paced by the clock unless unthrottled.
 #pragma once
 
 #include <atomic>
