@@ -4,30 +4,7 @@
 
 #include "fuzz_input.h"
 #include "llib/gen/file.h"
-
-namespace {
-
-bool ReferenceMatch(const char* p, const char* n) {
-    if (*p == 0)
-        return *n == 0;
-    if (*n == 0) {
-        while (*p == '*')
-            ++p;
-        return *p == 0;
-    }
-    if (*p == *n || *p == '?')
-        return ReferenceMatch(p + 1, n + 1);
-    if (*p != '*')
-        return false;
-    if (p[1] == 0)
-        return true;
-    for (; *n != 0; ++n)
-        if (ReferenceMatch(p + 1, n))
-            return true;
-    return false;
-}
-
-} // namespace
+#include "reference_match.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     FuzzInput input(data, size);

@@ -10,6 +10,24 @@ TavixDevice TavixDevices[kTavixDeviceCount];
 
 namespace {
 
+// Takes a part out of the session (when there is one) and releases the slot's reference.
+void RemoveInput(QTCaptureSession* session, QTCaptureDeviceInput*& input) {
+    if (input == nullptr)
+        return;
+    if (session != nullptr)
+        session->removeInput(input);
+    NSReleaseIfSet(input);
+}
+
+template <class Output>
+void RemoveOutput(QTCaptureSession* session, Output*& output) {
+    if (output == nullptr)
+        return;
+    if (session != nullptr)
+        session->removeOutput(output);
+    NSReleaseIfSet(output);
+}
+
 bool EqualIgnoringASCIICase(const char* a, const char* b) {
     for (;; ++a, ++b) {
         unsigned char x = static_cast<unsigned char>(*a), y = static_cast<unsigned char>(*b);
@@ -248,14 +266,8 @@ void TavixDevice::CreateAudioDevice(const char* name) {
     if (szAudioDeviceName[0] != 0) {
         if (pSession != nullptr)
             pSession->stopRunning();
-        if (pAudioDeviceInput != nullptr) {
-            pSession->removeInput(pAudioDeviceInput);
-            NSReleaseIfSet(pAudioDeviceInput);
-        }
-        if (pAudioOutput != nullptr) {
-            pSession->removeOutput(pAudioOutput);
-            NSReleaseIfSet(pAudioOutput);
-        }
+        RemoveInput(pSession, pAudioDeviceInput);
+        RemoveOutput(pSession, pAudioOutput);
         NSReleaseIfSet(pAudioDelegate);
         NSReleaseIfSet(pAudioDevice);
     }
@@ -275,14 +287,8 @@ bool TavixDevice::CloseAudioDevice() {
         if (pSession->isRunning())
             return false;
     }
-    if (pAudioDeviceInput != nullptr) {
-        pSession->removeInput(pAudioDeviceInput);
-        NSReleaseIfSet(pAudioDeviceInput);
-    }
-    if (pAudioOutput != nullptr) {
-        pSession->removeOutput(pAudioOutput);
-        NSReleaseIfSet(pAudioOutput);
-    }
+    RemoveInput(pSession, pAudioDeviceInput);
+    RemoveOutput(pSession, pAudioOutput);
     NSReleaseIfSet(pAudioDelegate);
     if (pAudioDevice == nullptr)
         return false;
@@ -408,28 +414,13 @@ void TavixDevice::TearDownSession() {
         pAudioOutput->setDelegate(nullptr);
     if (pSession->isRunning())
         pSession->stopRunning();
-    if (pDeviceInput != nullptr) {
-        pSession->removeInput(pDeviceInput);
-        NSReleaseIfSet(pDeviceInput);
-    }
-    if (pAudioDeviceInput != nullptr) {
-        pSession->removeInput(pAudioDeviceInput);
-        NSReleaseIfSet(pAudioDeviceInput);
-    }
-    if (pVideoOutput != nullptr) {
-        pSession->removeOutput(pVideoOutput);
-        NSReleaseIfSet(pVideoOutput);
-    }
+    RemoveInput(pSession, pDeviceInput);
+    RemoveInput(pSession, pAudioDeviceInput);
+    RemoveOutput(pSession, pVideoOutput);
     NSReleaseIfSet(pVideoDelegate);
-    if (pAudioOutput != nullptr) {
-        pSession->removeOutput(pAudioOutput);
-        NSReleaseIfSet(pAudioOutput);
-    }
+    RemoveOutput(pSession, pAudioOutput);
     NSReleaseIfSet(pAudioDelegate);
-    if (pMovieFileOutput != nullptr) {
-        pSession->removeOutput(pMovieFileOutput);
-        NSReleaseIfSet(pMovieFileOutput);
-    }
+    RemoveOutput(pSession, pMovieFileOutput);
     NSReleaseIfSet(pSession);
 }
 
@@ -442,10 +433,7 @@ bool TavixDevice::StopRecording() {
         pAudioOutput->setDelegate(nullptr);
     NSReleaseIfSet(pVideoDelegate);
     NSReleaseIfSet(pAudioDelegate);
-    if (pMovieFileOutput != nullptr) {
-        pSession->removeOutput(pMovieFileOutput);
-        NSReleaseIfSet(pMovieFileOutput);
-    }
+    RemoveOutput(pSession, pMovieFileOutput);
     return true;
 }
 

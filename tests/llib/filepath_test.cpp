@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "fuzz/reference_match.h"
+
 namespace {
 
 // A 260-byte path buffer followed by guard bytes.
@@ -53,27 +55,6 @@ std::string FromAbsolute(const std::string& base, const std::string& path, bool*
         EXPECT_TRUE(result);
     EXPECT_TRUE(out.GuardIntact());
     return out.str();
-}
-
-// The matcher as its rules are stated, trying every split of every star.
-bool ReferenceMatch(const char* p, const char* n) {
-    if (*p == 0)
-        return *n == 0;
-    if (*n == 0) {
-        while (*p == '*')
-            ++p;
-        return *p == 0;
-    }
-    if (*p == *n || *p == '?')
-        return ReferenceMatch(p + 1, n + 1);
-    if (*p != '*')
-        return false;
-    if (p[1] == 0)
-        return true;
-    for (; *n != 0; ++n)
-        if (ReferenceMatch(p + 1, n))
-            return true;
-    return false;
 }
 
 // Every text of length up to maxLength over the alphabet.
