@@ -1,7 +1,6 @@
 // The V4L2 camera code: size and rate negotiation and naming everywhere; streaming, sharing and
 // unplugging against a real driver where one exists (vivid, inside scripts/devvm.sh).
 #include "platform/devices/v4l2/v4l2negotiation.h"
-#include "support/vivid.h"
 
 #include <gtest/gtest.h>
 
@@ -162,30 +161,25 @@ V4L2DeviceInfo FindCamera(uint32_t fourcc) {
         GTEST_SKIP() << "no V4L2 capture device offering this format (scripts/devvm.sh has one)";  \
     }
 
-// Captures `count` frames at the given format and checks their geometry and order.
-void CaptureFrames(const std::string& path, uint32_t fourcc, uint32_t width, uint32_t height,
-                   size_t minimumBytes, int count) {
+// Frames come in order, and one held across the end of streaming still reads the mapped memory
+// (the no-copy path lends the driver's buffers to hosts). The C interface's tests cover formats,
+// sizes, sharing and unplugging.
+TEST(V4L2Streaming, FramesComeInOrderAndAHeldFrameOutlivesTheStream) {
+    REQUIRE_CAMERA(info, V4L2_PIX_FMT_YUYV);
     V4L2Camera camera;
-    ASSERT_EQ(V4L2Camera::Status::Ok, camera.open(path));
-    ASSERT_EQ(V4L2Camera::Status::Ok, camera.setFormat(fourcc, width, height, {1, 30}));
-    EXPECT_EQ(fourcc, camera.format().fourcc);
-    EXPECT_EQ(width, camera.format().width);
-    EXPECT_EQ(height, camera.format().height);
+    ASSERT_EQ(V4L2Camera::Status::Ok, camera.open(info.path));
+    ASSERT_EQ(V4L2Camera::Status::Ok, camera.setFormat(V4L2_PIX_FMT_YUYV, 320, 180, {1, 30}));
     ASSERT_EQ(V4L2Camera::Status::Ok, camera.start(6));
     V4L2Frame frame;
     uint32_t lastSequence = 0;
-    double lastTime = 0;
-    for (int i = 0; i < count; ++i) {
+    for (int i = 0; i < 5; ++i) {
         ASSERT_EQ(V4L2Camera::Wait::Frame, camera.waitFrame(5000, frame)) << "frame " << i;
-        EXPECT_GE(frame.bytesUsed, minimumBytes);
+        EXPECT_GE(frame.bytesUsed, 320u * 180 * 2);
         if (i > 0) {
             EXPECT_GT(frame.sequence, lastSequence);
-            EXPECT_GT(frame.timestamp, lastTime);
         }
         lastSequence = frame.sequence;
-        lastTime = frame.timestamp;
     }
-    // A frame held across the end of streaming still reads the mapped memory.
     V4L2Frame held = frame;
     frame = V4L2Frame();
     camera.stop();
@@ -195,71 +189,6 @@ void CaptureFrames(const std::string& path, uint32_t fourcc, uint32_t width, uin
     held.requeue();
     camera.close();
     (void)sum;
-}
-
-TEST(V4L2Streaming, CapturesYuyvAndNv12AtTwoSizes) {
-    REQUIRE_CAMERA(yuyv, V4L2_PIX_FMT_YUYV);
-    CaptureFrames(yuyv.path, V4L2_PIX_FMT_YUYV, 320, 180, 320 * 180 * 2, 6);
-    CaptureFrames(yuyv.path, V4L2_PIX_FMT_YUYV, 640, 360, 640 * 360 * 2, 4);
-    REQUIRE_CAMERA(nv12, V4L2_PIX_FMT_NV12);
-    CaptureFrames(nv12.path, V4L2_PIX_FMT_NV12, 320, 180, 320 * 180 * 3 / 2, 6);
-    CaptureFrames(nv12.path, V4L2_PIX_FMT_NV12, 640, 360, 640 * 360 * 3 / 2, 4);
-}
-
-TEST(V4L2Streaming, FormatsComeFromTheDriversEnumeration) {
-    REQUIRE_CAMERA(camera, V4L2_PIX_FMT_YUYV);
-    for (const V4L2Format& format : camera.formats) {
-        EXPECT_FALSE(format.sizes.empty()) << format.description;
-        for (size_t i = 1; i < format.sizes.size(); ++i)
-            EXPECT_GE(uint64_t(format.sizes[i - 1].width) * format.sizes[i - 1].height,
-                      uint64_t(format.sizes[i].width) * format.sizes[i].height);
-        for (const V4L2FrameSize& size : format.sizes)
-            for (size_t i = 1; i < size.intervals.size(); ++i)
-                EXPECT_GE(size.intervals[i - 1].framesPerSecond(),
-                          size.intervals[i].framesPerSecond());
-    }
-}
-
-TEST(V4L2Streaming, SecondHandleFindsTheDeviceInUse) {
-    REQUIRE_CAMERA(info, V4L2_PIX_FMT_YUYV);
-    EXPECT_FALSE(V4L2IsInUse(info.path));
-    V4L2Camera owner;
-    ASSERT_EQ(V4L2Camera::Status::Ok, owner.open(info.path));
-    ASSERT_EQ(V4L2Camera::Status::Ok, owner.setFormat(V4L2_PIX_FMT_YUYV, 320, 180, {}));
-    ASSERT_EQ(V4L2Camera::Status::Ok, owner.start(4));
-    EXPECT_TRUE(V4L2IsInUse(info.path));
-    V4L2Camera other;
-    ASSERT_EQ(V4L2Camera::Status::Ok, other.open(info.path));
-    EXPECT_EQ(V4L2Camera::Status::Busy, other.setFormat(V4L2_PIX_FMT_NV12, 640, 360, {}));
-    EXPECT_EQ(V4L2Camera::Status::Busy, other.start(4));
-    other.close();
-    owner.close();
-    EXPECT_FALSE(V4L2IsInUse(info.path));
-}
-
-TEST(V4L2Streaming, UnpluggedDeviceStopsFramesWithoutHanging) {
-    REQUIRE_CAMERA(info, V4L2_PIX_FMT_YUYV);
-    V4L2Camera camera;
-    ASSERT_EQ(V4L2Camera::Status::Ok, camera.open(info.path));
-    ASSERT_EQ(V4L2Camera::Status::Ok, camera.setFormat(V4L2_PIX_FMT_YUYV, 320, 180, {}));
-    ASSERT_EQ(V4L2Camera::Status::Ok, camera.start(4));
-    V4L2Frame frame;
-    ASSERT_EQ(V4L2Camera::Wait::Frame, camera.waitFrame(5000, frame));
-    if (!PressButton(camera.descriptor(), "Disconnect"))
-        GTEST_SKIP() << "the driver cannot simulate an unplug";
-    V4L2Camera::Wait result = V4L2Camera::Wait::Frame;
-    for (int i = 0; i < 10 && result == V4L2Camera::Wait::Frame; ++i)
-        result = camera.waitFrame(5000, frame);
-    EXPECT_EQ(V4L2Camera::Wait::Gone, result);
-    EXPECT_TRUE(camera.isGone());
-    EXPECT_EQ(V4L2Camera::Wait::Gone, camera.waitFrame(5000, frame));
-    // While unplugged the node is neither listed nor found.
-    for (const V4L2DeviceInfo& device : V4L2ListDevices())
-        EXPECT_NE(info.path, device.path);
-    EXPECT_EQ("", V4L2FindNode(info.uniqueId));
-    camera.close();
-    // vivid comes back once the last handle is closed.
-    EXPECT_EQ(info.path, V4L2FindNode(info.uniqueId));
 }
 
 } // namespace

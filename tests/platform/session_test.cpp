@@ -101,61 +101,6 @@ TEST_F(SessionTest, BuiltInDevicesAreListedLastWithStableIds) {
     EXPECT_EQ(nullptr, NSClassFromString("QTNoSuchThing"));
 }
 
-TEST_F(SessionTest, DeliversTheDevicesOwnBufferWhenNothingIsAsked) {
-    QTCaptureDevice* camera = FindDevice(virtualdevices::kTestCameraName);
-    ASSERT_TRUE(camera->open(nullptr));
-    auto* session = new QTCaptureSession;
-    auto* input = new QTCaptureDeviceInput(camera);
-    ASSERT_TRUE(session->addInput(input, nullptr));
-    auto* output = new QTCaptureDecompressedVideoOutput;
-    auto* delegate = new FrameCounter;
-    output->setDelegate(delegate);
-    ASSERT_TRUE(session->addOutput(output, nullptr));
-    session->startRunning();
-    EXPECT_TRUE(WaitFor([&] { return delegate->frames >= 3; }));
-    session->stopRunning();
-    EXPECT_EQ(kCVPixelFormatType_422YpCbCr8, delegate->format.load());
-    EXPECT_EQ(1280u, delegate->width.load());
-    EXPECT_EQ(720u, delegate->height.load());
-    output->setDelegate(nullptr);
-    session->release();
-    output->release();
-    input->release();
-    delegate->release();
-    camera->close();
-}
-
-TEST_F(SessionTest, ConvertsAndScalesWhenAttributesAskForIt) {
-    QTCaptureDevice* camera = FindDevice(virtualdevices::kTestCameraName);
-    ASSERT_TRUE(camera->open(nullptr));
-    auto* session = new QTCaptureSession;
-    auto* input = new QTCaptureDeviceInput(camera);
-    ASSERT_TRUE(session->addInput(input, nullptr));
-    auto* output = new QTCaptureDecompressedVideoOutput;
-    auto* attributes = new NSMutableDictionary;
-    attributes->setObject(NSNumber::numberWithUnsignedInt(kCVPixelFormatType_32BGRA),
-                          kCVPixelBufferPixelFormatTypeKey);
-    attributes->setObject(NSNumber::numberWithDouble(400), kCVPixelBufferWidthKey);
-    attributes->setObject(NSNumber::numberWithDouble(300), kCVPixelBufferHeightKey);
-    output->setPixelBufferAttributes(attributes);
-    attributes->release();
-    auto* delegate = new FrameCounter;
-    output->setDelegate(delegate);
-    ASSERT_TRUE(session->addOutput(output, nullptr));
-    session->startRunning();
-    EXPECT_TRUE(WaitFor([&] { return delegate->frames >= 3; }));
-    session->stopRunning();
-    EXPECT_EQ(kCVPixelFormatType_32BGRA, delegate->format.load());
-    EXPECT_EQ(400u, delegate->width.load());
-    EXPECT_EQ(300u, delegate->height.load());
-    output->setDelegate(nullptr);
-    session->release();
-    output->release();
-    input->release();
-    delegate->release();
-    camera->close();
-}
-
 TEST_F(SessionTest, NoDelegateCallAfterStopOrAfterTheDelegateIsCleared) {
     virtualdevices::SetUnthrottled(true);
     QTCaptureDevice* camera = FindDevice(virtualdevices::kTestCameraName);
