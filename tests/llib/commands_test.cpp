@@ -10,26 +10,20 @@
 #include <fstream>
 #include <string>
 
+#include "support/tempfolder.h"
 #include "llib/unix/commands.h"
 
 namespace {
 
 class CommandsTest : public ::testing::Test {
 protected:
-    void SetUp() override {
-        char pattern[] = "/tmp/tavix-commands-XXXXXX";
-        ASSERT_NE(nullptr, mkdtemp(pattern));
-        folder = pattern;
-    }
-    void TearDown() override {
-        gLPrivilegeLauncher = "pkexec";
-        RunCommandLineProcess(("rm -rf '" + folder + "'").c_str());
-    }
+    void TearDown() override { gLPrivilegeLauncher = "pkexec"; }
     std::string Read(const std::string& path) {
         std::ifstream file(path);
         return std::string(std::istreambuf_iterator<char>(file), {});
     }
-    std::string folder;
+    TempFolder temp{"tavix-commands"};
+    std::string folder = temp.path;
 };
 
 TEST_F(CommandsTest, ACommandSucceedsOnlyWithExitStatusZero) {

@@ -1,3 +1,4 @@
+#include "support/tempfolder.h"
 #include "llib/unix/filehandle.h"
 
 #include <atomic>
@@ -28,15 +29,6 @@ long MillisecondsSince(Clock::time_point begin) {
 // A fresh folder under /tmp for each test, removed afterwards.
 class Files : public ::testing::Test {
 protected:
-    void SetUp() override {
-        char pattern[] = "/tmp/tavix_files_XXXXXX";
-        ASSERT_NE(nullptr, mkdtemp(pattern));
-        folder = pattern;
-    }
-    void TearDown() override {
-        const std::string command = "rm -rf '" + folder + "'";
-        EXPECT_EQ(0, system(command.c_str()));
-    }
     std::string Path(const char* name) const { return folder + "/" + name; }
     void Write(const std::string& path, const std::string& bytes) const {
         FILE* file = fopen(path.c_str(), "wb");
@@ -57,7 +49,8 @@ protected:
         return bytes;
     }
 
-    std::string folder;
+    TempFolder temp{"tavix-files"};
+    std::string folder = temp.path;
 };
 
 // Another process that opens a file and holds a flock lock on it until destroyed.

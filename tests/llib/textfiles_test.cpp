@@ -8,19 +8,13 @@
 #include <fstream>
 #include <string>
 
+#include "support/tempfolder.h"
 #include "llib/gen/textfiles.h"
 
 namespace {
 
 class TextFilesTest : public ::testing::Test {
 protected:
-    void SetUp() override {
-        char pattern[] = "/tmp/tavix-textfiles-XXXXXX";
-        ASSERT_NE(nullptr, mkdtemp(pattern));
-        folder = pattern;
-    }
-    void TearDown() override { system(("rm -rf '" + folder + "'").c_str()); }
-
     std::string Write(const std::string& name, const std::string& bytes) {
         const std::string path = folder + "/" + name;
         std::ofstream(path, std::ios::binary) << bytes;
@@ -35,7 +29,8 @@ protected:
     static std::string Text(const LStringLongTemplate<char>& text) {
         return text.pData != nullptr ? text.pData : "";
     }
-    std::string folder;
+    TempFolder temp{"tavix-textfiles"};
+    std::string folder = temp.path;
 };
 
 using Loader = bool (*)(const char*, LStringLongTemplate<char>&);

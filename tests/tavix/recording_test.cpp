@@ -8,6 +8,7 @@
 #include <thread>
 
 #include "platform/virtualdevices.h"
+#include "support/tempfolder.h"
 #include "support/ffprobe.h"
 #include "support/tavix_helpers.h"
 
@@ -18,15 +19,8 @@ protected:
     void SetUp() override {
         if (!HaveFFprobe())
             GTEST_SKIP() << "ffprobe is not installed (scripts/install-deps.sh installs it)";
-        char pattern[] = "/tmp/tavix-recording-XXXXXX";
-        ASSERT_NE(nullptr, mkdtemp(pattern));
-        folder = pattern;
     }
-    void TearDown() override {
-        virtualdevices::Reset();
-        if (!folder.empty())
-            system(("rm -rf '" + folder + "'").c_str());
-    }
+    void TearDown() override { virtualdevices::Reset(); }
 
     // Opens the test camera and starts it with the test microphone, recording into path.
     unsigned long StartCameraRecording(const std::string& path, CallbackLog& log) {
@@ -39,7 +33,8 @@ protected:
         return camera;
     }
 
-    std::string folder;
+    TempFolder temp{"tavix-recording"};
+    std::string folder = temp.path;
 };
 
 // Pictures and sound, stopped after `seconds`; the file matches what the callbacks received.

@@ -11,6 +11,7 @@
 #include <string>
 #include <thread>
 
+#include "support/tempfolder.h"
 #include "support/ffprobe.h"
 
 namespace {
@@ -42,13 +43,8 @@ bool Contains(const std::string& text, const std::string& part) {
 
 class TavixCommand : public ::testing::Test {
 protected:
-    void SetUp() override {
-        char pattern[] = "/tmp/tavix-tool-XXXXXX";
-        ASSERT_NE(nullptr, mkdtemp(pattern));
-        folder = pattern;
-    }
-    void TearDown() override { system(("rm -rf '" + folder + "'").c_str()); }
-    std::string folder;
+    TempFolder temp{"tavix-tool"};
+    std::string folder = temp.path;
 };
 
 TEST_F(TavixCommand, ListsDevicesAndFormats) {
