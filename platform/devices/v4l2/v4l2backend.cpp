@@ -6,6 +6,7 @@
 #include <linux/videodev2.h>
 
 #include <algorithm>
+#include <map>
 #include <mutex>
 
 #include "platform/devices/v4l2/mjpegdecoder.h"
@@ -231,15 +232,29 @@ public:
     explicit V4L2Backend(std::string folder) : folder(std::move(folder)) {}
     const char* Name() const override { return "v4l2"; }
 
+    // Every look-up of a device by name lists the devices; a camera's formats (a few hundred
+    // ioctls) are asked once per camera and kept, since they do not change while it is there.
     std::vector<std::shared_ptr<platform::BackendDevice>> Enumerate() override {
         std::vector<std::shared_ptr<platform::BackendDevice>> devices;
-        for (V4L2DeviceInfo& info : V4L2ListDevices(folder))
+        std::lock_guard<std::mutex> locked(mutex);
+        for (V4L2DeviceInfo& info : V4L2ListDevices(folder, false)) {
+            auto known = formats.find(info.uniqueId);
+            if (known == formats.end()) {
+                V4L2DeviceInfo full;
+                if (!V4L2QueryDevice(info.path, full, true))
+                    continue; // gone or busy meanwhile
+                known = formats.emplace(info.uniqueId, std::move(full.formats)).first;
+            }
+            info.formats = known->second;
             devices.push_back(std::make_shared<V4L2Device>(std::move(info)));
+        }
         return devices;
     }
 
 private:
     std::string folder;
+    std::mutex mutex;
+    std::map<std::string, std::vector<V4L2Format>> formats; // by unique id
 };
 
 } // namespace
