@@ -8,6 +8,8 @@
 // not touch the file system (except the two volume queries) and allocate nothing. Any thread.
 #pragma once
 
+#include <dirent.h>
+
 class LFile {
 public:
     // Splitting. /a/b/c.txt: folder /a/b, base folder /a, file c.txt, name c, extension .txt.
@@ -92,6 +94,95 @@ public:
     // the user namespace) set to "utf-8;134217984". setxattr's result: 0, or -1 where the file
     // system keeps no user attributes.
     static int SetFileAttributeTextEncodingUTF8(const char* path);
+
+    // Folders. A folder's entries are read in the order the file system gives them.
+    //
+    // Iterates the entries of one folder whose names match a wildcard pattern (IsMatchInsensitive).
+    // Names that begin with '.' (hidden files, "." and "..") are never returned. The usual loop:
+    // open, then while szName() is not empty use the entry and call Next().
+    class FolderIterator {
+    public:
+        FolderIterator() = default;
+        virtual ~FolderIterator();
+        FolderIterator(const FolderIterator&) = delete;
+        FolderIterator& operator=(const FolderIterator&) = delete;
+
+        // Positions on the first entry of folder matching pattern (each kept to 259 bytes);
+        // false, closed, when folder is not an existing folder or has no such entry.
+        bool Open(const char* folder, const char* pattern);
+        // path naming a regular file: its folder with its last component as pattern, so only
+        // that file (and names differing only in case) is returned. Any other path: the folder
+        // itself with "*".
+        bool Open(const char* path);
+        // Moves to the next matching entry; false, closed and with an empty name, at the end.
+        bool Next();
+        // The current entry is a folder, or a symbolic link to one.
+        bool IsFolder() const;
+        void Close();
+        // The current entry's name; empty when there is none.
+        const char* szName() const { return entry.d_name; }
+
+    protected:
+        virtual bool _Matches(const char* name) const;
+
+        DIR* dir = nullptr;
+        struct dirent entry = {};
+        char szFolder[260] = {};
+        char szPattern[260] = {};
+    };
+    // Every entry, "." and ".." and hidden names included, whatever the pattern.
+    class FolderIteratorAllFiles : public FolderIterator {
+    public:
+        explicit FolderIteratorAllFiles(const char* path) { Open(path); }
+        bool IsDotFolder() const;
+
+    protected:
+        bool _Matches(const char* name) const override;
+    };
+
+    // Something exists at path (of any type; symbolic links followed).
+    static bool TestFolderExists(const char* path);
+    static bool TestFileExists(const char* path);
+    // stat (following symbolic links) says a folder, or a regular file; false when it fails.
+    static bool IsFolder(const char* path);
+    static bool IsFile(const char* path);
+    // mkdir with mode 0777 (less the umask); false when something exists at path already.
+    static bool CreateFolder(const char* path);
+    // Creates the missing folders leading to path, then path; false when path existed already
+    // or a step failed.
+    static bool CreateFolderTree(const char* path);
+    // Deletes the folder with everything in it, continuing past entries that cannot be
+    // deleted; true when the folder itself was removed. A symbolic link is deleted as a link:
+    // the tree operations never reach through one, so nothing outside the tree is touched. An
+    // entry whose full path would not fit in 259 characters is left alone.
+    static bool DeleteFolderTree(const char* path);
+    // The same, first clearing a file's immutable and append-only flags where permitted.
+    static bool DeleteFolderTreeAlways(const char* path);
+    // Deletes the folder's entries that are not folders, then the folder; false when a
+    // sub-folder kept it.
+    static bool DeleteFolderAndFiles(const char* path);
+    // Deletes the (not hidden) entries of folder matching pattern whose status-change time is
+    // more than days days ago; nothing when days < 1. The limit is computed in 32 bits: days of
+    // 24856 or more wrap around.
+    static void DeleteOldFiles(const char* folder, const char* pattern, int days);
+    // Copies a file in 8192-byte pieces, then gives the copy the source's modification time and
+    // permission bits. A symbolic link is copied as a link. False only when either file could
+    // not be opened (or the link not made); a short write is not reported.
+    static bool CopyFile(const char* source, const char* destination);
+    // Copies the folder's entries, hidden ones included, into destination (created when
+    // missing), folders recursively; symbolic links are copied as links. Single failures are
+    // ignored.
+    static void CopyFolderFiles(const char* source, const char* destination);
+    // Mode 0777 on path and, for a folder, on everything in it (not through symbolic links).
+    static void SetFolderSecurityAllAccess(const char* path);
+    // The archive attribute: set while the file's content changed after its backup date, which
+    // is kept in the extended attribute user.com.apple.backupdate (absent: never backed up).
+    // SetFileAttributeArchive returns 0 or the errno of the failing call.
+    static int SetFileAttributeArchive(const char* path, bool set);
+    static bool IsSetFileAttributeArchive(const char* path);
+    // The status-change time (st_ctime), seconds since 1970; false, or 0, when stat fails.
+    static bool GetFileCreateTime(long& time, const char* path);
+    static long GetFileCreateTime(const char* path);
 
     // Opening with advisory locks standing in for share modes (see llib/unix/filehandle.h).
     // Each returns the descriptor, -1 on failure; a lock not obtained within timeoutMs does not
