@@ -184,6 +184,51 @@ public:
     static bool GetFileCreateTime(long& time, const char* path);
     static long GetFileCreateTime(const char* path);
 
+    // Standard folders, each into a 260-byte buffer. The user's folders are asked of the
+    // platform (XDG on Linux, see platform/folders.h), which creates them when missing; when it
+    // cannot answer, the fall-back is the folder of that name in the user's home folder (the
+    // one the password database gives for the login name).
+    static void GetUserDataFolder(char* out);         // $XDG_DATA_HOME, else ~/.local/share
+    static void GetUserDownloadFolder(char* out);     // ~/Downloads
+    static void GetUserDesktopFolder(char* out);      // ~/Desktop
+    static void GetUserDocumentsFolder(char* out);    // ~/Documents
+    static void GetUserPicturesFolder(char* out);     // ~/Pictures
+    static void GetUserVideoFolder(char* out);        // ~/Movies
+    static void GetUserMusicFolder(char* out);        // ~/Music
+    static void GetUserFolder(char* out);             // the home folder
+    static void GetUserApplicationsFolder(char* out); // the home folder's Applications
+    static void GetApplicationsFolder(char* out);     // /usr/share/applications
+    static void GetMountedDrivesFolder(char* out);    // /media
+    static void GetNetworkSharesFolder(char* out);    // /media
+    // The machine's shared data folder, its "Library/Application Support", created when
+    // missing.
+    static void GetSharedDataFolder(char* out);
+
+    // This library's (or application's) folder in the user's data folder, inside the maker's
+    // folder for the maker's older applications; created with the maker's folder. True when
+    // the last folder was created now, false when it existed already or could not be made.
+    static bool GetUserDataFolderApp(char* out, const char* application);
+    static bool GetUserDataFolderApp(char* out);
+    // The sub-folder sub of it, created; true when created now.
+    static bool GetUserDataFolderAppSubFolder(const char* sub, char* out);
+    // The settings shared by the maker's applications: the "Shared" folder in the data folder
+    // of the maker's sandboxed application when that exists, else the "Shared" folder of this
+    // library's data folder (created).
+    static void GetSharedDataFolderApp(char* out);
+    // Its sub-folder sub; created, and opened to every user, when missing.
+    static void GetSharedDataFolderAppSubFolder(const char* sub, char* out);
+    // The old, machine-wide place of the shared settings: this library's folder in the shared
+    // data folder (inside the maker's folder for older applications), created; WithNoCreation
+    // creates only the shared data folder itself.
+    static void GetOldSharedDataFolderApp(char* out);
+    static void GetOldSharedDataFolderAppWithNoCreation(char* out);
+
+    // The folder of the running program (see LGetBundleFolder).
+    static void GetProgramExecutablePath(char* out);
+    // getcwd into out (empty when it does not fit); chdir's result.
+    static void GetCurrentDirectory(char* out);
+    static int SetCurrentDirectory(const char* path);
+
     // Opening with advisory locks standing in for share modes (see llib/unix/filehandle.h).
     // Each returns the descriptor, -1 on failure; a lock not obtained within timeoutMs does not
     // fail the open.
@@ -209,6 +254,21 @@ public:
     static bool TestFileShareReadBlocked(const char* path);
     static bool TestFileShareWriteBlocked(const char* path);
 };
+
+// True when name is one of the maker's older applications, which keep their data inside the
+// maker's folder. Answered once, on the first call, and that answer is kept for every later call
+// whatever its name; the form without a name asks for this library ("LTavix"), which is not one.
+bool LApplicationIsOldApplicationDataLocation(const char* name);
+bool LApplicationIsOldApplicationDataLocation();
+// The path GetUserDataFolderApp would give, formed from the home folder without asking the
+// platform and without creating anything.
+void LFileGetUserDataFolderAppDoNotCreate(char* out);
+// The file whose presence says the shared settings were migrated: ".SharedFolderMigrated" in
+// the "Shared" folder of this library's data folder.
+void LFileMigrateGetMigrationPerformedFile(char* out);
+// Once per user: copies the old machine-wide shared settings into the user's own "Shared"
+// folder when that does not exist yet, then writes the marker. The old folder is left alone.
+void LFileMigrateSharedSettings();
 
 // -1 when text is shorter than suffix, else tstrcmp of text's last strlen(suffix) characters
 // and suffix (0 when text ends with suffix).

@@ -1,0 +1,99 @@
+// Named signal objects between two real processes, under a temporary data folder.
+#include <gtest/gtest.h>
+
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <string>
+
+#include "llib/gen/signalobjectnamed.h"
+#include "support/tempfolder.h"
+
+namespace {
+
+class NamedSignal : public ::testing::Test {
+protected:
+    void SetUp() override {
+        const char* old = getenv("XDG_DATA_HOME");
+        saved = old != nullptr ? old : "";
+        setenv("XDG_DATA_HOME", temp.path.c_str(), 1);
+    }
+    void TearDown() override { setenv("XDG_DATA_HOME", saved.c_str(), 1); }
+    bool Exists(const char* name) {
+        struct stat info;
+        return lstat((temp / name).c_str(), &info) == 0;
+    }
+
+    TempFolder temp{"tavix-named"};
+    std::string saved;
+};
+
+// A child process that signals name every 20 ms until killed (the waiter may not be listening
+// yet when it starts).
+pid_t StartSignaller(const char* name) {
+    const pid_t child = fork();
+    if (child == 0) {
+        LSignalObjectNamed signal(name);
+        for (;;) {
+            signal.Signal();
+            usleep(20000);
+        }
+    }
+    return child;
+}
+
+void Stop(pid_t child) {
+    kill(child, SIGKILL);
+    waitpid(child, nullptr, 0);
+}
+
+} // namespace
+
+TEST_F(NamedSignal, AnotherProcessWakesTheWaiter) {
+    LSignalObjectNamed waiter("capture-ready");
+    EXPECT_STREQ(waiter.address.sun_path, (temp / "capture-ready").c_str());
+    const pid_t child = StartSignaller("capture-ready");
+    ASSERT_GT(child, 0);
+    EXPECT_TRUE(waiter.WaitSignal(10000));
+    EXPECT_NE(waiter.connection, -1);
+    waiter.Reset(); // returns once the signaller has closed its end
+    Stop(child);
+    EXPECT_TRUE(Exists("capture-ready"));
+}
+
+TEST_F(NamedSignal, TimeOutsAndStaleFilesLeaveNothingBehind) {
+    {
+        LSignalObjectNamed waiter("nobody");
+        EXPECT_FALSE(waiter.WaitSignal(50));
+        EXPECT_FALSE(Exists("nobody"));
+        waiter.Signal(); // nobody listens: nothing happens
+        waiter.Reset();
+    }
+
+    // A socket file left by a process that died while waiting.
+    const std::string stale = temp / "stale";
+    const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    memcpy(address.sun_path, stale.c_str(), stale.size() + 1);
+    ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    close(fd);
+    ASSERT_TRUE(Exists("stale"));
+    {
+        LSignalObjectNamed waiter("stale");
+        const pid_t child = StartSignaller("stale");
+        EXPECT_TRUE(waiter.WaitSignal(10000));
+        Stop(child);
+    }
+    EXPECT_FALSE(Exists("stale"));
+
+    // A name that makes the path too long for a socket address.
+    LSignalObjectNamed tooLong(std::string(200, 'n').c_str());
+    EXPECT_EQ(tooLong.address.sun_path[0], 0);
+    EXPECT_FALSE(tooLong.WaitSignal(0xFFFFFFFF));
+    tooLong.Signal();
+}
