@@ -320,3 +320,46 @@ TEST(Folders, ArchiveAttributeFollowsTheBackupDate) {
     EXPECT_NE(LFile::SetFileAttributeArchive((temp / "missing").c_str(), true), 0);
     EXPECT_FALSE(LFile::IsSetFileAttributeArchive((temp / "missing").c_str()));
 }
+
+TEST(Folders, BadPathsGiveDefinedAnswers) {
+    TempFolder temp{"tavix-folders"};
+    // Every character other systems forbid is an ordinary name character here.
+    const std::string odd = temp / "a\"*:<>?\\| \x01.txt";
+    ASSERT_TRUE(LFile::CreateFolder(odd.c_str()));
+    WriteFile(odd + "/x", "x");
+    EXPECT_TRUE(LFile::DeleteFolderTree(odd.c_str()));
+
+    const std::string huge = temp.path + "/" + std::string(10000, 'h');
+    for (const std::string& path : {huge, temp / "missing"}) {
+        EXPECT_FALSE(LFile::DeleteFolderTree(path.c_str()));
+        EXPECT_FALSE(LFile::DeleteFolderAndFiles(path.c_str()));
+        EXPECT_FALSE(LFile::CopyFile(path.c_str(), (temp / "copy").c_str()));
+        LFile::CopyFolderFiles(path.c_str(), (temp / "copies").c_str());
+        LFile::DeleteOldFiles(path.c_str(), "*", 49710);
+        LFile::SetFolderSecurityAllAccess(path.c_str());
+        LFile::FolderIteratorAllFiles entries(path.c_str());
+        EXPECT_STREQ(entries.szName(), "");
+    }
+    EXPECT_FALSE(Exists(temp / "copy"));
+    EXPECT_FALSE(Exists(temp / "copies"));
+
+    // An unreadable folder (for a user other than root): its entries cannot be listed, so the
+    // tree keeps them and reports that the folder stayed.
+    const std::string locked = temp / "locked";
+    mkdir(locked.c_str(), 0777);
+    WriteFile(locked + "/inside", "");
+    chmod(temp.path.c_str(), 0777);
+    chmod(locked.c_str(), 0333);
+    const pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        if (getuid() == 0 && setuid(65534) != 0)
+            _exit(3);
+        const bool removed = LFile::DeleteFolderTree(locked.c_str());
+        _exit(!removed && Exists(locked + "/inside") ? 0 : 1);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    chmod(locked.c_str(), 0777);
+}
