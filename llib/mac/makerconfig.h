@@ -18,5 +18,5 @@
 
 // The maker's older applications, which keep their data in the maker's folder inside the
 // user's data folder. Compared exactly; the list ends with a null.
-#define LMAKER_OLD_APPLICATION_NAMES                                                           \
+#define LMAKER_OLD_APPLICATION_NAMES                                                               \
     { "LVideoCapture", "LTapeCapture", "OrvelCapture", "OrvelTapeDeck", nullptr }
