@@ -107,7 +107,8 @@ std::string RemoveDotSegments(const std::string& path) {
             segment.push_back(path[i]);
             continue;
         }
-        folder = i < path.size() || segment == "." || segment == "..";
+        if (!segment.empty())
+            folder = segment == "." || segment == "..";
         if (segment == "..") {
             if (!segments.empty())
                 segments.pop_back();
@@ -116,6 +117,7 @@ std::string RemoveDotSegments(const std::string& path) {
         }
         segment.clear();
     }
+    folder = folder || (!path.empty() && path.back() == '/');
     std::string out = absolute ? "/" : "";
     for (size_t i = 0; i < segments.size(); ++i)
         out += segments[i] + (i + 1 < segments.size() || folder ? "/" : "");
