@@ -161,9 +161,9 @@ TEST(CFBundle, VersionNumbersComeFromTheBundlesInfoFile) {
         bool found;
         int major, minor;
     } cases[] = {
-        {"CFBundleVersion = 1.23", true, 1, 23},       {"CFBundleVersion=V 2.05", true, 2, 5},
-        {"CFBundleVersion = 3", true, 3, 0},           {"CFBundleVersion =", false, -1, -1},
-        {"CFBundleShortVersion = 4.5", false, -1, -1},
+        {"CFBundleVersion = 1.23", true, 1, 23}, {"CFBundleVersion=V 2.05", true, 2, 5},
+        {"CFBundleVersion = 3", true, 3, 0},     {"CFBundleVersion = V4.1", true, 4, 1},
+        {"CFBundleVersion =", false, -1, -1},    {"CFBundleShortVersion = 4.5", false, -1, -1},
     };
     for (const Case& c : cases) {
         TempFolder folder("tavix-bundle");
