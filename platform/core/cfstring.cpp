@@ -4,7 +4,9 @@
 #include <new>
 #include <string>
 
-struct __CFString {
+#include "cfruntime.h"
+
+struct __CFString : __CFRuntimeBase {
     std::u16string units;
 };
 
@@ -17,8 +19,116 @@ const char16_t kWindowsLatin1High[32] = {
     0x2039, 0x0152, 0x008D, 0x017D, 0x008F, 0x0090, 0x2018, 0x2019, 0x201C, 0x201D, 0x2022,
     0x2013, 0x2014, 0x02DC, 0x2122, 0x0161, 0x203A, 0x0153, 0x009D, 0x017E, 0x0178};
 
+// Strict UTF-8: every sequence in its shortest form, no surrogates, nothing above U+10FFFF.
+bool DecodeUTF8(const UInt8* bytes, CFIndex count, std::u16string& out) {
+    out.clear();
+    CFIndex i = 0;
+    while (i < count) {
+        const UInt8 lead = bytes[i];
+        int extra;
+        char32_t value, minimum;
+        if (lead < 0x80) {
+            extra = 0, value = lead, minimum = 0;
+        } else if (lead >= 0xC2 && lead <= 0xDF) {
+            extra = 1, value = lead & 0x1F, minimum = 0x80;
+        } else if (lead >= 0xE0 && lead <= 0xEF) {
+            extra = 2, value = lead & 0x0F, minimum = 0x800;
+        } else if (lead >= 0xF0 && lead <= 0xF4) {
+            extra = 3, value = lead & 0x07, minimum = 0x10000;
+        } else {
+            return false;
+        }
+        if (count - i <= extra)
+            return false;
+        for (int k = 1; k <= extra; ++k) {
+            if ((bytes[i + k] & 0xC0) != 0x80)
+                return false;
+            value = value << 6 | (bytes[i + k] & 0x3F);
+        }
+        if (value < minimum || value > 0x10FFFF || (value >= 0xD800 && value <= 0xDFFF))
+            return false;
+        if (value >= 0x10000) {
+            value -= 0x10000;
+            out.push_back(static_cast<char16_t>(0xD800 + (value >> 10)));
+            out.push_back(static_cast<char16_t>(0xDC00 + (value & 0x3FF)));
+        } else {
+            out.push_back(static_cast<char16_t>(value));
+        }
+        i += extra + 1;
+    }
+    return true;
+}
+
+// UTF-16 to UTF-8, pairing surrogates; false for a surrogate without its partner.
+bool EncodeUTF8(const std::u16string& units, std::string& out) {
+    out.clear();
+    for (size_t i = 0; i < units.size(); ++i) {
+        char32_t value = units[i];
+        if (value >= 0xD800 && value <= 0xDFFF) {
+            if (value > 0xDBFF || i + 1 >= units.size() || units[i + 1] < 0xDC00 ||
+                units[i + 1] > 0xDFFF)
+                return false;
+            value = 0x10000 + ((value - 0xD800) << 10) + (units[++i] - 0xDC00);
+        }
+        if (value < 0x80) {
+            out.push_back(static_cast<char>(value));
+        } else if (value < 0x800) {
+            out.push_back(static_cast<char>(0xC0 | value >> 6));
+            out.push_back(static_cast<char>(0x80 | (value & 0x3F)));
+        } else if (value < 0x10000) {
+            out.push_back(static_cast<char>(0xE0 | value >> 12));
+            out.push_back(static_cast<char>(0x80 | (value >> 6 & 0x3F)));
+            out.push_back(static_cast<char>(0x80 | (value & 0x3F)));
+        } else {
+            out.push_back(static_cast<char>(0xF0 | value >> 18));
+            out.push_back(static_cast<char>(0x80 | (value >> 12 & 0x3F)));
+            out.push_back(static_cast<char>(0x80 | (value >> 6 & 0x3F)));
+            out.push_back(static_cast<char>(0x80 | (value & 0x3F)));
+        }
+    }
+    return true;
+}
+
+// The string in a single-byte encoding or UTF-8, without terminator; false when a character
+// cannot be represented or the encoding is not one of those.
+bool EncodeBytes(const std::u16string& units, CFStringEncoding encoding, std::string& out) {
+    switch (encoding) {
+    case kCFStringEncodingUTF8:
+        return EncodeUTF8(units, out);
+    case kCFStringEncodingISOLatin1:
+        out.resize(units.size());
+        for (size_t i = 0; i < units.size(); ++i) {
+            if (units[i] > 0xFF)
+                return false;
+            out[i] = static_cast<char>(units[i]);
+        }
+        return true;
+    case kCFStringEncodingWindowsLatin1:
+        out.resize(units.size());
+        for (size_t i = 0; i < units.size(); ++i) {
+            const char16_t unit = units[i];
+            if (unit < 0x80 || (unit >= 0xA0 && unit <= 0xFF)) {
+                out[i] = static_cast<char>(unit);
+                continue;
+            }
+            int found = -1;
+            for (int b = 0; b < 32 && found < 0; ++b)
+                if (kWindowsLatin1High[b] == unit)
+                    found = b;
+            if (found < 0)
+                return false;
+            out[i] = static_cast<char>(0x80 + found);
+        }
+        return true;
+    default:
+        return false;
+    }
+}
+
 bool Decode(const UInt8* bytes, CFIndex count, CFStringEncoding encoding, std::u16string& out) {
     switch (encoding) {
+    case kCFStringEncodingUTF8:
+        return DecodeUTF8(bytes, count, out);
     case kCFStringEncodingISOLatin1:
         out.resize(static_cast<size_t>(count));
         for (CFIndex i = 0; i < count; ++i)
@@ -74,40 +184,7 @@ Boolean CFStringGetCString(CFStringRef string, char* buffer, CFIndex bufferSize,
         return false;
     const std::u16string& units = string->units;
     const size_t n = units.size();
-    switch (encoding) {
-    case kCFStringEncodingISOLatin1:
-        if (n + 1 > static_cast<size_t>(bufferSize))
-            return false;
-        for (char16_t unit : units)
-            if (unit > 0xFF)
-                return false;
-        for (size_t i = 0; i < n; ++i)
-            buffer[i] = static_cast<char>(units[i]);
-        buffer[n] = 0;
-        return true;
-    case kCFStringEncodingWindowsLatin1: {
-        if (n + 1 > static_cast<size_t>(bufferSize))
-            return false;
-        std::string bytes(n, '\0');
-        for (size_t i = 0; i < n; ++i) {
-            const char16_t unit = units[i];
-            if (unit < 0x80 || (unit >= 0xA0 && unit <= 0xFF)) {
-                bytes[i] = static_cast<char>(unit);
-                continue;
-            }
-            int found = -1;
-            for (int b = 0; b < 32 && found < 0; ++b)
-                if (kWindowsLatin1High[b] == unit)
-                    found = b;
-            if (found < 0)
-                return false;
-            bytes[i] = static_cast<char>(0x80 + found);
-        }
-        memcpy(buffer, bytes.data(), n);
-        buffer[n] = 0;
-        return true;
-    }
-    case kCFStringEncodingUnicode:
+    if (encoding == kCFStringEncodingUnicode) {
         if ((n + 1) * 2 > static_cast<size_t>(bufferSize))
             return false;
         if (n > 0)
@@ -115,15 +192,46 @@ Boolean CFStringGetCString(CFStringRef string, char* buffer, CFIndex bufferSize,
         buffer[n * 2] = 0;
         buffer[n * 2 + 1] = 0;
         return true;
-    default:
-        return false;
     }
+    std::string bytes;
+    if (!EncodeBytes(units, encoding, bytes) || bytes.size() + 1 > static_cast<size_t>(bufferSize))
+        return false;
+    memcpy(buffer, bytes.data(), bytes.size());
+    buffer[bytes.size()] = 0;
+    return true;
+}
+
+CFStringRef CFStringCreateWithCString(CFAllocatorRef allocator, const char* text,
+                                      CFStringEncoding encoding) {
+    if (text == nullptr || encoding == kCFStringEncodingUnicode)
+        return nullptr;
+    return CFStringCreateWithBytes(allocator, reinterpret_cast<const UInt8*>(text),
+                                   static_cast<CFIndex>(strlen(text)), encoding, false);
+}
+
+void CFStringGetCharacters(CFStringRef string, CFRange range, UniChar* buffer) {
+    if (string == nullptr || buffer == nullptr || range.location < 0 || range.length <= 0 ||
+        static_cast<size_t>(range.location + range.length) > string->units.size())
+        return;
+    memcpy(buffer, string->units.data() + range.location,
+           static_cast<size_t>(range.length) * sizeof(UniChar));
+}
+
+Boolean CFStringGetPascalString(CFStringRef string, StringPtr buffer, CFIndex bufferSize,
+                                CFStringEncoding encoding) {
+    std::string bytes;
+    if (string == nullptr || buffer == nullptr || !EncodeBytes(string->units, encoding, bytes) ||
+        bytes.size() > 255 || bytes.size() + 1 > static_cast<size_t>(bufferSize))
+        return false;
+    buffer[0] = static_cast<unsigned char>(bytes.size());
+    memcpy(buffer + 1, bytes.data(), bytes.size());
+    return true;
+}
+
+CFStringEncoding CFStringGetSystemEncoding() {
+    return kCFStringEncodingUTF8;
 }
 
 CFIndex CFStringGetLength(CFStringRef string) {
     return string != nullptr ? static_cast<CFIndex>(string->units.size()) : 0;
-}
-
-void CFRelease(CFStringRef string) {
-    delete string;
 }

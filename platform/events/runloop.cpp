@@ -3,14 +3,19 @@
 #include "platform/cfrunloop.h"
 
 #include "eventloop_internal.h"
+#include "../core/cfruntime.h"
 
 #include <algorithm>
 #include <atomic>
 #include <mutex>
 #include <vector>
 
-struct __CFSocket {
-    std::atomic<int> references{1};
+struct __CFSocket : __CFRuntimeBase {
+    ~__CFSocket() override {
+        if (context.release != nullptr && context.info != nullptr)
+            context.release(context.info);
+    }
+
     CFSocketNativeHandle fd = -1;
     CFOptionFlags callBackTypes = 0;
     CFSocketCallBack callout = nullptr;
@@ -18,8 +23,9 @@ struct __CFSocket {
     std::atomic<bool> valid{true};
 };
 
-struct __CFRunLoopSource {
-    std::atomic<int> references{1};
+struct __CFRunLoopSource : __CFRuntimeBase {
+    ~__CFRunLoopSource() override { CFRelease(socket); }
+
     CFSocketRef socket = nullptr;
     CFIndex order = 0;
 };
@@ -49,7 +55,7 @@ __CFRunLoop& MainRunLoop() {
 }
 
 void RetainSource(CFRunLoopSourceRef source) {
-    source->references.fetch_add(1, std::memory_order_relaxed);
+    CFRetain(source);
 }
 
 bool Watched(CFRunLoopMode mode) {
@@ -97,25 +103,10 @@ CFRunLoopSourceRef CFSocketCreateRunLoopSource(CFAllocatorRef, CFSocketRef socke
     if (socket == nullptr)
         return nullptr;
     auto* source = new __CFRunLoopSource;
-    socket->references.fetch_add(1, std::memory_order_relaxed);
+    CFRetain(socket);
     source->socket = socket;
     source->order = order;
     return source;
-}
-
-void CFRelease(CFSocketRef socket) {
-    if (socket == nullptr || socket->references.fetch_sub(1, std::memory_order_acq_rel) != 1)
-        return;
-    if (socket->context.release != nullptr && socket->context.info != nullptr)
-        socket->context.release(socket->context.info);
-    delete socket;
-}
-
-void CFRelease(CFRunLoopSourceRef source) {
-    if (source == nullptr || source->references.fetch_sub(1, std::memory_order_acq_rel) != 1)
-        return;
-    CFRelease(source->socket);
-    delete source;
 }
 
 CFRunLoopRef CFRunLoopGetMain() {

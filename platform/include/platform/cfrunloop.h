@@ -6,6 +6,7 @@
 // or closes the descriptor; its owner keeps it open while the socket is in use.
 #pragma once
 
+#include "platform/cfbase.h"
 #include "platform/events.h"
 
 typedef int CFSocketNativeHandle;
@@ -59,6 +60,5 @@ void CFRunLoopAddSource(CFRunLoopRef loop, CFRunLoopSourceRef source, CFRunLoopM
 void CFRunLoopRemoveSource(CFRunLoopRef loop, CFRunLoopSourceRef source, CFRunLoopMode mode);
 bool CFRunLoopContainsSource(CFRunLoopRef loop, CFRunLoopSourceRef source, CFRunLoopMode mode);
 
-// Drop one reference to a run-loop object; the last one frees it. Null is ignored.
-void CFRelease(CFSocketRef socket);
-void CFRelease(CFRunLoopSourceRef source);
+// Sockets and sources are released with CFRelease (cfbase.h); a source's last release also
+// drops its reference to the socket.

@@ -1,0 +1,252 @@
+// Text, paths and versions through the platform's strings, URLs and bundles, file
+// specifications and back, and the maker's web page addresses.
+#include <gtest/gtest.h>
+#include <limits.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <string>
+
+#include "llib/mac/cfutils.h"
+#include "platform/cfbundle.h"
+#include "support/tempfolder.h"
+
+namespace {
+
+std::string Text(const LCFString& string) {
+    char out[260] = "left over";
+    string.GetString(out, sizeof out);
+    return out;
+}
+
+std::wstring WideText(const LCFString& string) {
+    LStringLongTemplate<wchar_t> out;
+    out = L"left over";
+    string.GetString(out);
+    return std::wstring(out.GetText(), out.GetLength());
+}
+
+std::string UrlPath(const LCFURL& url) {
+    char out[1024] = "left over";
+    url.GetString(out, sizeof out);
+    return out;
+}
+
+std::string SpecPath(const LToFSSpec& spec) {
+    char out[PATH_MAX] = "left over";
+    spec.GetString(out, sizeof out);
+    return out;
+}
+
+std::string RealPath(const std::string& path) {
+    char resolved[PATH_MAX];
+    return realpath(path.c_str(), resolved) != nullptr ? resolved : std::string();
+}
+
+} // namespace
+
+TEST(CFString, Utf8RoundTripsAndInvalidBytesStillMakeAString) {
+    LCFString valid;
+    valid.SetString("h\xC3\xA9llo \xE2\x82\xAC");
+    EXPECT_EQ("h\xC3\xA9llo \xE2\x82\xAC", Text(valid));
+    EXPECT_EQ(L"h\u00E9llo \u20AC", WideText(valid));
+
+    // The lenient decoder keeps what precedes the malformed byte.
+    LCFString invalid;
+    invalid.SetString("ab\xFF"
+                      "cd");
+    ASSERT_NE(nullptr, invalid.String);
+    EXPECT_EQ("ab", Text(invalid));
+
+    // Setting again replaces the text.
+    invalid.SetString("new");
+    EXPECT_EQ("new", Text(invalid));
+}
+
+TEST(CFString, ABufferCopyNeverCutsACharacter) {
+    LCFString string;
+    string.SetString("ab\xC3\xA9z");
+    char out[4];
+    string.GetString(out, sizeof out);
+    EXPECT_STREQ("ab", out);
+
+    LStringLongTemplate<char> whole;
+    string.GetString(whole);
+    EXPECT_EQ(5u, whole.GetLength());
+    EXPECT_STREQ("ab\xC3\xA9z", whole.GetText());
+}
+
+TEST(CFString, SurrogatePairsBecomeOneWideCharacter) {
+    const unsigned short units[] = {0xD83D, 0xDE00, 'x', 0};
+    LCFString string(units);
+    EXPECT_EQ(std::wstring(L"\U0001F600x"), WideText(string));
+    EXPECT_EQ("\xF0\x9F\x98\x80x", Text(string));
+
+    wchar_t out[2];
+    string.GetString(out, 2);
+    EXPECT_EQ(std::wstring(L"\U0001F600"), out);
+
+    LStringLongTemplate<wchar_t> wide;
+    LUnicodeString(units).GetString(wide);
+    EXPECT_EQ(std::wstring(L"\U0001F600x"), wide.GetText());
+    LStringLongTemplate<char> utf8;
+    LUnicodeString(units).GetString(utf8);
+    EXPECT_STREQ("\xF0\x9F\x98\x80x", utf8.GetText());
+}
+
+TEST(CFString, EmptyWrappersGiveEmptyText) {
+    LCFString empty;
+    EXPECT_EQ("", Text(empty));
+    EXPECT_EQ(L"", WideText(empty));
+    wchar_t wide[8] = L"left";
+    empty.GetString(wide, 8);
+    EXPECT_EQ(0, wide[0]);
+
+    const unsigned short nothing[] = {0};
+    LStringLongTemplate<char> utf8;
+    utf8 = "left over";
+    LUnicodeString(nothing).GetString(utf8);
+    EXPECT_EQ(0u, utf8.GetLength());
+    LUnicodeString(nullptr).GetString(utf8);
+    EXPECT_STREQ("", utf8.GetText());
+
+    LCFURL url;
+    EXPECT_EQ("", UrlPath(url));
+    EXPECT_EQ("", SpecPath(LToFSSpec()));
+}
+
+TEST(CFURL, FullPathsRoundTripWithSpacesPercentAndNonAscii) {
+    for (const char* path : {"/tmp/a b/100% sure.txt",
+                             "/home/\xC3\xBC"
+                             "ber/r\xC3\xA9sum\xC3\xA9",
+                             "/x/a+b=c&d?e#f;g'h\"i", "/"}) {
+        LCFURL url;
+        ASSERT_TRUE(url.CreateFromFullPath(path)) << path;
+        EXPECT_EQ(path, UrlPath(url));
+    }
+    LCFURL url;
+    url.CreateFromFullPath("/first");
+    url.Release();
+    EXPECT_EQ(nullptr, url.URL);
+}
+
+TEST(CFURL, WebAddressesNameAFileOnlyWithTheFileScheme) {
+    LCFURL url;
+    ASSERT_TRUE(url.CreateFromWebURL("file:///tmp/two%20words/x"));
+    EXPECT_EQ("/tmp/two words/x", UrlPath(url));
+    ASSERT_TRUE(url.CreateFromWebURL("http://example.com/page.html"));
+    EXPECT_EQ("", UrlPath(url));
+}
+
+TEST(CFURL, TheApplicationBundleIsTheExecutablesFolder) {
+    char executable[PATH_MAX] = {};
+    ASSERT_GT(readlink("/proc/self/exe", executable, sizeof executable - 1), 0);
+    const std::string folder =
+        std::string(executable).substr(0, strrchr(executable, '/') - executable);
+
+    LCFURL bundle;
+    ASSERT_TRUE(bundle.CreateFromApplicationBundle());
+    EXPECT_EQ(folder, UrlPath(bundle));
+    LCFURL resources;
+    ASSERT_TRUE(resources.CreateFromApplicationBundleResourcesFolder());
+    EXPECT_EQ(folder, UrlPath(resources));
+}
+
+TEST(CFBundle, VersionNumbersComeFromTheBundlesInfoFile) {
+    struct Case {
+        const char* line;
+        bool found;
+        int major, minor;
+    } cases[] = {
+        {"CFBundleVersion = 1.23", true, 1, 23}, {"CFBundleVersion=V 2.05", true, 2, 5},
+        {"CFBundleVersion = 3", true, 3, 0},     {"CFBundleVersion = V4.1", true, 4, 1},
+        {"CFBundleVersion =", false, -1, -1},    {"CFBundleShortVersion = 4.5", false, -1, -1},
+    };
+    for (const Case& c : cases) {
+        TempFolder folder("tavix-bundle");
+        std::ofstream(folder / "Info.txt") << "# made by the test\n" << c.line << "\n";
+        LCFString path;
+        path.SetString(folder.path.c_str());
+        CFURLRef url =
+            CFURLCreateWithFileSystemPath(nullptr, path.String, kCFURLPOSIXPathStyle, true);
+        CFBundleRef made = CFBundleCreate(nullptr, url);
+        CFRelease(url);
+        ASSERT_NE(nullptr, made);
+        int major = -1, minor = -1;
+        EXPECT_EQ(c.found, LCFBundle(made).GetVersionNumber(major, minor)) << c.line;
+        EXPECT_EQ(c.major, major) << c.line;
+        EXPECT_EQ(c.minor, minor) << c.line;
+        CFRelease(made);
+    }
+}
+
+class FSSpecTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_FALSE(temp.path.empty());
+        folder = RealPath(temp.path);
+        ASSERT_EQ(0, mkdir((folder + "/Docs").c_str(), 0755));
+        std::ofstream(folder + "/Docs/report") << "text";
+    }
+    TempFolder temp{"tavix-fsspec"};
+    std::string folder;
+};
+
+TEST_F(FSSpecTest, ExistingItemsTurnBackIntoTheirPaths) {
+    for (const std::string& path : {folder + "/Docs/report", folder + "/Docs", std::string("/")}) {
+        LToFSSpec spec(path.c_str());
+        ASSERT_TRUE(spec.bValid) << path;
+        EXPECT_EQ(path, SpecPath(spec));
+    }
+    LToFSSpec report((folder + "/Docs/report").c_str());
+    EXPECT_EQ(6, report.Spec.name[0]);
+    EXPECT_EQ(0, memcmp(report.Spec.name + 1, "report", 6));
+
+    // The folder is named through its resolved path.
+    LToFSSpec dotted((folder + "/Docs/../Docs/./report").c_str());
+    EXPECT_EQ(report.Spec.parID, dotted.Spec.parID);
+}
+
+TEST_F(FSSpecTest, ANewNameInAnExistingFolderHasASpecification) {
+    const std::string path = folder + "/Docs/not yet \xC3\xA9"
+                                      "crit";
+    FSSpec spec;
+    ASSERT_EQ(0, LToFSSpec::CStringToFSSpec(path.c_str(), &spec));
+    LToFSSpec made;
+    made.Spec = spec;
+    made.bValid = true;
+    EXPECT_EQ(path, SpecPath(made));
+    EXPECT_EQ(LToFSSpec((folder + "/Docs/report").c_str()).Spec.parID, spec.parID);
+}
+
+TEST_F(FSSpecTest, MissingFoldersAndOverlongNamesAreRefused) {
+    FSSpec spec;
+    EXPECT_EQ(-43, LToFSSpec::CStringToFSSpec((folder + "/Nowhere/file").c_str(), &spec));
+    EXPECT_EQ(-43, LToFSSpec::CStringToFSSpec((folder + "/Docs/report/inside").c_str(), &spec))
+        << "a file holds nothing";
+    const std::string longName(64, 'n');
+    EXPECT_EQ(-43, LToFSSpec::CStringToFSSpec((folder + "/" + longName).c_str(), &spec));
+    std::ofstream(folder + "/" + longName) << "";
+    EXPECT_EQ(-37, LToFSSpec::CStringToFSSpec((folder + "/" + longName).c_str(), &spec));
+    EXPECT_FALSE(LToFSSpec((folder + "/Nowhere/file").c_str()).bValid);
+}
+
+TEST(WebPages, AddressesNameTheRightHostAndStayWithinTheBound) {
+    char out[260];
+    const std::string primary = "http://www.orvelsoftware.com/buy.html";
+    EXPECT_EQ(static_cast<int>(primary.size()), GetOrvelWebPageURL(out, "+buy"));
+    EXPECT_EQ(primary, out);
+    const std::string second = "http://support.orvelsoftware.com/help.html";
+    EXPECT_EQ(static_cast<int>(second.size()), GetOrvelWebPageURL(out, "help"));
+    EXPECT_EQ(second, out);
+    const std::string article = "http://support.orvelsoftware.com/kb/1042.html";
+    EXPECT_EQ(static_cast<int>(article.size()), GetKBWebPageURL(out, 1042));
+    EXPECT_EQ(article, out);
+
+    const std::string longPage(400, 'p');
+    EXPECT_EQ(259, GetOrvelWebPageURL(out, longPage.c_str()));
+    EXPECT_EQ(259u, strlen(out));
+}
