@@ -184,3 +184,20 @@ TEST_F(StandardFolders, OldLocationAnswerIsKeptFromTheFirstCall) {
     waitpid(child, &status, 0);
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
 }
+
+TEST_F(StandardFolders, TheBundleIsTheProgramsFolderAndTheCurrentFolderMoves) {
+    char executable[4096] = {};
+    ASSERT_GT(readlink("/proc/self/exe", executable, sizeof executable - 1), 0);
+    char folder[260];
+    LFile::_GetFolderFromPath(folder, executable);
+    EXPECT_EQ(Get(LFile::GetProgramExecutablePath), folder);
+    char resources[260];
+    LGetInstalledApplicationResourcesFolder(resources, sizeof resources);
+    EXPECT_STREQ(resources, folder);
+
+    const std::string before = Get(LFile::GetCurrentDirectory);
+    ASSERT_EQ(LFile::SetCurrentDirectory(home.c_str()), 0);
+    EXPECT_EQ(Get(LFile::GetCurrentDirectory), home);
+    EXPECT_NE(LFile::SetCurrentDirectory((temp / "missing").c_str()), 0);
+    LFile::SetCurrentDirectory(before.c_str());
+}

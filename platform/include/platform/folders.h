@@ -16,9 +16,8 @@
 // Any thread; nothing is cached.
 #pragma once
 
-#include "platform/mactypes.h"
+#include "platform/files.h"
 
-enum : OSErr { fnfErr = -43, dirNFErr = -120 };
 enum : SInt16 { kOnSystemDisk = -32768, kUserDomain = -32763 };
 enum : Boolean { kDontCreateFolder = 0, kCreateFolder = 1 };
 
@@ -34,11 +33,6 @@ enum : OSType {
     kApplicationsFolderType = 0x61707073,       // 'apps'
     kServersFolderType = 0x737276C4,            // 'srv' 0xC4
     kSharedUserDataFolderType = 0x73646174,     // 'sdat'
-};
-
-// A resolved location: the folder's absolute path.
-struct FSRef {
-    char path[4096];
 };
 
 // Resolves folderType in domain into *ref; with createFolder a missing folder (and the folders

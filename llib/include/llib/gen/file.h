@@ -270,6 +270,11 @@ void LFileMigrateGetMigrationPerformedFile(char* out);
 // folder when that does not exist yet, then writes the marker. The old folder is left alone.
 void LFileMigrateSharedSettings();
 
+// The folder of the running program's executable, which stands for the application bundle on
+// Linux, into size bytes; its resources folder is the same folder. Empty when unknown.
+void LGetBundleFolder(char* out, unsigned long size);
+void LGetInstalledApplicationResourcesFolder(char* out, unsigned long size);
+
 // -1 when text is shorter than suffix, else tstrcmp of text's last strlen(suffix) characters
 // and suffix (0 when text ends with suffix).
 int tstrcmpend(const char* text, const char* suffix);
