@@ -304,12 +304,6 @@ std::string Ask(unsigned short port, const std::string& line) {
     return std::string(got, received);
 }
 
-bool WaitUntilServed(const EchoListener& listener, int count) {
-    for (int i = 0; i < 500 && listener.served < count; ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    return listener.served >= count;
-}
-
 // Connects until the port answers (each probe is served as a connection that says nothing).
 bool WaitForListening(unsigned short port) {
     for (int i = 0; i < 200; ++i) {
@@ -331,7 +325,9 @@ TEST(TcpListener, ServesConnectionsOneAfterAnotherAndStopsPromptly) {
     ASSERT_TRUE(WaitForListening(listener.wPort));
     EXPECT_EQ("one\n", Ask(listener.wPort, "one\n"));
     EXPECT_EQ("two\n", Ask(listener.wPort, "two\n"));
-    EXPECT_TRUE(WaitUntilServed(listener, 3)) << "the probe and both questions";
+    for (int i = 0; i < 500 && listener.served < 3; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    EXPECT_EQ(3, listener.served.load()) << "the probe and both questions";
     const auto start = Clock::now();
     listener.StopThreadNow();
     EXPECT_LT(MillisecondsSince(start), 200) << "the stop signal wakes the accept wait";
