@@ -155,20 +155,16 @@ TEST_F(MainThreadTest, AWorkersReportsReachItsTargetOnTheMainThread) {
         LProcessClearEventQueue();
         LProcessClearEventQueue();
     }
-    const std::vector<std::string> expected = {
-        "status0 latest",
-        "status0 latest",
-        "status1 second line",
-        "progress 0.50",
-        "progress 1.00",
-        "spin on",
-        "spin off",
-        "error " + std::string(300, 'e'),
-    };
+    const std::vector<std::string> expected = {"status0 latest",
+                                               "status0 latest",
+                                               "status1 second line",
+                                               "progress 0.50",
+                                               "progress 1.00",
+                                               "spin on",
+                                               "spin off",
+                                               "error " + std::string(300, 'e')};
     EXPECT_EQ(expected, window.calls);
 }
-
-// Waits.
 
 struct StopAfter : LProcessEventsHandler {
     explicit StopAfter(int turns) : turns(turns) {}

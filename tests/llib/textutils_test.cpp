@@ -77,14 +77,12 @@ TEST(QueryStrings, RemovingAnItemKeepsTheOthers) {
         const char* name;
         const char* query;
         const char* expected;
-    } cases[] = {
-        {"b", "a=1&b=2&c=3", "a=1&c=3"},
-        {"a", "a=1&b=2&c=3", "&b=2&c=3"},
-        {"c", "a=1&b=2&c=3", "a=1&b=2"},
-        {"d", "a=1&b=2", "a=1&b=2"},
-        {"b", "ab=1&c=3", "a&c=3"}, // the key is found inside a longer name
-        {"a", "a=", ""},
-    };
+    } cases[] = {{"b", "a=1&b=2&c=3", "a=1&c=3"},
+                 {"a", "a=1&b=2&c=3", "&b=2&c=3"},
+                 {"c", "a=1&b=2&c=3", "a=1&b=2"},
+                 {"d", "a=1&b=2", "a=1&b=2"},
+                 {"b", "ab=1&c=3", "a&c=3"}, // the key is found inside a longer name
+                 {"a", "a=", ""}};
     for (const Case& c : cases) {
         char query[64];
         strcpy(query, c.query);

@@ -39,6 +39,32 @@ public:
     std::atomic<int> runs{0};
 };
 
+class Recorder : public LProcessInterfaceVoid {
+public:
+    void SetStatus(const char* text, int) override { status = text; }
+    void SetError(const char* text) override { error = text; }
+    std::string status, error;
+};
+
+// Counts the living instances; waits for a stop request or ends at once.
+class Sleeper : public LDetachedThread {
+public:
+    explicit Sleeper(std::atomic<int>& alive, bool waitForStop)
+        : alive(alive), waitForStop(waitForStop) {
+        ++alive;
+    }
+    ~Sleeper() override {
+        StopThreadNow();
+        --alive;
+    }
+    void ThreadFunction() override {
+        if (waitForStop)
+            ProcessWait(0xFFFFFFFFu);
+    }
+    std::atomic<int>& alive;
+    bool waitForStop;
+};
+
 } // namespace
 
 TEST(WorkerThread, RunsOnItsOwnThreadOnceAtATimeAndRestarts) {
@@ -142,15 +168,6 @@ TEST(ProcessInterfaceVoid, NeverStopsAndWaitsPlainly) {
     EXPECT_EQ(kLProcessDone, none.ProcessWaitSignalObjectGroup(group, 100));
 }
 
-namespace {
-class Recorder : public LProcessInterfaceVoid {
-public:
-    void SetStatus(const char* text, int) override { status = text; }
-    void SetError(const char* text) override { error = text; }
-    std::string status, error;
-};
-} // namespace
-
 TEST(ProcessInterface, FormattedReportsAreTruncatedTo8191Bytes) {
     Recorder recorder;
     recorder.SetStatusF(7, "%d files", 3);
@@ -162,52 +179,19 @@ TEST(ProcessInterface, FormattedReportsAreTruncatedTo8191Bytes) {
     EXPECT_EQ(8191u, recorder.error.size());
 }
 
-namespace {
-
-class Sleeper : public LDetachedThread {
-public:
-    explicit Sleeper(std::atomic<int>& alive, bool waitForStop)
-        : alive(alive), waitForStop(waitForStop) {
-        ++alive;
-    }
-    ~Sleeper() override {
-        StopThreadNow();
-        --alive;
-    }
-    void ThreadFunction() override {
-        if (waitForStop)
-            ProcessWait(0xFFFFFFFFu);
-    }
-    std::atomic<int>& alive;
-    bool waitForStop;
-};
-
-} // namespace
-
-TEST(DetachedThreads, AThreadThatEndsDeletesItselfThroughItsOwner) {
-    std::atomic<int> alive{0};
-    LDetachedThreadsOwner owner;
-    for (int i = 0; i < 20; ++i) {
-        Sleeper* thread = new Sleeper(alive, false);
-        owner.AddThread(thread);
-        thread->StartDetached(owner);
-    }
-    const auto begin = Clock::now();
-    while (alive.load() > 0 && MillisecondsSince(begin) < 10000)
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    EXPECT_EQ(0, alive.load());
-    EXPECT_TRUE(owner.Threads.IsEmpty());
-}
-
-TEST(DetachedThreads, TheOwnerStopsAndDeletesThemAllButNoStranger) {
+TEST(DetachedThreads, EndedThreadsDeleteThemselvesAndTheOwnerStopsTheRestButNoStranger) {
     std::atomic<int> alive{0};
     {
         LDetachedThreadsOwner owner;
-        for (int i = 0; i < 10; ++i) {
-            Sleeper* thread = new Sleeper(alive, true);
+        for (int i = 0; i < 30; ++i) {
+            Sleeper* thread = new Sleeper(alive, i >= 20);
             owner.AddThread(thread);
             thread->StartDetached(owner);
         }
+        const auto begin = Clock::now();
+        while (alive.load() > 10 && MillisecondsSince(begin) < 10000)
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        EXPECT_EQ(10, alive.load()) << "the 20 that ended deleted themselves";
         owner.StopThreadsNow();
         EXPECT_EQ(0, alive.load());
         EXPECT_TRUE(owner.Threads.IsEmpty());
