@@ -1,5 +1,6 @@
 #include "llib/gen/charsets.h"
 
+#include <algorithm>
 #include <cstring>
 #include <gtest/gtest.h>
 #include <random>
@@ -11,20 +12,15 @@ namespace {
 constexpr wchar_t kCanaryWide = 0x5A5A5A5A;
 constexpr char kCanary = 0x5A;
 
-std::u32string Decoded(const wchar_t* text) {
-    std::u32string out;
-    for (; *text != 0; ++text)
-        out.push_back(static_cast<char32_t>(*text));
-    return out;
-}
-
 // Decodes into a buffer of exactly `size` characters followed by canaries.
 int Decode(const std::string& source, unsigned long size, std::u32string& out) {
     std::vector<wchar_t> buffer(size + 4, kCanaryWide);
     const int result = LCopyUTF32FromUTF8(buffer.data(), source.c_str(), size);
     for (unsigned long i = size; i < size + 4; ++i)
         EXPECT_EQ(kCanaryWide, buffer[i]) << "written past the destination, size " << size;
-    out = size > 0 ? Decoded(buffer.data()) : std::u32string();
+    out.clear();
+    if (size > 0)
+        out.assign(buffer.begin(), std::find(buffer.begin(), buffer.end(), 0));
     return result;
 }
 
@@ -55,12 +51,9 @@ int ReferenceDecode(const std::string& text, unsigned long size, std::u32string&
     int result = kLCopyDone;
     while (*s != 0) {
         const unsigned int c = *s;
-        const unsigned int t = c < 0xC0   ? 0
-                               : c < 0xE0 ? 1
-                               : c < 0xF0 ? 2
-                               : c < 0xF8 ? 3
-                               : c < 0xFC ? 4
-                                          : 5;
+        unsigned int t = 0; // trailing bytes: the leads C0, E0, F0, F8 and FC each add one
+        for (unsigned int lead = 0xC0; t < 5 && c >= lead; lead = 0x80 | lead >> 1)
+            ++t;
         total += t + 1;
         if (total >= size)
             return kLCopyTruncated;
@@ -120,11 +113,6 @@ TEST(UTF8Decoder, StopsBeforeACharacterThatWouldReachTheSize) {
     EXPECT_EQ(U"", out);
     EXPECT_EQ(kLCopyDone, Decode("\xC3\xA9", 3, out));
     EXPECT_EQ(U"\u00E9", out);
-    EXPECT_EQ(kLCopyTruncated, Decode("abc", 3, out));
-    EXPECT_EQ(U"ab", out);
-    EXPECT_EQ(kLCopyDone, Decode("abc", 4, out));
-    EXPECT_EQ(kLCopyTruncated, Decode("abc", 1, out));
-    EXPECT_EQ(U"", out);
     EXPECT_EQ(kLCopyTruncated, Decode("abc", 0, out));
 }
 
@@ -152,12 +140,27 @@ TEST(UTF8Decoder, RejectsMalformedInputKeepingWhatCameBefore) {
     }
     std::u32string out;
     EXPECT_EQ(kLCopyDone, Decode("\xED\x9F\xBF\xEE\x80\x80\xF4\x8F\xBF\xBF", 64, out));
-    EXPECT_EQ(U"\uD7FF\uE000\U0010FFFF", out);
+    EXPECT_EQ(U"\uD7FF\uE000\U0010FFFF", out) << "the neighbours of the excluded ranges";
 }
 
 TEST(UTF8Decoder, FastPathsAgreeWithTheStepByStepAlgorithm) {
+    // Runs of each length crossing the decoder's blocks, cut at every size.
+    std::string twoByte, threeByte;
+    for (int i = 0; i < 8; ++i)
+        twoByte += "\xC3\xA9";
+    for (int i = 0; i < 6; ++i)
+        threeByte += "\xE2\x82\xAC";
+    std::vector<std::string> texts = {
+        twoByte + "x" + twoByte + "yz" + twoByte,
+        std::string(15, 'a') + threeByte + "b" + threeByte + std::string(20, 'c'),
+        "\xF0\x9F\x98\x80" + std::string(16, 'd') + "\xF0\x9F\x98\x80" + "e\xF0\x9F\x98\x80",
+    };
+    std::vector<std::pair<std::string, unsigned long>> cases;
+    for (const std::string& text : texts)
+        for (unsigned long size = 0; size <= text.size() + 2; ++size)
+            cases.emplace_back(text, size);
+    // Random texts, some malformed, some longer than the decoder's look-ahead window.
     std::mt19937 random(20240611);
-    // Texts longer than the decoder's look-ahead window as well.
     std::string longText;
     while (longText.size() < 20000)
         longText += RandomText(random, false);
@@ -168,33 +171,14 @@ TEST(UTF8Decoder, FastPathsAgreeWithTheStepByStepAlgorithm) {
         unsigned long size = text.size() + 1;
         if (random() % 3 != 0)
             size = random() % (text.size() + 3) + 1;
-        std::u32string expected, out;
-        const int expectedResult = ReferenceDecode(text, size, expected);
-        ASSERT_EQ(expectedResult, Decode(text, size, out)) << round;
-        ASSERT_TRUE(expected == out) << round;
+        cases.emplace_back(text, size);
     }
-}
-
-TEST(UTF8Decoder, FastPathsStopAtEverySizeAcrossBlockBoundaries) {
-    std::string twoByte, threeByte;
-    for (int i = 0; i < 8; ++i)
-        twoByte += "\xC3\xA9";
-    for (int i = 0; i < 6; ++i)
-        threeByte += "\xE2\x82\xAC";
-    const std::string texts[] = {
-        twoByte + "x" + twoByte + "yz" + twoByte,
-        std::string(15, 'a') + threeByte + "b" + threeByte + std::string(20, 'c'),
-        "\xF0\x9F\x98\x80" + std::string(16, 'd') +
-            "\xF0\x9F\x98\x80"
-            "e\xF0\x9F\x98\x80",
-    };
-    for (const std::string& text : texts)
-        for (unsigned long size = 1; size <= text.size() + 2; ++size) {
-            std::u32string expected, out;
-            const int expectedResult = ReferenceDecode(text, size, expected);
-            ASSERT_EQ(expectedResult, Decode(text, size, out)) << size;
-            ASSERT_TRUE(expected == out) << size;
-        }
+    for (size_t i = 0; i < cases.size(); ++i) {
+        std::u32string expected, out;
+        const int expectedResult = ReferenceDecode(cases[i].first, cases[i].second, expected);
+        ASSERT_EQ(expectedResult, Decode(cases[i].first, cases[i].second, out)) << "case " << i;
+        ASSERT_TRUE(expected == out) << "case " << i;
+    }
 }
 
 TEST(UTF8Encoder, AgreesWithTheDecoderAndStopsAtEveryBoundary) {
@@ -229,17 +213,12 @@ TEST(UTF8Encoder, AgreesWithTheDecoderAndStopsAtEveryBoundary) {
     }
 }
 
-TEST(UTF8Encoder, EncodesEveryLengthAndReplacesOutOfRangeValues) {
+TEST(UTF8Encoder, ReplacesOutOfRangeValuesAndEncodesSurrogatesAsIs) {
     std::string out;
-    EXPECT_EQ(kLCopyDone, Encode(U"\U0001F600", 16, out));
-    EXPECT_EQ("\xF0\x9F\x98\x80", out);
-    EXPECT_EQ(kLCopyIllegalInput, Encode(std::u32string(1, 0x110000), 16, out));
-    EXPECT_EQ("\xEF\xBF\xBD", out);
     EXPECT_EQ(kLCopyIllegalInput, Encode(std::u32string{U'a', 0xFFFFFFFFu, U'b'}, 16, out));
     EXPECT_EQ("a\xEF\xBF\xBD"
               "b",
               out);
-    // Surrogate code points are encoded like any 3-byte value.
     EXPECT_EQ(kLCopyDone, Encode(std::u32string{0xD83D, 0xDE00}, 16, out));
     EXPECT_EQ("\xED\xA0\xBD\xED\xB8\x80", out);
     EXPECT_EQ(kLCopyTruncated, Encode(U"a", 0, out));
@@ -257,65 +236,49 @@ TEST(UTF8Coder, EveryScalarValueRoundTrips) {
     EXPECT_TRUE(all == back);
 }
 
-TEST(UnicodeText, SurrogatesAreCarriedUnitByUnit) {
-    char utf8[260]; // the unsized forms take a 260-character destination
+TEST(UnicodeText, SurrogatesAreCarriedUnitByUnitAndUnsizedFormsStopAt260) {
+    char utf8[260];
     const auto pair = Units({0xD83D, 0xDE00});
     LCopyUTF8FromUnicode(utf8, pair.data(), sizeof utf8);
     EXPECT_STREQ("\xED\xA0\xBD\xED\xB8\x80", utf8);
     unsigned short units[260];
     LCopyUnicodeFromUTF8(units, "\xF0\x9F\x98\x80!", 8);
-    EXPECT_EQ(0xF600, units[0]);
+    EXPECT_EQ(0xF600, units[0]) << "cut to 16 bits";
     EXPECT_EQ('!', units[1]);
-    EXPECT_EQ(0, units[2]);
-    // Unsized forms take 260 characters.
-    LCopyUnicodeFromUTF8(units, "\xC3\xA9");
-    EXPECT_EQ(0xE9, units[0]);
-    EXPECT_EQ(0, units[1]);
-    const auto e = Units({0xE9});
-    LCopyUTF8FromUnicode(utf8, e.data());
-    EXPECT_STREQ("\xC3\xA9", utf8);
-}
 
-TEST(UnicodeText, UnsizedFormsStopAt260) {
     const std::string source(1000, 'x');
-    std::vector<unsigned short> units(300, 0x5A5A);
-    LCopyUnicodeFromUTF8(units.data(), source.c_str());
-    EXPECT_EQ(0, units[259]);
-    EXPECT_EQ('x', units[258]);
-    EXPECT_EQ(0x5A5A, units[260]);
-    std::vector<unsigned short> longUnits(1000, 0xE9);
-    longUnits.push_back(0);
-    std::vector<char> utf8(300, kCanary);
-    LCopyUTF8FromUnicode(utf8.data(), longUnits.data());
-    EXPECT_EQ(258u, strlen(utf8.data())); // 129 two-byte characters
-    EXPECT_EQ(kCanary, utf8[260]);
+    std::vector<unsigned short> longUnits(300, 0x5A5A);
+    LCopyUnicodeFromUTF8(longUnits.data(), source.c_str());
+    EXPECT_EQ(0, longUnits[259]);
+    EXPECT_EQ(0x5A5A, longUnits[260]);
+    std::vector<unsigned short> wide(1000, 0xE9);
+    wide.push_back(0);
+    std::vector<char> out(300, kCanary);
+    LCopyUTF8FromUnicode(out.data(), wide.data());
+    EXPECT_EQ(258u, strlen(out.data())) << "129 whole two-byte characters";
+    EXPECT_EQ(kCanary, out[260]);
 }
 
 TEST(InvalidUTF8, EveryConverterStopsAtTheBadByteAndStaysTerminated) {
     const char* bad = "ok\xE0\x80\x80tail";
     unsigned short units[16];
     LCopyUnicodeFromUTF8(units, bad, 16);
-    EXPECT_EQ('o', units[0]);
-    EXPECT_EQ('k', units[1]);
     EXPECT_EQ(0, units[2]);
     char out[16];
     LCopyAnsiFromUTF8(out, bad, sizeof out);
     EXPECT_STREQ("ok", out);
     LCopyToISO88591(out, bad, sizeof out);
     EXPECT_STREQ("ok", out);
-    LCopyToISO88591(out, bad);
-    EXPECT_STREQ("ok", out);
     LStringLongTemplate<unsigned short> string16;
     LStringLongTemplate<char> string8;
     string8 = bad;
     LCopyUnicodeFromUTF8(string16, string8);
     EXPECT_EQ(2u, string16.nLength);
-    // Bytes that are not UTF-8 at all are not ISO-8859-1 text the other way round either.
     LCopyToISO88591(out, "\xFF\xFE", sizeof out);
     EXPECT_STREQ("", out);
 }
 
-TEST(ISO88591, StopsAtTheFirstCharacterOutsideLatin1) {
+TEST(ISO88591, ConvertsWholeCharactersOnlyAndStopsOutsideLatin1) {
     char out[16];
     LCopyToISO88591(out,
                     "a\xC3\xA9\xE2\x82\xAC"
@@ -324,29 +287,21 @@ TEST(ISO88591, StopsAtTheFirstCharacterOutsideLatin1) {
     EXPECT_STREQ("a\xE9", out);
     LCopyToWIN1252(out, "\xC3\xA9t\xC3\xA9", sizeof out);
     EXPECT_STREQ("\xE9t\xE9", out);
-    LCopyFromISO88591(out, "caf\xE9", sizeof out);
-    EXPECT_STREQ("caf\xC3\xA9", out);
     LCopyFromWIN1252(out, "\xE9", sizeof out);
     EXPECT_STREQ("\xC3\xA9", out);
     LCopyFromISO88591(out, "caf\xE9");
     EXPECT_STREQ("caf", out) << "the unsized form holds strlen + 1 bytes: no room for the last";
-}
 
-TEST(ISO88591, FillingTheDestinationKeepsWholeCharactersAndTheTerminator) {
+    // Every size keeps the whole characters that fit, and the terminator.
     const std::string whole = "ab\xC3\xA9\xC3\xA9";
+    const size_t fitting[] = {0, 0, 1, 2, 2, 4, 4, 6, 6};
     for (unsigned long size = 1; size <= 8; ++size) {
-        std::vector<char> out(size + 4, kCanary);
-        LCopyFromISO88591(out.data(), "ab\xE9\xE9", size);
-        EXPECT_EQ(kCanary, out[size]) << size;
-        const std::string result(out.data());
-        ASSERT_LT(result.size(), size);
-        EXPECT_EQ(whole.substr(0, result.size()), result);
-        EXPECT_NE(3u, result.size()) << "a character was cut";
-        EXPECT_NE(5u, result.size()) << "a character was cut";
-        EXPECT_GE(result.size() + 2, size - 1) << "whole characters that fit are kept";
+        std::vector<char> buffer(size + 4, kCanary);
+        LCopyFromISO88591(buffer.data(), "ab\xE9\xE9", size);
+        EXPECT_EQ(kCanary, buffer[size]) << size;
+        EXPECT_EQ(whole.substr(0, fitting[size]), buffer.data()) << size;
     }
-    char out[4];
-    LCopyIconvFixedLength(out, "abc", sizeof out, "NO-SUCH-ENCODING", "UTF-8");
+    LCopyIconvFixedLength(out, "abc", 4, "NO-SUCH-ENCODING", "UTF-8");
     EXPECT_STREQ("", out);
 }
 
@@ -355,7 +310,6 @@ TEST(Ansi, ReadsWindowsLatin1AndWritesISOLatin1AllOrNothing) {
     LCopyUnicodeFromAnsi(units, "\x80\xE9", 8);
     EXPECT_EQ(0x20AC, units[0]);
     EXPECT_EQ(0xE9, units[1]);
-    EXPECT_EQ(0, units[2]);
     char ansi[8] = "junk";
     LCopyAnsiFromUnicode(ansi, units, sizeof ansi);
     EXPECT_STREQ("", ansi) << "the euro sign is not ISO Latin-1";
@@ -364,21 +318,15 @@ TEST(Ansi, ReadsWindowsLatin1AndWritesISOLatin1AllOrNothing) {
     EXPECT_STREQ("c\xE9", ansi);
     LCopyAnsiFromUnicode(ansi, e.data(), 2);
     EXPECT_STREQ("", ansi) << "does not fit: nothing";
-    LCopyUnicodeFromAnsi(units, "abc", 3);
-    EXPECT_EQ(0, units[0]);
 
     char utf8[16];
     LCopyUTF8FromAnsi(utf8, "caf\xE9 \x80", sizeof utf8);
     EXPECT_STREQ("caf\xC3\xA9 \xE2\x82\xAC", utf8);
-    LCopyAnsiFromUTF8(ansi, "caf\xC3\xA9", sizeof ansi);
-    EXPECT_STREQ("caf\xE9", ansi);
     LCopyAnsiFromUTF8(ansi, "\xE2\x82\xAC", sizeof ansi);
     EXPECT_STREQ("", ansi);
     // Larger than the stack temporary.
     std::string big(5000, 'q');
     std::vector<char> bigOut(5001);
-    LCopyUTF8FromAnsi(bigOut.data(), big.c_str(), bigOut.size());
-    EXPECT_EQ(big, bigOut.data());
     LCopyAnsiFromUTF8(bigOut.data(), big.c_str(), bigOut.size());
     EXPECT_EQ(big, bigOut.data());
 }
@@ -387,30 +335,23 @@ TEST(OtherForms, ShiftJISIsCopiedAndBigEndianUnitsAreSwapped) {
     char out[4];
     LCopyToSHIFTJIS932(out, "\x82\xA0\x82\xA2", sizeof out);
     EXPECT_STREQ("\x82\xA0\x82", out);
-    LCopyFromSHIFTJIS932(out, "ab", sizeof out);
-    EXPECT_STREQ("ab", out);
 
     unsigned short units[5];
     const auto ab = Units({'A', 'B'});
     EXPECT_EQ(2u, LCopyToBigEndianUnicode(units, ab.data(), 4, false));
     const unsigned char expected[8] = {0x00, 0x41, 0x00, 0x42, 0x00, 0x20, 0x00, 0x20};
-    EXPECT_EQ(0, memcmp(expected, units, 8));
+    EXPECT_EQ(0, memcmp(expected, units, 8)) << "padded with spaces";
     EXPECT_EQ(1u, LCopyToBigEndianUnicode(units, ab.data(), 1, true));
     EXPECT_EQ(0, units[1]);
-    EXPECT_EQ(0u, LCopyToBigEndianUnicode(units, szEmptyStringUTF16, 4, true));
-    EXPECT_EQ(0, units[0]);
 }
 
 TEST(UTF8Length, CountsLeadBytesAndCopiesWholeCharacters) {
-    EXPECT_EQ(0u, utf8strlen(""));
     EXPECT_EQ(4u, utf8strlen("a\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80"));
     EXPECT_EQ(2u, utf8strlen("a\xF0\x9F")) << "stops at the terminator inside a character";
-
     char out[8];
     EXPECT_EQ(1u, utf8strlcpy(out, "a\xC3\xA9", 3));
     EXPECT_STREQ("a", out);
     EXPECT_EQ(3u, utf8strlcpy(out, "a\xC3\xA9", 4));
-    EXPECT_STREQ("a\xC3\xA9", out);
     EXPECT_EQ(1u, utf8strlcpy(out, "a\xE2\x82", sizeof out));
     EXPECT_STREQ("a", out);
     out[0] = 'z';
@@ -420,46 +361,23 @@ TEST(UTF8Length, CountsLeadBytesAndCopiesWholeCharacters) {
     EXPECT_STREQ("", out);
 }
 
-TEST(GrowableStrings, SizesAndLengthsFollowEachConversion) {
-    LStringLongTemplate<char> text;
-    text = "previous";
+TEST(GrowableStrings, LengthsFollowEachConversion) {
     const auto e = Units({'d', 0xE9, 0x20AC});
-    LCopyFromUnicode(text, e.data());
-    EXPECT_STREQ("d\xC3\xA9\xE2\x82\xAC", text.pData);
-    EXPECT_EQ(0u, text.nLength);
-    EXPECT_GE(text.nSize, 19u);
-
     LStringLongTemplate<unsigned short> units;
     units = e.data();
-    LStringLongTemplate<char> utf8;
+    LStringLongTemplate<char> utf8, ansi;
     LCopyUTF8FromUnicode(utf8, units);
     EXPECT_STREQ("d\xC3\xA9\xE2\x82\xAC", utf8.pData);
     EXPECT_EQ(6u, utf8.nLength);
-    EXPECT_EQ(19u, utf8.nSize);
-
-    LStringLongTemplate<char> ansi;
     LCopyAnsiFromUnicode(ansi, units);
     EXPECT_STREQ("", ansi.pData) << "the euro sign does not convert";
-    EXPECT_EQ(0u, ansi.nLength);
 
     LStringLongTemplate<char> source;
     source = "caf\xE9";
     LStringLongTemplate<unsigned short> back;
     LCopyUnicodeFromAnsi(back, source);
     EXPECT_EQ(4u, back.nLength);
-    EXPECT_EQ(0xE9, back.pData[3]);
-
-    LStringLongTemplate<char> empty;
-    LCopyUnicodeFromUTF8(back, empty);
+    LCopyUnicodeFromUTF8(back, LStringLongTemplate<char>());
     EXPECT_EQ(0u, back.nLength);
     EXPECT_EQ(0, back.pData[0]);
-
-    LStringLongTemplate<char> latin;
-    LCopyFromISO88591(latin, "\xE9t\xE9");
-    EXPECT_STREQ("\xC3\xA9t\xC3\xA9", latin.pData);
-    EXPECT_EQ(19u, latin.nSize);
-    LCopyToISO88591(latin, "\xC3\xA9t\xC3\xA9");
-    EXPECT_STREQ("\xE9t\xE9", latin.pData);
-    LCopyToSHIFTJIS932(latin, "\x82\xA0");
-    EXPECT_STREQ("\x82\xA0", latin.pData);
 }

