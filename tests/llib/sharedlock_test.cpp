@@ -51,8 +51,8 @@ TEST(SharedLock, UpgradeWaitsForOtherReadersAndKeepsNewOnesOut) {
         lock.UpgradeLock();
         stage = 1; // exclusive now
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        stage = 2; // set while still exclusive, so a reader let in by the downgrade sees it
         lock.DowngradeLock();
-        stage = 2;
         lock.UnlockShared();
     });
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
