@@ -10,6 +10,7 @@
 
 #include "llib/gen/array.h"
 #include "platform/cfstring.h"
+#include "utf8encodeblocks.h"
 
 const unsigned short szEmptyStringUTF16[1] = {0};
 
@@ -367,12 +368,15 @@ int LCopyUTF8FromUTF32Native(char* destination, const wchar_t* source, unsigned 
     // can be read there.
     const wchar_t* known = source;
     bool more = true;
+    const bool blocks = llib_utf8::BlockEncoderAvailable();
     for (;;) {
 #ifdef __SSE2__
         if (known - source < 16 && more) {
             known = source + wcsnlen(source, kWindow);
             more = known - source == static_cast<long>(kWindow);
         }
+        if (blocks)
+            llib_utf8::EncodeBlocks(source, out, room, known);
         while (known - source >= 16 && room >= 16) {
             // Store all 16 (there is room); the ASCII ones before the first other character are
             // kept.

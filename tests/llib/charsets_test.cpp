@@ -159,6 +159,15 @@ TEST(UTF8Decoder, FastPathsAgreeWithTheStepByStepAlgorithm) {
     for (const std::string& text : texts)
         for (unsigned long size = 0; size <= text.size() + 2; ++size)
             cases.emplace_back(text, size);
+    // Text without ASCII runs, with each kind of malformed sequence at every place in and
+    // around a 16-byte block, so the whole-block check meets it at every position.
+    std::string dense;
+    for (int i = 0; i < 6; ++i)
+        dense += "\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80z\xD0\xB6";
+    for (const char* bad : {"\x80", "\xC1\xBF", "\xE0\x9F\xBF", "\xED\xA0\x80", "\xF0\x8F\xBF\xBF",
+                            "\xF4\x90\x80\x80", "\xF5\x80\x80\x80", "\xE2\x82", "\xF0\x9F\x98"})
+        for (size_t at = 0; at <= 40; ++at)
+            cases.emplace_back(dense.substr(0, at) + bad + dense.substr(at), dense.size() + 8);
     // Random texts, some malformed, some longer than the decoder's look-ahead window.
     std::mt19937 random(20240611);
     std::string longText;
@@ -222,6 +231,26 @@ TEST(UTF8Encoder, ReplacesOutOfRangeValuesAndEncodesSurrogatesAsIs) {
     EXPECT_EQ(kLCopyDone, Encode(std::u32string{0xD83D, 0xDE00}, 16, out));
     EXPECT_EQ("\xED\xA0\xBD\xED\xB8\x80", out);
     EXPECT_EQ(kLCopyTruncated, Encode(U"a", 0, out));
+    // An out-of-range value at every place in and around the encoder's blocks.
+    std::u32string mixed;
+    std::string mixedUtf8;
+    for (int i = 0; i < 12; ++i) {
+        mixed += U"\u00E9\u20ACz\U0001F600";
+        mixedUtf8 += "\xC3\xA9\xE2\x82\xAC"
+                     "z\xF0\x9F\x98\x80";
+    }
+    for (size_t at = 0; at < 40; ++at) {
+        for (char32_t bad : {char32_t(0x110000), char32_t(0x80000000u)}) {
+            std::u32string text = mixed;
+            text.insert(at, 1, bad);
+            size_t bytes = 0;
+            for (size_t i = 0; i < at; ++i)
+                bytes += mixed[i] < 0x80 ? 1 : mixed[i] < 0x800 ? 2 : mixed[i] < 0x10000 ? 3 : 4;
+            ASSERT_EQ(kLCopyIllegalInput, Encode(text, 400, out)) << at;
+            ASSERT_EQ(mixedUtf8.substr(0, bytes) + "\xEF\xBF\xBD" + mixedUtf8.substr(bytes), out)
+                << at;
+        }
+    }
 }
 
 TEST(UTF8Coder, EveryScalarValueRoundTrips) {
