@@ -10,7 +10,7 @@
 
 #include "llib/gen/array.h"
 #include "platform/cfstring.h"
-#include "utf8encodeblocks.h"
+#include "utf8blocks.h"
 
 const unsigned short szEmptyStringUTF16[1] = {0};
 
@@ -256,13 +256,16 @@ int LCopyUTF32FromUTF8Native(wchar_t* destination, const char* source, unsigned 
     // never beyond the allowance), so the fast path may read ahead there.
     const unsigned char* known = in;
     bool more = true;
+    const llib_utf8::DecodeBlocksFunction decodeBlocks = llib_utf8::BlockDecoder();
     for (;;) {
 #ifdef __SSE2__
-        if (known - in < 16 && more) {
+        if (known - in < 64 && more) {
             const unsigned long limit = allowance < kWindow ? allowance : kWindow;
             known = in + strnlen(reinterpret_cast<const char*>(in), limit);
             more = static_cast<unsigned long>(known - in) == kWindow;
         }
+        if (decodeBlocks != nullptr)
+            decodeBlocks(in, out, allowance, known);
         DecodeFast(reinterpret_cast<const unsigned char*>(source), in, out, allowance, known);
 #endif
         // The careful path: one character.
@@ -368,15 +371,15 @@ int LCopyUTF8FromUTF32Native(char* destination, const wchar_t* source, unsigned 
     // can be read there.
     const wchar_t* known = source;
     bool more = true;
-    const bool blocks = llib_utf8::BlockEncoderAvailable();
+    const llib_utf8::EncodeBlocksFunction encodeBlocks = llib_utf8::BlockEncoder();
     for (;;) {
 #ifdef __SSE2__
         if (known - source < 16 && more) {
             known = source + wcsnlen(source, kWindow);
             more = known - source == static_cast<long>(kWindow);
         }
-        if (blocks)
-            llib_utf8::EncodeBlocks(source, out, room, known);
+        if (encodeBlocks != nullptr)
+            encodeBlocks(source, out, room, known);
         while (known - source >= 16 && room >= 16) {
             // Store all 16 (there is room); the ASCII ones before the first other character are
             // kept.

@@ -115,7 +115,8 @@ void LDebugThreadDataStartThread(const char* name) {
     unsigned int index = kNotInTable;
     loDebugThreads.Lock();
     for (unsigned int i = 0; i < gnDebugThreads; ++i) {
-        if (gDebugThreadData[i].dwThreadId == LDEBUG_THREAD_FREE) {
+        if (__atomic_load_n(&gDebugThreadData[i].dwThreadId, __ATOMIC_ACQUIRE) ==
+            LDEBUG_THREAD_FREE) {
             index = i;
             break;
         }
@@ -126,7 +127,8 @@ void LDebugThreadDataStartThread(const char* name) {
             return;
         }
         index = gnDebugThreads;
-        gDebugThreadData[index].dwThreadId = LDEBUG_THREAD_CLAIMED;
+        __atomic_store_n(&gDebugThreadData[index].dwThreadId, LDEBUG_THREAD_CLAIMED,
+                         __ATOMIC_RELEASE);
         __atomic_store_n(&gnDebugThreads, gnDebugThreads + 1, __ATOMIC_RELEASE);
     } else {
         __atomic_store_n(&gDebugThreadData[index].dwThreadId, LDEBUG_THREAD_CLAIMED,
@@ -150,7 +152,8 @@ void LDebugThreadDataStopThread() {
     if (index != kNotInTable) {
         __atomic_store_n(&gDebugThreadData[index].dwThreadId, LDEBUG_THREAD_FREE, __ATOMIC_RELEASE);
         unsigned int count = gnDebugThreads;
-        while (count > 0 && gDebugThreadData[count - 1].dwThreadId == LDEBUG_THREAD_FREE)
+        while (count > 0 && __atomic_load_n(&gDebugThreadData[count - 1].dwThreadId,
+                                            __ATOMIC_ACQUIRE) == LDEBUG_THREAD_FREE)
             --count;
         __atomic_store_n(&gnDebugThreads, count, __ATOMIC_RELEASE);
     }

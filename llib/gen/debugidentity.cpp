@@ -45,7 +45,7 @@ int LDebugGenerateXIString(char* destination, const char* first, const char* sec
     loDebugThreads.Lock();
     for (unsigned int i = 0; i < gnDebugThreads && i < LDEBUG_MAX_THREADS; ++i) {
         const LDebugThreadData& record = gDebugThreadData[i];
-        if (record.dwThreadId != port)
+        if (__atomic_load_n(&record.dwThreadId, __ATOMIC_ACQUIRE) != port)
             continue;
         if (record.szTag[0] >= '0' && record.szTag[0] <= '9')
             tag[0] = 0;

@@ -1,4 +1,5 @@
 #include "llib/gen/charsets.h"
+#include "llib/gen/utf8blocks.h"
 
 #include <algorithm>
 #include <cstring>
@@ -105,6 +106,18 @@ std::string RandomText(std::mt19937& random, bool malformed) {
     return text;
 }
 
+// Runs a test at each level of vector instructions (up to what the processor has), the plain
+// code included.
+class EachBlockLevel : public ::testing::TestWithParam<llib_utf8::BlockLevel> {
+protected:
+    void SetUp() override { llib_utf8::LimitBlockLevel(GetParam()); }
+    void TearDown() override { llib_utf8::LimitBlockLevel(llib_utf8::kBlocksAvx512); }
+};
+
+INSTANTIATE_TEST_SUITE_P(Levels, EachBlockLevel,
+                         ::testing::Values(llib_utf8::kBlocksNone, llib_utf8::kBlocksAvx2,
+                                           llib_utf8::kBlocksAvx512));
+
 } // namespace
 
 TEST(UTF8Decoder, StopsBeforeACharacterThatWouldReachTheSize) {
@@ -143,7 +156,7 @@ TEST(UTF8Decoder, RejectsMalformedInputKeepingWhatCameBefore) {
     EXPECT_EQ(U"\uD7FF\uE000\U0010FFFF", out) << "the neighbours of the excluded ranges";
 }
 
-TEST(UTF8Decoder, FastPathsAgreeWithTheStepByStepAlgorithm) {
+TEST_P(EachBlockLevel, DecoderAgreesWithTheStepByStepAlgorithm) {
     // Runs of each length crossing the decoder's blocks, cut at every size.
     std::string twoByte, threeByte;
     for (int i = 0; i < 8; ++i)
@@ -160,13 +173,13 @@ TEST(UTF8Decoder, FastPathsAgreeWithTheStepByStepAlgorithm) {
         for (unsigned long size = 0; size <= text.size() + 2; ++size)
             cases.emplace_back(text, size);
     // Text without ASCII runs, with each kind of malformed sequence at every place in and
-    // around a 16-byte block, so the whole-block check meets it at every position.
+    // just after a 64-byte block, so the whole-block checks meet it at every position.
     std::string dense;
-    for (int i = 0; i < 6; ++i)
+    for (int i = 0; i < 12; ++i)
         dense += "\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80z\xD0\xB6";
     for (const char* bad : {"\x80", "\xC1\xBF", "\xE0\x9F\xBF", "\xED\xA0\x80", "\xF0\x8F\xBF\xBF",
                             "\xF4\x90\x80\x80", "\xF5\x80\x80\x80", "\xE2\x82", "\xF0\x9F\x98"})
-        for (size_t at = 0; at <= 40; ++at)
+        for (size_t at = 0; at <= 70; ++at)
             cases.emplace_back(dense.substr(0, at) + bad + dense.substr(at), dense.size() + 8);
     // Random texts, some malformed, some longer than the decoder's look-ahead window.
     std::mt19937 random(20240611);
@@ -190,7 +203,7 @@ TEST(UTF8Decoder, FastPathsAgreeWithTheStepByStepAlgorithm) {
     }
 }
 
-TEST(UTF8Encoder, AgreesWithTheDecoderAndStopsAtEveryBoundary) {
+TEST_P(EachBlockLevel, EncoderAgreesWithTheDecoderAndStopsAtEveryBoundary) {
     std::mt19937 random(7);
     for (int round = 0; round < 2000; ++round) {
         const std::string text = RandomText(random, false);
@@ -222,7 +235,7 @@ TEST(UTF8Encoder, AgreesWithTheDecoderAndStopsAtEveryBoundary) {
     }
 }
 
-TEST(UTF8Encoder, ReplacesOutOfRangeValuesAndEncodesSurrogatesAsIs) {
+TEST_P(EachBlockLevel, EncoderReplacesOutOfRangeValuesAndEncodesSurrogatesAsIs) {
     std::string out;
     EXPECT_EQ(kLCopyIllegalInput, Encode(std::u32string{U'a', 0xFFFFFFFFu, U'b'}, 16, out));
     EXPECT_EQ("a\xEF\xBF\xBD"
@@ -234,7 +247,7 @@ TEST(UTF8Encoder, ReplacesOutOfRangeValuesAndEncodesSurrogatesAsIs) {
     // An out-of-range value at every place in and around the encoder's blocks.
     std::u32string mixed;
     std::string mixedUtf8;
-    for (int i = 0; i < 12; ++i) {
+    for (int i = 0; i < 16; ++i) {
         mixed += U"\u00E9\u20ACz\U0001F600";
         mixedUtf8 += "\xC3\xA9\xE2\x82\xAC"
                      "z\xF0\x9F\x98\x80";
@@ -253,7 +266,7 @@ TEST(UTF8Encoder, ReplacesOutOfRangeValuesAndEncodesSurrogatesAsIs) {
     }
 }
 
-TEST(UTF8Coder, EveryScalarValueRoundTrips) {
+TEST_P(EachBlockLevel, EveryScalarValueRoundTrips) {
     std::u32string all;
     for (char32_t c = 1; c <= 0x10FFFF; ++c)
         if (c < 0xD800 || c > 0xDFFF)

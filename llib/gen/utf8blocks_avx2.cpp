@@ -1,11 +1,13 @@
-#include "utf8encodeblocks.h"
+// UTF-32 to UTF-8 eight characters a step with AVX2: each character's bytes are built at the end
+// of its 32-bit lane, the lead first, and gathered with one shuffle per four characters.
+#include "utf8blocks.h"
 
 #if defined(__x86_64__) || defined(__i386__)
 
 #include <immintrin.h>
 
-// The block encoder is compiled for AVX2 whatever the rest of the library targets, and runs only
-// after the processor has said it has it.
+// Compiled for AVX2 whatever the rest of the library targets; runs only after the processor has
+// said it has it.
 #define LLIB_AVX2 __attribute__((target("avx2")))
 
 namespace llib_utf8 {
@@ -91,8 +93,8 @@ LLIB_AVX2 inline bool EncodeEight(const wchar_t* source, unsigned char*& out, un
 
 } // namespace
 
-LLIB_AVX2 void EncodeBlocks(const wchar_t*& source, unsigned char*& out, unsigned long& room,
-                            const wchar_t* known) {
+LLIB_AVX2 void EncodeBlocksAvx2(const wchar_t*& source, unsigned char*& out, unsigned long& room,
+                                const wchar_t* known) {
     const __m256i aboveAscii = Lanes(~0x7Fu);
     while (known - source >= 16 && room >= 64) {
         const __m256i a = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(source));
@@ -116,23 +118,6 @@ LLIB_AVX2 void EncodeBlocks(const wchar_t*& source, unsigned char*& out, unsigne
         source += 8;
     }
 }
-
-bool BlockEncoderAvailable() {
-    static const bool available = __builtin_cpu_supports("avx2");
-    return available;
-}
-
-} // namespace llib_utf8
-
-#else
-
-namespace llib_utf8 {
-
-bool BlockEncoderAvailable() {
-    return false;
-}
-
-void EncodeBlocks(const wchar_t*&, unsigned char*&, unsigned long&, const wchar_t*) {}
 
 } // namespace llib_utf8
 

@@ -1,0 +1,38 @@
+// UTF-8 coding many characters a step with the processor's vector instructions. A block coder
+// stops where it cannot go on (a malformed block, a value above U+10FFFF, fewer than a block of
+// known text, too little room) and leaves that place to the coder's step-by-step path, which
+// gives the exact result, including the result code.
+#pragma once
+
+namespace llib_utf8 {
+
+// Decodes while at least 64 bytes before `known` remain; the bytes before `known` are neither
+// the terminator nor beyond `allowance`, and the destination has room for `allowance`
+// characters. Consumes whole characters only.
+using DecodeBlocksFunction = void (*)(const unsigned char*& in, wchar_t*& out,
+                                      unsigned long& allowance, const unsigned char* known);
+
+// Encodes while at least 16 characters before `known` remain and `room` (the bytes the
+// destination can still take) is at least 64. Stops before a block holding a value above
+// U+10FFFF.
+using EncodeBlocksFunction = void (*)(const wchar_t*& source, unsigned char*& out,
+                                      unsigned long& room, const wchar_t* known);
+
+// The block coders this processor runs; null when it has none.
+DecodeBlocksFunction BlockDecoder();
+EncodeBlocksFunction BlockEncoder();
+
+// Vector instruction levels, each including the ones before it.
+enum BlockLevel { kBlocksNone, kBlocksAvx2, kBlocksAvx512 };
+
+// Uses no level above `level` from now on, so that every path can be tested on one machine.
+void LimitBlockLevel(BlockLevel level);
+
+void EncodeBlocksAvx2(const wchar_t*& source, unsigned char*& out, unsigned long& room,
+                      const wchar_t* known);
+void DecodeBlocksAvx512(const unsigned char*& in, wchar_t*& out, unsigned long& allowance,
+                        const unsigned char* known);
+void EncodeBlocksAvx512(const wchar_t*& source, unsigned char*& out, unsigned long& room,
+                        const wchar_t* known);
+
+} // namespace llib_utf8

@@ -1,0 +1,179 @@
+// UTF-8 to UTF-32 sixty-four bytes a step, and UTF-32 to UTF-8 sixteen characters a step, with
+// AVX-512 (byte permutes and byte compression included).
+#include "utf8blocks.h"
+
+#if defined(__x86_64__) || defined(__i386__)
+
+#include <cstdint>
+#include <immintrin.h>
+
+// GCC 12's AVX-512 intrinsics start their results from _mm512_undefined_epi32(), which its
+// maybe-uninitialized analysis reports once they are inlined here (GCC bug 105593).
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#endif
+
+// Compiled for these extensions whatever the rest of the library targets; runs only after the
+// processor has said it has them.
+#define LLIB_AVX512                                                                                \
+    __attribute__((target("avx512f,avx512bw,avx512vl,avx512vbmi,avx512vbmi2,popcnt")))
+
+namespace llib_utf8 {
+namespace {
+
+// Byte indexes into a block and the 64 bytes after it: for each of four groups of sixteen
+// positions, the four bytes from each position on, the position's own byte highest in its
+// 32-bit lane; and the byte after each position.
+struct Gather {
+    unsigned char group[4][64];
+    unsigned char next[64];
+    constexpr Gather() : group(), next() {
+        for (int g = 0; g < 4; ++g)
+            for (int lane = 0; lane < 16; ++lane)
+                for (int b = 0; b < 4; ++b)
+                    group[g][lane * 4 + b] = static_cast<unsigned char>(16 * g + lane + 3 - b);
+        for (int i = 0; i < 64; ++i)
+            next[i] = static_cast<unsigned char>(i + 1);
+    }
+};
+alignas(64) constexpr Gather kGather;
+
+LLIB_AVX512 inline __m512i Bytes(int value) {
+    return _mm512_set1_epi8(static_cast<char>(value));
+}
+
+LLIB_AVX512 inline __m512i Lanes(unsigned int value) {
+    return _mm512_set1_epi32(static_cast<int>(value));
+}
+
+LLIB_AVX512 inline __m512i Load64(const void* at) {
+    return _mm512_loadu_si512(at);
+}
+
+} // namespace
+
+LLIB_AVX512 void DecodeBlocksAvx512(const unsigned char*& in, wchar_t*& out,
+                                    unsigned long& allowance, const unsigned char* known) {
+    // By a lead byte's high nibble: how far the joined fields are shifted down, and the bits of
+    // the value that are left (the lead's length marks go with the rest).
+    const __m512i shiftByNibble =
+        _mm512_setr_epi32(18, 18, 18, 18, 18, 18, 18, 18, 0, 0, 0, 0, 12, 12, 6, 0);
+    const __m512i valueByNibble = _mm512_setr_epi32(0x7F, 0x7F, 0x7F, 0x7F, 0x7F, 0x7F, 0x7F, 0x7F,
+                                                    0, 0, 0, 0, 0x7FF, 0x7FF, 0xFFFF, 0x1FFFFF);
+    while (known - in >= 64) {
+        const __m512i block = Load64(in);
+        if (_mm512_movepi8_mask(block) == 0) {
+            for (int quarter = 0; quarter < 4; ++quarter)
+                _mm512_storeu_si512(out + 16 * quarter,
+                                    _mm512_cvtepu8_epi32(_mm_loadu_si128(
+                                        reinterpret_cast<const __m128i*>(in + 16 * quarter))));
+            in += 64;
+            out += 64;
+            allowance -= 64;
+            continue;
+        }
+        // The bytes after the block, as far as they are known (the rest reads as zero, which
+        // no character continues with).
+        const long rest = known - in - 64;
+        const __mmask64 present = rest >= 64 ? ~0ULL : (1ULL << rest) - 1;
+        const __m512i after = _mm512_maskz_loadu_epi8(present, in + 64);
+
+        // Well formed: trailing bytes exactly where the leads say (in the block and in the three
+        // bytes after it; the block starts at a lead), no C0, C1 or F5 to FF, and the narrower
+        // second-byte ranges after E0, ED, F0 and F4.
+        const uint64_t trailing =
+            _mm512_cmpeq_epi8_mask(_mm512_and_si512(block, Bytes(0xC0)), Bytes(0x80));
+        const uint64_t two = _mm512_cmpge_epu8_mask(block, Bytes(0xC0));
+        const uint64_t three = _mm512_cmpge_epu8_mask(block, Bytes(0xE0));
+        const uint64_t four = _mm512_cmpge_epu8_mask(block, Bytes(0xF0));
+        const uint64_t wanted = two << 1 | three << 2 | four << 3;
+        const uint64_t spill = two >> 63 | three >> 62 | four >> 61;
+        const uint64_t trailingAfter =
+            _mm512_cmpeq_epi8_mask(_mm512_and_si512(after, Bytes(0xC0)), Bytes(0x80));
+        uint64_t bad = (wanted ^ trailing) | (spill & ~trailingAfter);
+        bad |= _mm512_cmpeq_epi8_mask(_mm512_and_si512(block, Bytes(0xFE)), Bytes(0xC0));
+        bad |= _mm512_cmpgt_epu8_mask(block, Bytes(0xF4));
+        const __m512i second = _mm512_permutex2var_epi8(block, Load64(kGather.next), after);
+        bad |= _mm512_mask_cmplt_epu8_mask(_mm512_cmpeq_epi8_mask(block, Bytes(0xE0)), second,
+                                           Bytes(0xA0));
+        bad |= _mm512_mask_cmpgt_epu8_mask(_mm512_cmpeq_epi8_mask(block, Bytes(0xED)), second,
+                                           Bytes(0x9F));
+        bad |= _mm512_mask_cmplt_epu8_mask(_mm512_cmpeq_epi8_mask(block, Bytes(0xF0)), second,
+                                           Bytes(0x90));
+        bad |= _mm512_mask_cmpgt_epu8_mask(_mm512_cmpeq_epi8_mask(block, Bytes(0xF4)), second,
+                                           Bytes(0x8F));
+        if (bad != 0)
+            return;
+
+        // Each position's four bytes in a lane (b0 highest), the trailing bytes' marks off and
+        // the lead's top bit off, the 6-bit fields joined as b0 << 18 | b1 << 12 | b2 << 6 | b3,
+        // the bytes beyond the character shifted out and the lead's marks masked off. The lanes
+        // of lead positions are kept.
+        const uint64_t leads = ~trailing;
+        for (int g = 0; g < 4; ++g) {
+            __m512i lanes = _mm512_permutex2var_epi8(block, Load64(kGather.group[g]), after);
+            const __m512i nibble = _mm512_srli_epi32(lanes, 28);
+            lanes = _mm512_and_si512(lanes, Lanes(0x7F3F3F3F));
+            lanes = _mm512_maddubs_epi16(lanes, _mm512_set1_epi16(0x4001));
+            lanes = _mm512_madd_epi16(lanes, Lanes(0x10000001));
+            lanes = _mm512_and_si512(
+                _mm512_srlv_epi32(lanes, _mm512_permutexvar_epi32(nibble, shiftByNibble)),
+                _mm512_permutexvar_epi32(nibble, valueByNibble));
+            const __mmask16 chosen = static_cast<__mmask16>(leads >> (16 * g));
+            _mm512_storeu_si512(out, _mm512_maskz_compress_epi32(chosen, lanes));
+            out += __builtin_popcount(chosen);
+        }
+        const unsigned int consumed = 64 + static_cast<unsigned int>(__builtin_popcountll(spill));
+        in += consumed;
+        allowance -= consumed;
+    }
+}
+
+LLIB_AVX512 void EncodeBlocksAvx512(const wchar_t*& source, unsigned char*& out,
+                                    unsigned long& room, const wchar_t* known) {
+    const __m512i byteInLane = Lanes(0x03020100);
+    while (known - source >= 16 && room >= 64) {
+        const __m512i v = Load64(source);
+        if (_mm512_cmpgt_epu32_mask(v, Lanes(0x10FFFF)) != 0)
+            return;
+        const __mmask16 two = _mm512_cmpgt_epu32_mask(v, Lanes(0x7F));
+        if (two == 0) {
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(out), _mm512_cvtepi32_epi8(v));
+            source += 16;
+            out += 16;
+            room -= 16;
+            continue;
+        }
+        const __mmask16 three = _mm512_cmpgt_epu32_mask(v, Lanes(0x7FF));
+        const __mmask16 four = _mm512_cmpgt_epu32_mask(v, Lanes(0xFFFF));
+        // Each character's bytes at the end of its lane, the lead first: the 6-bit fields (the
+        // lowest in the last byte), the marks of the character's length, and the whole value
+        // for a single byte.
+        __m512i bytes = _mm512_or_si512(
+            _mm512_or_si512(_mm512_and_si512(_mm512_slli_epi32(v, 24), Lanes(0x3F000000)),
+                            _mm512_and_si512(_mm512_slli_epi32(v, 10), Lanes(0x003F0000))),
+            _mm512_or_si512(_mm512_and_si512(_mm512_srli_epi32(v, 4), Lanes(0x00003F00)),
+                            _mm512_srli_epi32(v, 18)));
+        __m512i marks = _mm512_maskz_mov_epi32(two, Lanes(0x80C00000u));
+        marks = _mm512_mask_mov_epi32(marks, three, Lanes(0x8080E000u));
+        marks = _mm512_mask_mov_epi32(marks, four, Lanes(0x808080F0u));
+        bytes = _mm512_or_si512(bytes, marks);
+        bytes = _mm512_mask_or_epi32(bytes, static_cast<__mmask16>(~two), bytes,
+                                     _mm512_slli_epi32(v, 24));
+        // The bytes of each lane before its character: 4 less its length, in every byte.
+        __m512i unused = Lanes(0x03030303);
+        unused = _mm512_mask_sub_epi32(unused, two, unused, Lanes(0x01010101));
+        unused = _mm512_mask_sub_epi32(unused, three, unused, Lanes(0x01010101));
+        unused = _mm512_mask_sub_epi32(unused, four, unused, Lanes(0x01010101));
+        const __mmask64 keep = _mm512_cmpge_epu8_mask(byteInLane, unused);
+        _mm512_storeu_si512(out, _mm512_maskz_compress_epi8(keep, bytes));
+        const unsigned int length = static_cast<unsigned int>(__builtin_popcountll(keep));
+        source += 16;
+        out += length;
+        room -= length;
+    }
+}
+
+} // namespace llib_utf8
+
+#endif
