@@ -66,24 +66,38 @@ const std::vector<std::string> kScriptPerWord = {
     "ascii ",
     "\xD0\xBF\xD1\x80\xD0\xB8\xD0\xB2\xD0\xB5\xD1\x82 "};
 
-// Runs convert over and over for about a fifth of a second; returns MB/s of `bytes` per call.
+// MB/s of `bytes` per call: the best of one round of calls lasting 20 ms.
 template <class Convert>
-double Rate(size_t bytes, Convert convert) {
-    convert(); // warm up
-    double best = 0;
-    for (int round = 0; round < 5; ++round) {
-        int calls = 0;
-        const double begin = bench::Now();
-        double elapsed = 0;
-        do {
-            for (int i = 0; i < 16; ++i)
-                convert();
-            calls += 16;
-            elapsed = bench::Now() - begin;
-        } while (elapsed < 0.04);
-        const double rate = double(bytes) * calls / 1e6 / elapsed;
-        if (rate > best)
-            best = rate;
+double RoundRate(size_t bytes, Convert& convert) {
+    int calls = 0;
+    const double begin = bench::Now();
+    double elapsed = 0;
+    do {
+        for (int i = 0; i < 16; ++i)
+            convert();
+        calls += 16;
+        elapsed = bench::Now() - begin;
+    } while (elapsed < 0.02);
+    return double(bytes) * calls / 1e6 / elapsed;
+}
+
+struct Rates {
+    double ours = 0;
+    double theirs = 0;
+};
+
+// The best rate of each of two conversions of the same `bytes`, measured in alternating rounds
+// so that both meet the same moments of a shared machine.
+template <class Ours, class Theirs>
+Rates RatesOf(size_t bytes, Ours ours, Theirs theirs) {
+    ours(); // warm up
+    theirs();
+    Rates best;
+    for (int round = 0; round < 9; ++round) {
+        const double a = RoundRate(bytes, ours);
+        const double b = RoundRate(bytes, theirs);
+        best.ours = a > best.ours ? a : best.ours;
+        best.theirs = b > best.theirs ? b : best.theirs;
     }
     return best;
 }
@@ -98,7 +112,8 @@ size_t Iconv(iconv_t converter, const void* in, size_t inBytes, void* out, size_
     return outBytes - outLeft;
 }
 
-void PrintComparison(const char* what, double ours, double theirs, bool same) {
+void PrintComparison(const char* what, Rates rates, bool same) {
+    const double ours = rates.ours, theirs = rates.theirs;
     char line[160];
     snprintf(line, sizeof line, "%s: ours", what);
     bench::Print(line, ours, "MB/s");
@@ -135,22 +150,24 @@ void CompareCoders(const char* label, const std::vector<std::string>& pieces) {
 
     char line[160];
     snprintf(line, sizeof line, "%s, 64 KB, UTF-8 -> UTF-32", label);
-    const double decodeOurs =
-        Rate(block.size(), [&] { LCopyUTF32FromUTF8(wide.data(), block.c_str(), wide.size()); });
-    const double decodeIconv = Rate(block.size(), [&] {
-        Iconv(decoder, block.data(), block.size(), wideIconv.data(), characters * sizeof(wchar_t));
-    });
-    PrintComparison(line, decodeOurs, decodeIconv,
+    const Rates decode = RatesOf(
+        block.size(), [&] { LCopyUTF32FromUTF8(wide.data(), block.c_str(), wide.size()); },
+        [&] {
+            Iconv(decoder, block.data(), block.size(), wideIconv.data(),
+                  characters * sizeof(wchar_t));
+        });
+    PrintComparison(line, decode,
                     memcmp(wide.data(), wideIconv.data(), characters * sizeof(wchar_t)) == 0 &&
                         wide[characters] == 0);
 
     snprintf(line, sizeof line, "%s, 64 KB, UTF-32 -> UTF-8", label);
-    const double encodeOurs =
-        Rate(block.size(), [&] { LCopyUTF8FromUTF32(narrow.data(), wide.data(), narrow.size()); });
-    const double encodeIconv = Rate(block.size(), [&] {
-        Iconv(encoder, wide.data(), characters * sizeof(wchar_t), narrowIconv.data(), block.size());
-    });
-    PrintComparison(line, encodeOurs, encodeIconv,
+    const Rates encode = RatesOf(
+        block.size(), [&] { LCopyUTF8FromUTF32(narrow.data(), wide.data(), narrow.size()); },
+        [&] {
+            Iconv(encoder, wide.data(), characters * sizeof(wchar_t), narrowIconv.data(),
+                  block.size());
+        });
+    PrintComparison(line, encode,
                     block == narrow.data() &&
                         memcmp(narrowIconv.data(), block.data(), block.size()) == 0);
 
@@ -167,17 +184,17 @@ void CompareCoders(const char* label, const std::vector<std::string>& pieces) {
     }
     snprintf(line, sizeof line, "%s, short texts, UTF-8 -> UTF-32", label);
     PrintComparison(line,
-                    Rate(shortBytes,
-                         [&] {
-                             for (const auto& text : shortTexts)
-                                 LCopyUTF32FromUTF8(shortWide, text.c_str(), 260);
-                         }),
-                    Rate(shortBytes,
-                         [&] {
-                             for (const auto& text : shortTexts)
-                                 Iconv(decoder, text.c_str(), text.size() + 1, shortWideIconv,
-                                       sizeof shortWideIconv);
-                         }),
+                    RatesOf(
+                        shortBytes,
+                        [&] {
+                            for (const auto& text : shortTexts)
+                                LCopyUTF32FromUTF8(shortWide, text.c_str(), 260);
+                        },
+                        [&] {
+                            for (const auto& text : shortTexts)
+                                Iconv(decoder, text.c_str(), text.size() + 1, shortWideIconv,
+                                      sizeof shortWideIconv);
+                        }),
                     same);
 
     std::vector<std::vector<wchar_t>> shortWides;
@@ -196,18 +213,18 @@ void CompareCoders(const char* label, const std::vector<std::string>& pieces) {
     }
     snprintf(line, sizeof line, "%s, short texts, UTF-32 -> UTF-8", label);
     PrintComparison(line,
-                    Rate(shortBytes,
-                         [&] {
-                             for (const auto& wideText : shortWides)
-                                 LCopyUTF8FromUTF32(shortNarrow, wideText.data(), 260);
-                         }),
-                    Rate(shortBytes,
-                         [&] {
-                             for (const auto& wideText : shortWides)
-                                 Iconv(encoder, wideText.data(),
-                                       (wcslen(wideText.data()) + 1) * sizeof(wchar_t),
-                                       shortNarrowIconv, sizeof shortNarrowIconv);
-                         }),
+                    RatesOf(
+                        shortBytes,
+                        [&] {
+                            for (const auto& wideText : shortWides)
+                                LCopyUTF8FromUTF32(shortNarrow, wideText.data(), 260);
+                        },
+                        [&] {
+                            for (const auto& wideText : shortWides)
+                                Iconv(encoder, wideText.data(),
+                                      (wcslen(wideText.data()) + 1) * sizeof(wchar_t),
+                                      shortNarrowIconv, sizeof shortNarrowIconv);
+                        }),
                     same);
 
     iconv_close(decoder);

@@ -1,20 +1,18 @@
 // UTF-8 coding many characters a step with the processor's vector instructions. A block coder
-// stops where it cannot go on (a malformed block, a value above U+10FFFF, fewer than a block of
-// known text, too little room) and leaves that place to the coder's step-by-step path, which
-// gives the exact result, including the result code.
+// stops where it cannot go on (a malformed block, a value above U+10FFFF, too little room, or
+// what is left is shorter than the blocks it takes) and leaves that place to the coder's
+// step-by-step path, which gives the exact result, including the result code.
 #pragma once
 
 namespace llib_utf8 {
 
-// Decodes while at least 64 bytes before `known` remain; the bytes before `known` are neither
-// the terminator nor beyond `allowance`, and the destination has room for `allowance`
-// characters. Consumes whole characters only.
+// Decodes toward `known`, whole characters only. The bytes before `known` are neither the
+// terminator nor beyond `allowance`, and the destination has room for `allowance` characters.
 using DecodeBlocksFunction = void (*)(const unsigned char*& in, wchar_t*& out,
                                       unsigned long& allowance, const unsigned char* known);
 
-// Encodes while at least 16 characters before `known` remain and `room` (the bytes the
-// destination can still take) is at least 64. Stops before a block holding a value above
-// U+10FFFF.
+// Encodes toward `known` (the characters before it are not the terminator) while the bytes fit
+// `room`, the bytes the destination can still take.
 using EncodeBlocksFunction = void (*)(const wchar_t*& source, unsigned char*& out,
                                       unsigned long& room, const wchar_t* known);
 

@@ -21,22 +21,21 @@
 namespace llib_utf8 {
 namespace {
 
-// Byte indexes into a block and the 64 bytes after it: for each of four groups of sixteen
-// positions, the four bytes from each position on, the position's own byte highest in its
-// 32-bit lane; and the byte after each position.
-struct Gather {
-    unsigned char group[4][64];
+// Byte indexes: every position of a block; for each 32-bit lane k, four times k (a lane takes
+// the k-th of sixteen lead positions); and the byte after each position of a block.
+struct Indexes {
+    unsigned char position[64];
+    unsigned char laneOf[64];
     unsigned char next[64];
-    constexpr Gather() : group(), next() {
-        for (int g = 0; g < 4; ++g)
-            for (int lane = 0; lane < 16; ++lane)
-                for (int b = 0; b < 4; ++b)
-                    group[g][lane * 4 + b] = static_cast<unsigned char>(16 * g + lane + 3 - b);
-        for (int i = 0; i < 64; ++i)
+    constexpr Indexes() : position(), laneOf(), next() {
+        for (int i = 0; i < 64; ++i) {
+            position[i] = static_cast<unsigned char>(i);
+            laneOf[i] = static_cast<unsigned char>(i / 4);
             next[i] = static_cast<unsigned char>(i + 1);
+        }
     }
 };
-alignas(64) constexpr Gather kGather;
+alignas(64) constexpr Indexes kIndexes;
 
 LLIB_AVX512 inline __m512i Bytes(int value) {
     return _mm512_set1_epi8(static_cast<char>(value));
@@ -60,23 +59,39 @@ LLIB_AVX512 void DecodeBlocksAvx512(const unsigned char*& in, wchar_t*& out,
         _mm512_setr_epi32(18, 18, 18, 18, 18, 18, 18, 18, 0, 0, 0, 0, 12, 12, 6, 0);
     const __m512i valueByNibble = _mm512_setr_epi32(0x7F, 0x7F, 0x7F, 0x7F, 0x7F, 0x7F, 0x7F, 0x7F,
                                                     0, 0, 0, 0, 0x7FF, 0x7FF, 0xFFFF, 0x1FFFFF);
-    while (known - in >= 64) {
-        const __m512i block = Load64(in);
+    for (;;) {
+        // A whole block, or the known bytes left (fewer than 64, the rest reading as zero).
+        const long available = known - in;
+        if (available <= 0)
+            return;
+        const bool whole = available >= 64;
+        const __mmask64 present = whole ? ~0ULL : (1ULL << available) - 1;
+        const __m512i block = whole ? Load64(in) : _mm512_maskz_loadu_epi8(present, in);
         if (_mm512_movepi8_mask(block) == 0) {
-            for (int quarter = 0; quarter < 4; ++quarter)
-                _mm512_storeu_si512(out + 16 * quarter,
-                                    _mm512_cvtepu8_epi32(_mm_loadu_si128(
-                                        reinterpret_cast<const __m128i*>(in + 16 * quarter))));
-            in += 64;
-            out += 64;
-            allowance -= 64;
+            // ASCII: widened sixteen bytes at a time; the last, short, block writes only what it
+            // has.
+            const long count = whole ? 64 : available;
+            const __m128i quarters[4] = {
+                _mm512_castsi512_si128(block), _mm512_extracti32x4_epi32(block, 1),
+                _mm512_extracti32x4_epi32(block, 2), _mm512_extracti32x4_epi32(block, 3)};
+            for (long at = 0; at < count; at += 16) {
+                const __m512i wide = _mm512_cvtepu8_epi32(quarters[at / 16]);
+                if (count - at >= 16)
+                    _mm512_storeu_si512(out + at, wide);
+                else
+                    _mm512_mask_storeu_epi32(
+                        out + at, static_cast<__mmask16>((1u << (count - at)) - 1), wide);
+            }
+            in += count;
+            out += count;
+            allowance -= static_cast<unsigned long>(count);
             continue;
         }
-        // The bytes after the block, as far as they are known (the rest reads as zero, which
-        // no character continues with).
-        const long rest = known - in - 64;
-        const __mmask64 present = rest >= 64 ? ~0ULL : (1ULL << rest) - 1;
-        const __m512i after = _mm512_maskz_loadu_epi8(present, in + 64);
+        // The bytes after a whole block, as far as they are known. A zero (past what is known)
+        // continues no character, so a character cut there makes the block fail its check.
+        const long rest = available - 64;
+        const __mmask64 presentAfter = rest >= 64 ? ~0ULL : rest > 0 ? (1ULL << rest) - 1 : 0;
+        const __m512i after = _mm512_maskz_loadu_epi8(presentAfter, in + 64);
 
         // Well formed: trailing bytes exactly where the leads say (in the block and in the three
         // bytes after it; the block starts at a lead), no C0, C1 or F5 to FF, and the narrower
@@ -92,16 +107,18 @@ LLIB_AVX512 void DecodeBlocksAvx512(const unsigned char*& in, wchar_t*& out,
             _mm512_cmpeq_epi8_mask(_mm512_and_si512(after, Bytes(0xC0)), Bytes(0x80));
         uint64_t bad = (wanted ^ trailing) | (spill & ~trailingAfter);
         bad |= _mm512_cmpeq_epi8_mask(_mm512_and_si512(block, Bytes(0xFE)), Bytes(0xC0));
-        bad |= _mm512_cmpgt_epu8_mask(block, Bytes(0xF4));
-        const __m512i second = _mm512_permutex2var_epi8(block, Load64(kGather.next), after);
-        bad |= _mm512_mask_cmplt_epu8_mask(_mm512_cmpeq_epi8_mask(block, Bytes(0xE0)), second,
-                                           Bytes(0xA0));
-        bad |= _mm512_mask_cmpgt_epu8_mask(_mm512_cmpeq_epi8_mask(block, Bytes(0xED)), second,
-                                           Bytes(0x9F));
-        bad |= _mm512_mask_cmplt_epu8_mask(_mm512_cmpeq_epi8_mask(block, Bytes(0xF0)), second,
-                                           Bytes(0x90));
-        bad |= _mm512_mask_cmpgt_epu8_mask(_mm512_cmpeq_epi8_mask(block, Bytes(0xF4)), second,
-                                           Bytes(0x8F));
+        if (three != 0) {
+            bad |= _mm512_cmpgt_epu8_mask(block, Bytes(0xF4));
+            const __m512i second = _mm512_permutex2var_epi8(block, Load64(kIndexes.next), after);
+            bad |= _mm512_mask_cmplt_epu8_mask(_mm512_cmpeq_epi8_mask(block, Bytes(0xE0)), second,
+                                               Bytes(0xA0));
+            bad |= _mm512_mask_cmpgt_epu8_mask(_mm512_cmpeq_epi8_mask(block, Bytes(0xED)), second,
+                                               Bytes(0x9F));
+            bad |= _mm512_mask_cmplt_epu8_mask(_mm512_cmpeq_epi8_mask(block, Bytes(0xF0)), second,
+                                               Bytes(0x90));
+            bad |= _mm512_mask_cmpgt_epu8_mask(_mm512_cmpeq_epi8_mask(block, Bytes(0xF4)), second,
+                                               Bytes(0x8F));
+        }
         if (bad != 0)
             return;
 
@@ -109,9 +126,18 @@ LLIB_AVX512 void DecodeBlocksAvx512(const unsigned char*& in, wchar_t*& out,
         // the lead's top bit off, the 6-bit fields joined as b0 << 18 | b1 << 12 | b2 << 6 | b3,
         // the bytes beyond the character shifted out and the lead's marks masked off. The lanes
         // of lead positions are kept.
-        const uint64_t leads = ~trailing;
-        for (int g = 0; g < 4; ++g) {
-            __m512i lanes = _mm512_permutex2var_epi8(block, Load64(kGather.group[g]), after);
+        // The positions of the leads, in order; sixteen at a time, each position's four bytes
+        // in a lane (b0 highest), the trailing bytes' marks and the lead's top bit off, the
+        // 6-bit fields joined as b0 << 18 | b1 << 12 | b2 << 6 | b3, the bytes beyond the
+        // character shifted out and the lead's length marks masked off.
+        const uint64_t leads = ~trailing & present;
+        const int characters = __builtin_popcountll(leads);
+        const __m512i leadPositions = _mm512_maskz_compress_epi8(leads, Load64(kIndexes.position));
+        for (int first = 0; first < characters; first += 16) {
+            __m512i gather = _mm512_permutexvar_epi8(
+                _mm512_add_epi8(Load64(kIndexes.laneOf), Bytes(first)), leadPositions);
+            gather = _mm512_add_epi8(gather, Lanes(0x00010203));
+            __m512i lanes = _mm512_permutex2var_epi8(block, gather, after);
             const __m512i nibble = _mm512_srli_epi32(lanes, 28);
             lanes = _mm512_and_si512(lanes, Lanes(0x7F3F3F3F));
             lanes = _mm512_maddubs_epi16(lanes, _mm512_set1_epi16(0x4001));
@@ -119,11 +145,18 @@ LLIB_AVX512 void DecodeBlocksAvx512(const unsigned char*& in, wchar_t*& out,
             lanes = _mm512_and_si512(
                 _mm512_srlv_epi32(lanes, _mm512_permutexvar_epi32(nibble, shiftByNibble)),
                 _mm512_permutexvar_epi32(nibble, valueByNibble));
-            const __mmask16 chosen = static_cast<__mmask16>(leads >> (16 * g));
-            _mm512_storeu_si512(out, _mm512_maskz_compress_epi32(chosen, lanes));
-            out += __builtin_popcount(chosen);
+            // A whole block leaves room for sixteen characters at each step; the last, short
+            // one writes only what it decodes.
+            const int count = characters - first < 16 ? characters - first : 16;
+            if (whole)
+                _mm512_storeu_si512(out, lanes);
+            else
+                _mm512_mask_storeu_epi32(out, static_cast<__mmask16>((1u << count) - 1), lanes);
+            out += count;
         }
-        const unsigned int consumed = 64 + static_cast<unsigned int>(__builtin_popcountll(spill));
+        const unsigned long consumed =
+            whole ? 64 + static_cast<unsigned long>(__builtin_popcountll(spill))
+                  : static_cast<unsigned long>(available);
         in += consumed;
         allowance -= consumed;
     }
@@ -132,12 +165,19 @@ LLIB_AVX512 void DecodeBlocksAvx512(const unsigned char*& in, wchar_t*& out,
 LLIB_AVX512 void EncodeBlocksAvx512(const wchar_t*& source, unsigned char*& out,
                                     unsigned long& room, const wchar_t* known) {
     const __m512i byteInLane = Lanes(0x03020100);
-    while (known - source >= 16 && room >= 64) {
-        const __m512i v = Load64(source);
+    for (;;) {
+        // Sixteen characters, or the known ones left (the rest reading as zero).
+        const long available = known - source;
+        if (available <= 0)
+            return;
+        const bool whole = available >= 16;
+        const __mmask16 present =
+            whole ? static_cast<__mmask16>(0xFFFF) : static_cast<__mmask16>((1u << available) - 1);
+        const __m512i v = _mm512_maskz_loadu_epi32(present, source);
         if (_mm512_cmpgt_epu32_mask(v, Lanes(0x10FFFF)) != 0)
             return;
         const __mmask16 two = _mm512_cmpgt_epu32_mask(v, Lanes(0x7F));
-        if (two == 0) {
+        if (whole && two == 0 && room >= 16) {
             _mm_storeu_si128(reinterpret_cast<__m128i*>(out), _mm512_cvtepi32_epi8(v));
             source += 16;
             out += 16;
@@ -165,10 +205,17 @@ LLIB_AVX512 void EncodeBlocksAvx512(const wchar_t*& source, unsigned char*& out,
         unused = _mm512_mask_sub_epi32(unused, two, unused, Lanes(0x01010101));
         unused = _mm512_mask_sub_epi32(unused, three, unused, Lanes(0x01010101));
         unused = _mm512_mask_sub_epi32(unused, four, unused, Lanes(0x01010101));
+        unused = _mm512_mask_mov_epi32(unused, static_cast<__mmask16>(~present), Lanes(0x04040404));
         const __mmask64 keep = _mm512_cmpge_epu8_mask(byteInLane, unused);
-        _mm512_storeu_si512(out, _mm512_maskz_compress_epi8(keep, bytes));
         const unsigned int length = static_cast<unsigned int>(__builtin_popcountll(keep));
-        source += 16;
+        if (length > room)
+            return;
+        const __m512i packed = _mm512_maskz_compress_epi8(keep, bytes);
+        if (room >= 64)
+            _mm512_storeu_si512(out, packed);
+        else
+            _mm512_mask_storeu_epi8(out, length == 64 ? ~0ULL : (1ULL << length) - 1, packed);
+        source += whole ? 16 : available;
         out += length;
         room -= length;
     }
