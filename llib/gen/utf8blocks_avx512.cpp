@@ -37,6 +37,30 @@ struct Indexes {
 };
 alignas(64) constexpr Indexes kIndexes;
 
+// For a byte from C0 to FF (by its low six bits), the range of the second byte of a character
+// it leads: 80 to BF, from A0 after E0 (shorter forms are overlong), to 9F after ED (beyond are
+// surrogates), from 90 after F0, to 8F after F4 (beyond U+10FFFF); an empty range after C0, C1
+// and F5 to FF, which lead nothing.
+struct SecondByteRange {
+    unsigned char lowest[64];
+    unsigned char highest[64];
+    constexpr SecondByteRange() : lowest(), highest() {
+        for (int i = 0; i < 64; ++i) {
+            const int lead = 0xC0 + i;
+            const bool never = lead < 0xC2 || lead > 0xF4;
+            lowest[i] = static_cast<unsigned char>(never          ? 0xFF
+                                                   : lead == 0xE0 ? 0xA0
+                                                   : lead == 0xF0 ? 0x90
+                                                                  : 0x80);
+            highest[i] = static_cast<unsigned char>(never          ? 0x00
+                                                    : lead == 0xED ? 0x9F
+                                                    : lead == 0xF4 ? 0x8F
+                                                                   : 0xBF);
+        }
+    }
+};
+alignas(64) constexpr SecondByteRange kSecond;
+
 LLIB_AVX512 inline __m512i Bytes(int value) {
     return _mm512_set1_epi8(static_cast<char>(value));
 }
@@ -94,38 +118,23 @@ LLIB_AVX512 void DecodeBlocksAvx512(const unsigned char*& in, wchar_t*& out,
         const __m512i after = _mm512_maskz_loadu_epi8(presentAfter, in + 64);
 
         // Well formed: trailing bytes exactly where the leads say (in the block and in the three
-        // bytes after it; the block starts at a lead), no C0, C1 or F5 to FF, and the narrower
-        // second-byte ranges after E0, ED, F0 and F4.
-        const uint64_t trailing =
-            _mm512_cmpeq_epi8_mask(_mm512_and_si512(block, Bytes(0xC0)), Bytes(0x80));
+        // bytes after it; the block starts at a lead), and each lead's second byte in its range.
+        const uint64_t trailing = _mm512_cmplt_epi8_mask(block, Bytes(0xC0)); // 80 to BF
         const uint64_t two = _mm512_cmpge_epu8_mask(block, Bytes(0xC0));
         const uint64_t three = _mm512_cmpge_epu8_mask(block, Bytes(0xE0));
         const uint64_t four = _mm512_cmpge_epu8_mask(block, Bytes(0xF0));
         const uint64_t wanted = two << 1 | three << 2 | four << 3;
         const uint64_t spill = two >> 63 | three >> 62 | four >> 61;
-        const uint64_t trailingAfter =
-            _mm512_cmpeq_epi8_mask(_mm512_and_si512(after, Bytes(0xC0)), Bytes(0x80));
+        const uint64_t trailingAfter = _mm512_cmplt_epi8_mask(after, Bytes(0xC0));
         uint64_t bad = (wanted ^ trailing) | (spill & ~trailingAfter);
-        bad |= _mm512_cmpeq_epi8_mask(_mm512_and_si512(block, Bytes(0xFE)), Bytes(0xC0));
-        if (three != 0) {
-            bad |= _mm512_cmpgt_epu8_mask(block, Bytes(0xF4));
-            const __m512i second = _mm512_permutex2var_epi8(block, Load64(kIndexes.next), after);
-            bad |= _mm512_mask_cmplt_epu8_mask(_mm512_cmpeq_epi8_mask(block, Bytes(0xE0)), second,
-                                               Bytes(0xA0));
-            bad |= _mm512_mask_cmpgt_epu8_mask(_mm512_cmpeq_epi8_mask(block, Bytes(0xED)), second,
-                                               Bytes(0x9F));
-            bad |= _mm512_mask_cmplt_epu8_mask(_mm512_cmpeq_epi8_mask(block, Bytes(0xF0)), second,
-                                               Bytes(0x90));
-            bad |= _mm512_mask_cmpgt_epu8_mask(_mm512_cmpeq_epi8_mask(block, Bytes(0xF4)), second,
-                                               Bytes(0x8F));
-        }
+        const __m512i second = _mm512_permutex2var_epi8(block, Load64(kIndexes.next), after);
+        bad |= _mm512_mask_cmplt_epu8_mask(two, second,
+                                           _mm512_permutexvar_epi8(block, Load64(kSecond.lowest)));
+        bad |= _mm512_mask_cmpgt_epu8_mask(two, second,
+                                           _mm512_permutexvar_epi8(block, Load64(kSecond.highest)));
         if (bad != 0)
             return;
 
-        // Each position's four bytes in a lane (b0 highest), the trailing bytes' marks off and
-        // the lead's top bit off, the 6-bit fields joined as b0 << 18 | b1 << 12 | b2 << 6 | b3,
-        // the bytes beyond the character shifted out and the lead's marks masked off. The lanes
-        // of lead positions are kept.
         // The positions of the leads, in order; sixteen at a time, each position's four bytes
         // in a lane (b0 highest), the trailing bytes' marks and the lead's top bit off, the
         // 6-bit fields joined as b0 << 18 | b1 << 12 | b2 << 6 | b3, the bytes beyond the
