@@ -9,11 +9,13 @@ std::atomic<int> gLevelLimit{kBlocksAvx512};
 
 BlockLevel ProcessorLevel() {
 #if defined(__x86_64__) || defined(__i386__)
-    // The decoder gathers bytes with VBMI and both coders compress lanes with VBMI2.
+    // The decoder gathers bytes with VBMI and both coders compress with VBMI2; the encoder
+    // also counts leading zeros (CD), shifts bytes out of quadwords (VBMI) and uses PDEP.
     static const BlockLevel level =
         __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw") &&
-                __builtin_cpu_supports("avx512vl") && __builtin_cpu_supports("avx512vbmi") &&
-                __builtin_cpu_supports("avx512vbmi2")
+                __builtin_cpu_supports("avx512vl") && __builtin_cpu_supports("avx512cd") &&
+                __builtin_cpu_supports("avx512vbmi") && __builtin_cpu_supports("avx512vbmi2") &&
+                __builtin_cpu_supports("bmi2")
             ? kBlocksAvx512
         : __builtin_cpu_supports("avx2") ? kBlocksAvx2
                                          : kBlocksNone;

@@ -16,7 +16,8 @@
 // Compiled for these extensions whatever the rest of the library targets; runs only after the
 // processor has said it has them.
 #define LLIB_AVX512                                                                                \
-    __attribute__((target("avx512f,avx512bw,avx512vl,avx512vbmi,avx512vbmi2,popcnt")))
+    __attribute__((target("avx512f,avx512bw,avx512vl,avx512cd,avx512vbmi,avx512vbmi2,bmi2,"        \
+                          "popcnt")))
 
 namespace llib_utf8 {
 namespace {
@@ -173,7 +174,17 @@ LLIB_AVX512 void DecodeBlocksAvx512(const unsigned char*& in, wchar_t*& out,
 
 LLIB_AVX512 void EncodeBlocksAvx512(const wchar_t*& source, unsigned char*& out,
                                     unsigned long& room, const wchar_t* known) {
-    const __m512i byteInLane = Lanes(0x03020100);
+    // The bytes of each character are built at the end of its lane, the lead first: four 8-bit
+    // windows of the value, from bit 18, 12, 6 and 0, cut to their six value bits (seven for a
+    // single byte) and given the marks of the character's length.
+    const __m512i windows = _mm512_set1_epi64(0x20262C3200060C12);
+    // By the value's count of leading zero bits: the marks of a one-, two-, three- or four-byte
+    // character (a lane that is not kept has none).
+    const __m512i marksLow = _mm512_setr_epi32(0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0x808080F0u,
+                                               0x808080F0u, 0x808080F0u, 0x808080F0u, 0x808080F0u);
+    const __m512i marksHigh =
+        _mm512_setr_epi32(0x8080E000u, 0x8080E000u, 0x8080E000u, 0x8080E000u, 0x8080E000u,
+                          0x80C00000u, 0x80C00000u, 0x80C00000u, 0x80C00000u, 0, 0, 0, 0, 0, 0, 0);
     for (;;) {
         // Sixteen characters, or the known ones left (the rest reading as zero).
         const long available = known - source;
@@ -185,37 +196,23 @@ LLIB_AVX512 void EncodeBlocksAvx512(const wchar_t*& source, unsigned char*& out,
         const __m512i v = _mm512_maskz_loadu_epi32(present, source);
         if (_mm512_cmpgt_epu32_mask(v, Lanes(0x10FFFF)) != 0)
             return;
-        const __mmask16 two = _mm512_cmpgt_epu32_mask(v, Lanes(0x7F));
-        if (whole && two == 0 && room >= 16) {
+        const __mmask16 ascii = _mm512_cmple_epu32_mask(v, Lanes(0x7F));
+        if (whole && ascii == 0xFFFF && room >= 16) {
             _mm_storeu_si128(reinterpret_cast<__m128i*>(out), _mm512_cvtepi32_epi8(v));
             source += 16;
             out += 16;
             room -= 16;
             continue;
         }
-        const __mmask16 three = _mm512_cmpgt_epu32_mask(v, Lanes(0x7FF));
-        const __mmask16 four = _mm512_cmpgt_epu32_mask(v, Lanes(0xFFFF));
-        // Each character's bytes at the end of its lane, the lead first: the 6-bit fields (the
-        // lowest in the last byte), the marks of the character's length, and the whole value
-        // for a single byte.
-        __m512i bytes = _mm512_or_si512(
-            _mm512_or_si512(_mm512_and_si512(_mm512_slli_epi32(v, 24), Lanes(0x3F000000)),
-                            _mm512_and_si512(_mm512_slli_epi32(v, 10), Lanes(0x003F0000))),
-            _mm512_or_si512(_mm512_and_si512(_mm512_srli_epi32(v, 4), Lanes(0x00003F00)),
-                            _mm512_srli_epi32(v, 18)));
-        __m512i marks = _mm512_maskz_mov_epi32(two, Lanes(0x80C00000u));
-        marks = _mm512_mask_mov_epi32(marks, three, Lanes(0x8080E000u));
-        marks = _mm512_mask_mov_epi32(marks, four, Lanes(0x808080F0u));
-        bytes = _mm512_or_si512(bytes, marks);
-        bytes = _mm512_mask_or_epi32(bytes, static_cast<__mmask16>(~two), bytes,
-                                     _mm512_slli_epi32(v, 24));
-        // The bytes of each lane before its character: 4 less its length, in every byte.
-        __m512i unused = Lanes(0x03030303);
-        unused = _mm512_mask_sub_epi32(unused, two, unused, Lanes(0x01010101));
-        unused = _mm512_mask_sub_epi32(unused, three, unused, Lanes(0x01010101));
-        unused = _mm512_mask_sub_epi32(unused, four, unused, Lanes(0x01010101));
-        unused = _mm512_mask_mov_epi32(unused, static_cast<__mmask16>(~present), Lanes(0x04040404));
-        const __mmask64 keep = _mm512_cmpge_epu8_mask(byteInLane, unused);
+        const __m512i marks = _mm512_permutex2var_epi32(marksLow, _mm512_lzcnt_epi32(v), marksHigh);
+        const __m512i valueBits =
+            _mm512_mask_mov_epi32(Lanes(0x3F3F3F3F), ascii, Lanes(0x7F3F3F3F));
+        // (windows & valueBits) | marks
+        const __m512i bytes = _mm512_ternarylogic_epi32(_mm512_multishift_epi64_epi8(windows, v),
+                                                        valueBits, marks, 0xEA);
+        // A character's bytes are its marked bytes and its last byte.
+        const __mmask64 keep =
+            _mm512_test_epi8_mask(marks, marks) | _pdep_u64(present, 0x8888888888888888ULL);
         const unsigned int length = static_cast<unsigned int>(__builtin_popcountll(keep));
         if (length > room)
             return;
