@@ -22,16 +22,18 @@
 namespace llib_utf8 {
 namespace {
 
-// Byte indexes: every position of a block; for each 32-bit lane k, four times k (a lane takes
-// the k-th of sixteen lead positions); and the byte after each position of a block.
+// Byte indexes: every position of a block; for each of four groups of sixteen 32-bit lanes, the
+// lead each lane takes (16 * group + lane, in all four of its bytes); and the byte after each
+// position of a block.
 struct Indexes {
     unsigned char position[64];
-    unsigned char laneOf[64];
+    unsigned char laneOf[4][64];
     unsigned char next[64];
     constexpr Indexes() : position(), laneOf(), next() {
         for (int i = 0; i < 64; ++i) {
             position[i] = static_cast<unsigned char>(i);
-            laneOf[i] = static_cast<unsigned char>(i / 4);
+            for (int group = 0; group < 4; ++group)
+                laneOf[group][i] = static_cast<unsigned char>(16 * group + i / 4);
             next[i] = static_cast<unsigned char>(i + 1);
         }
     }
@@ -128,11 +130,16 @@ LLIB_AVX512 void DecodeBlocksAvx512(const unsigned char*& in, wchar_t*& out,
         const uint64_t spill = two >> 63 | three >> 62 | four >> 61;
         const uint64_t trailingAfter = _mm512_cmplt_epi8_mask(after, Bytes(0xC0));
         uint64_t bad = (wanted ^ trailing) | (spill & ~trailingAfter);
-        const __m512i second = _mm512_permutex2var_epi8(block, Load64(kIndexes.next), after);
-        bad |= _mm512_mask_cmplt_epu8_mask(two, second,
-                                           _mm512_permutexvar_epi8(block, Load64(kSecond.lowest)));
-        bad |= _mm512_mask_cmpgt_epu8_mask(two, second,
-                                           _mm512_permutexvar_epi8(block, Load64(kSecond.highest)));
+        if (three == 0) {
+            // Only one- and two-byte characters: C0 and C1 are the leads to refuse.
+            bad |= _mm512_mask_cmplt_epu8_mask(two, block, Bytes(0xC2));
+        } else {
+            const __m512i second = _mm512_permutex2var_epi8(block, Load64(kIndexes.next), after);
+            bad |= _mm512_mask_cmplt_epu8_mask(
+                two, second, _mm512_permutexvar_epi8(block, Load64(kSecond.lowest)));
+            bad |= _mm512_mask_cmpgt_epu8_mask(
+                two, second, _mm512_permutexvar_epi8(block, Load64(kSecond.highest)));
+        }
         if (bad != 0)
             return;
 
@@ -144,8 +151,8 @@ LLIB_AVX512 void DecodeBlocksAvx512(const unsigned char*& in, wchar_t*& out,
         const int characters = __builtin_popcountll(leads);
         const __m512i leadPositions = _mm512_maskz_compress_epi8(leads, Load64(kIndexes.position));
         for (int first = 0; first < characters; first += 16) {
-            __m512i gather = _mm512_permutexvar_epi8(
-                _mm512_add_epi8(Load64(kIndexes.laneOf), Bytes(first)), leadPositions);
+            __m512i gather =
+                _mm512_permutexvar_epi8(Load64(kIndexes.laneOf[first / 16]), leadPositions);
             gather = _mm512_add_epi8(gather, Lanes(0x00010203));
             __m512i lanes = _mm512_permutex2var_epi8(block, gather, after);
             const __m512i nibble = _mm512_srli_epi32(lanes, 28);
