@@ -8,7 +8,7 @@ namespace {
 std::atomic<int> gLevelLimit{kBlocksAvx512};
 
 BlockLevel ProcessorLevel() {
-#if defined(__x86_64__) || defined(__i386__)
+#if defined(__x86_64__)
     // The decoder gathers bytes with VBMI and both coders compress with VBMI2; the encoder
     // also counts leading zeros (CD), shifts bytes out of quadwords (VBMI) and uses PDEP.
     static const BlockLevel level =
@@ -33,7 +33,7 @@ int Level() {
 
 } // namespace
 
-#if defined(__x86_64__) || defined(__i386__)
+#if defined(__x86_64__)
 
 DecodeBlocksFunction BlockDecoder() {
     return Level() >= kBlocksAvx512 ? DecodeBlocksAvx512 : nullptr;

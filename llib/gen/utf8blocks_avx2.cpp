@@ -2,7 +2,7 @@
 // of its 32-bit lane, the lead first, and gathered with one shuffle per four characters.
 #include "utf8blocks.h"
 
-#if defined(__x86_64__) || defined(__i386__)
+#if defined(__x86_64__)
 
 #include <immintrin.h>
 

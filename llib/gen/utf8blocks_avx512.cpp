@@ -2,7 +2,7 @@
 // AVX-512 (byte permutes and byte compression included).
 #include "utf8blocks.h"
 
-#if defined(__x86_64__) || defined(__i386__)
+#if defined(__x86_64__)
 
 #include <cstdint>
 #include <immintrin.h>
