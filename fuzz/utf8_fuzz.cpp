@@ -6,6 +6,27 @@
 
 #include "fuzz_input.h"
 #include "llib/gen/charsets.h"
+#include "llib/gen/utf8blocks.h"
+
+namespace {
+
+// The coders with the processor's vector instructions and without them give the same result
+// code and the same text.
+void CheckVectorLevelsAgree(const std::string& text, const std::vector<wchar_t>& points,
+                            unsigned long size) {
+    std::unique_ptr<wchar_t[]> wideFast(new wchar_t[size]), widePlain(new wchar_t[size]);
+    std::unique_ptr<char[]> narrowFast(new char[size]), narrowPlain(new char[size]);
+    const int decodedFast = LCopyUTF32FromUTF8(wideFast.get(), text.c_str(), size);
+    const int encodedFast = LCopyUTF8FromUTF32(narrowFast.get(), points.data(), size);
+    llib_utf8::LimitBlockLevel(llib_utf8::kBlocksNone);
+    const int decodedPlain = LCopyUTF32FromUTF8(widePlain.get(), text.c_str(), size);
+    const int encodedPlain = LCopyUTF8FromUTF32(narrowPlain.get(), points.data(), size);
+    llib_utf8::LimitBlockLevel(llib_utf8::kBlocksAvx512);
+    FUZZ_CHECK(decodedFast == decodedPlain && wcscmp(wideFast.get(), widePlain.get()) == 0);
+    FUZZ_CHECK(encodedFast == encodedPlain && strcmp(narrowFast.get(), narrowPlain.get()) == 0);
+}
+
+} // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     FuzzInput input(data, size);
@@ -58,6 +79,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         surrogates = surrogates || (value >= 0xD800 && value <= 0xDFFF);
     }
     points.push_back(0);
+    CheckVectorLevelsAgree(text, points, room);
     std::unique_ptr<char[]> encoded(new char[room]);
     const int result = LCopyUTF8FromUTF32(encoded.get(), points.data(), room);
     FUZZ_CHECK(strlen(encoded.get()) < room);
