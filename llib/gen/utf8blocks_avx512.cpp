@@ -76,16 +76,85 @@ LLIB_AVX512 inline __m512i Load64(const void* at) {
     return _mm512_loadu_si512(at);
 }
 
-} // namespace
+// Decodes a checked block of one- and two-byte characters in 16-bit lanes, thirty-two positions
+// at a time: each position's value as if it led a character (the byte itself, or its five bits
+// and the next byte's six), the leads' values packed to the front and widened. A whole block
+// leaves room for thirty-two characters at each step; a short one writes only what it decodes.
+LLIB_AVX512 inline wchar_t* DecodeOneAndTwoByte(__m512i block, __m512i after, uint64_t leads,
+                                                uint64_t two, bool whole, wchar_t* out) {
+    const __m512i second = _mm512_permutex2var_epi8(block, Load64(kIndexes.next), after);
+    for (int half = 0; half < 2; ++half) {
+        const __m256i bytes =
+            half == 0 ? _mm512_castsi512_si256(block) : _mm512_extracti64x4_epi64(block, 1);
+        const __m256i nexts =
+            half == 0 ? _mm512_castsi512_si256(second) : _mm512_extracti64x4_epi64(second, 1);
+        const __m512i b = _mm512_cvtepu8_epi16(bytes);
+        const __m512i n = _mm512_and_si512(_mm512_cvtepu8_epi16(nexts), _mm512_set1_epi16(0x3F));
+        // (b << 6) & 0x7C0 | n
+        const __m512i pair =
+            _mm512_ternarylogic_epi32(_mm512_slli_epi16(b, 6), _mm512_set1_epi16(0x7C0), n, 0xEA);
+        const __mmask32 chosen = static_cast<__mmask32>(leads >> (32 * half));
+        const __m512i values = _mm512_maskz_compress_epi16(
+            chosen, _mm512_mask_mov_epi16(b, static_cast<__mmask32>(two >> (32 * half)), pair));
+        const int count = __builtin_popcount(chosen);
+        const __m512i low = _mm512_cvtepu16_epi32(_mm512_castsi512_si256(values));
+        const __m512i high = _mm512_cvtepu16_epi32(_mm512_extracti64x4_epi64(values, 1));
+        if (whole) {
+            _mm512_storeu_si512(out, low);
+            _mm512_storeu_si512(out + 16, high);
+        } else {
+            const unsigned int lowCount = count < 16 ? static_cast<unsigned int>(count) : 16;
+            _mm512_mask_storeu_epi32(out, static_cast<__mmask16>((1u << lowCount) - 1), low);
+            _mm512_mask_storeu_epi32(out + 16,
+                                     static_cast<__mmask16>((1u << (count - lowCount)) - 1), high);
+        }
+        out += count;
+    }
+    return out;
+}
 
-LLIB_AVX512 void DecodeBlocksAvx512(const unsigned char*& in, wchar_t*& out,
-                                    unsigned long& allowance, const unsigned char* known) {
+// Decodes a checked block of characters of any length, by the positions of the leads, in
+// order, sixteen at a time: each lead's four bytes in a lane (b0 highest), the trailing bytes'
+// marks and the lead's top bit off, the 6-bit fields joined as b0 << 18 | b1 << 12 | b2 << 6 |
+// b3, the bytes beyond the character shifted out and the lead's length marks masked off.
+LLIB_AVX512 inline wchar_t* DecodeAnyLength(__m512i block, __m512i after, uint64_t leads,
+                                            bool whole, wchar_t* out) {
     // By a lead byte's high nibble: how far the joined fields are shifted down, and the bits of
-    // the value that are left (the lead's length marks go with the rest).
+    // the value that are left.
     const __m512i shiftByNibble =
         _mm512_setr_epi32(18, 18, 18, 18, 18, 18, 18, 18, 0, 0, 0, 0, 12, 12, 6, 0);
     const __m512i valueByNibble = _mm512_setr_epi32(0x7F, 0x7F, 0x7F, 0x7F, 0x7F, 0x7F, 0x7F, 0x7F,
                                                     0, 0, 0, 0, 0x7FF, 0x7FF, 0xFFFF, 0x1FFFFF);
+    const int characters = __builtin_popcountll(leads);
+    const __m512i leadPositions = _mm512_maskz_compress_epi8(leads, Load64(kIndexes.position));
+    for (int first = 0; first < characters; first += 16) {
+        __m512i gather =
+            _mm512_permutexvar_epi8(Load64(kIndexes.laneOf[first / 16]), leadPositions);
+        gather = _mm512_add_epi8(gather, Lanes(0x00010203));
+        __m512i lanes = _mm512_permutex2var_epi8(block, gather, after);
+        const __m512i nibble = _mm512_srli_epi32(lanes, 28);
+        lanes = _mm512_and_si512(lanes, Lanes(0x7F3F3F3F));
+        lanes = _mm512_maddubs_epi16(lanes, _mm512_set1_epi16(0x4001));
+        lanes = _mm512_madd_epi16(lanes, Lanes(0x10000001));
+        lanes = _mm512_and_si512(
+            _mm512_srlv_epi32(lanes, _mm512_permutexvar_epi32(nibble, shiftByNibble)),
+            _mm512_permutexvar_epi32(nibble, valueByNibble));
+        // A whole block leaves room for sixteen characters at each step; the last, short
+        // one writes only what it decodes.
+        const int count = characters - first < 16 ? characters - first : 16;
+        if (whole)
+            _mm512_storeu_si512(out, lanes);
+        else
+            _mm512_mask_storeu_epi32(out, static_cast<__mmask16>((1u << count) - 1), lanes);
+        out += count;
+    }
+    return out;
+}
+
+} // namespace
+
+LLIB_AVX512 void DecodeBlocksAvx512(const unsigned char*& in, wchar_t*& out,
+                                    unsigned long& allowance, const unsigned char* known) {
     for (;;) {
         // A whole block, or the known bytes left (fewer than 64, the rest reading as zero).
         const long available = known - in;
@@ -143,34 +212,9 @@ LLIB_AVX512 void DecodeBlocksAvx512(const unsigned char*& in, wchar_t*& out,
         if (bad != 0)
             return;
 
-        // The positions of the leads, in order; sixteen at a time, each position's four bytes
-        // in a lane (b0 highest), the trailing bytes' marks and the lead's top bit off, the
-        // 6-bit fields joined as b0 << 18 | b1 << 12 | b2 << 6 | b3, the bytes beyond the
-        // character shifted out and the lead's length marks masked off.
         const uint64_t leads = ~trailing & present;
-        const int characters = __builtin_popcountll(leads);
-        const __m512i leadPositions = _mm512_maskz_compress_epi8(leads, Load64(kIndexes.position));
-        for (int first = 0; first < characters; first += 16) {
-            __m512i gather =
-                _mm512_permutexvar_epi8(Load64(kIndexes.laneOf[first / 16]), leadPositions);
-            gather = _mm512_add_epi8(gather, Lanes(0x00010203));
-            __m512i lanes = _mm512_permutex2var_epi8(block, gather, after);
-            const __m512i nibble = _mm512_srli_epi32(lanes, 28);
-            lanes = _mm512_and_si512(lanes, Lanes(0x7F3F3F3F));
-            lanes = _mm512_maddubs_epi16(lanes, _mm512_set1_epi16(0x4001));
-            lanes = _mm512_madd_epi16(lanes, Lanes(0x10000001));
-            lanes = _mm512_and_si512(
-                _mm512_srlv_epi32(lanes, _mm512_permutexvar_epi32(nibble, shiftByNibble)),
-                _mm512_permutexvar_epi32(nibble, valueByNibble));
-            // A whole block leaves room for sixteen characters at each step; the last, short
-            // one writes only what it decodes.
-            const int count = characters - first < 16 ? characters - first : 16;
-            if (whole)
-                _mm512_storeu_si512(out, lanes);
-            else
-                _mm512_mask_storeu_epi32(out, static_cast<__mmask16>((1u << count) - 1), lanes);
-            out += count;
-        }
+        out = three == 0 ? DecodeOneAndTwoByte(block, after, leads, two, whole, out)
+                         : DecodeAnyLength(block, after, leads, whole, out);
         const unsigned long consumed =
             whole ? 64 + static_cast<unsigned long>(__builtin_popcountll(spill))
                   : static_cast<unsigned long>(available);
