@@ -1,5 +1,5 @@
-// Text, paths and versions through the platform's strings, URLs and bundles, file
-// specifications and back, and the maker's web page addresses.
+// Text, paths and versions through the platform's strings, URLs and bundles, FSSpec file
+// records and back, and the maker's web page addresses.
 #include <gtest/gtest.h>
 #include <limits.h>
 #include <sys/stat.h>
@@ -191,7 +191,7 @@ protected:
         ASSERT_EQ(0, mkdir((folder + "/Docs").c_str(), 0755));
         std::ofstream(folder + "/Docs/report") << "text";
     }
-    TempFolder temp{"tavix-fsspec"};
+    TempFolder temp{"tavix-filerecord"};
     std::string folder;
 };
 
@@ -210,7 +210,7 @@ TEST_F(FSSpecTest, ExistingItemsTurnBackIntoTheirPaths) {
     EXPECT_EQ(report.Spec.parID, dotted.Spec.parID);
 }
 
-TEST_F(FSSpecTest, ANewNameInAnExistingFolderHasASpecification) {
+TEST_F(FSSpecTest, ANewNameInAnExistingFolderHasAFileRecord) {
     const std::string path = folder + "/Docs/not yet \xC3\xA9"
                                       "crit";
     FSSpec spec;

@@ -9,7 +9,7 @@
 // catalogue is guarded by a lock; any thread may call.
 #pragma once
 
-#include "llib/mac/fsspec.h"
+#include "llib/mac/filerecord.h"
 #include "platform/cfurl.h"
 
 enum : int32_t {

@@ -1,5 +1,5 @@
 // Text and locations moved between the library's UTF-8 strings and the platform's string, URL
-// and bundle objects and its older file specifications, and the actions that hand something to
+// and bundle objects and its older FSSpec file records, and the actions that hand something to
 // the desktop: reveal an item in the file browser, open a file or folder with its default
 // application, open a web address, and build the maker's web page addresses.
 //
@@ -16,7 +16,7 @@
 #include <cwchar>
 
 #include "llib/gen/stringlong.h"
-#include "llib/mac/fsspec.h"
+#include "llib/mac/filerecord.h"
 
 typedef const struct __CFString* CFStringRef;
 typedef const struct __CFURL* CFURLRef;
@@ -120,16 +120,16 @@ public:
 // Linux has no catalogue that finds a folder by id, so the platform keeps one per process: a
 // folder's id is its inode number (cut to 31 bits, moved on when it collides), recorded with
 // its path when it is handed out, and the root "/" is the volume's root folder, id 2, whose
-// parent is id 1. A specification therefore turns back into a path only in the process that
+// parent is id 1. An FSSpec therefore turns back into a path only in the process that
 // made it, and only while its folders stay where they were.
 class LToFSSpec {
 public:
     LToFSSpec() = default;
-    // The specification of path (see CStringToFSSpec); valid when that succeeded.
+    // The FSSpec of path (see CStringToFSSpec); valid when that succeeded.
     explicit LToFSSpec(const char* path) { bValid = CStringToFSSpec(path, &Spec) == 0; }
 
-    // The specification's POSIX path: /Docs/report for report in the folder Docs at the root.
-    // out is emptied first and stays empty for an invalid specification. size is not
+    // The FSSpec's POSIX path: /Docs/report for report in the folder Docs at the root.
+    // out is emptied first and stays empty for an invalid FSSpec. size is not
     // consulted: out must hold the whole path.
     void GetString(char* out, unsigned long size) const;
 

@@ -1,4 +1,4 @@
-// LToFSSpec: file specifications from paths and back, through the platform's catalogue.
+// LToFSSpec: FSSpec file records from paths and back, through the platform's catalogue.
 #include <cstring>
 #include <string>
 
@@ -18,9 +18,9 @@ public:
     CFTypeRef Object;
 };
 
-// The specification of a name not yet used in an existing folder: the folder's id and the
+// The FSSpec of a name not yet used in an existing folder: the folder's id and the
 // name, both taken through URLs as the platform resolves them.
-int SpecForNewItem(const char* path, FSSpec* spec) {
+int RecordForNewItem(const char* path, FSSpec* spec) {
     CFStringRef string = CFStringCreateWithCString(nullptr, path, CFStringGetSystemEncoding());
     Releaser releaseString(string);
     if (string == nullptr)
@@ -64,7 +64,7 @@ int LToFSSpec::CStringToFSSpec(const char* path, FSSpec* spec) {
     FSRef ref;
     if (FSPathMakeRef(reinterpret_cast<const UInt8*>(path), &ref, nullptr) == noErr)
         return FSGetCatalogInfo(&ref, kFSCatInfoNone, nullptr, nullptr, spec, nullptr);
-    return SpecForNewItem(path, spec);
+    return RecordForNewItem(path, spec);
 }
 
 void LToFSSpec::GetString(char* out, unsigned long) const {

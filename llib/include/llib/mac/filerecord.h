@@ -1,9 +1,9 @@
-/* FSSpec: the older file specification of the desktop system, a record shared by the utility
+/* FSSpec: the desktop system's older way of naming a file, a record shared by the utility
    layer's conversions and the platform's file calls. An item is named by the volume it is on,
    the catalogue id of the folder holding it and its name (at most 63 bytes, in the system
    encoding, preceded by its length). Usable from C and C++. */
-#ifndef LLIB_MAC_FSSPEC_H
-#define LLIB_MAC_FSSPEC_H
+#ifndef LLIB_MAC_FILERECORD_H
+#define LLIB_MAC_FILERECORD_H
 
 #include <stdint.h>
 
