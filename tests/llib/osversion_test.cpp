@@ -5,11 +5,9 @@
 
 TEST(OSVersion, PacksMinorsUpTo8AsANibbleAndLaterOnesAsTwoDigits) {
     EXPECT_EQ(0x1040, LMakeMacOSVersion(10, 4));
-    EXPECT_EQ(0x1050, LMakeMacOSVersion(10, 5));
     EXPECT_EQ(0x1080, LMakeMacOSVersion(10, 8));
     EXPECT_EQ(0x1009, LMakeMacOSVersion(10, 9));
     EXPECT_EQ(0x1010, LMakeMacOSVersion(10, 10));
-    EXPECT_EQ(0x1015, LMakeMacOSVersion(10, 15));
     EXPECT_EQ(0x1100, LMakeMacOSVersion(11, 0));
     EXPECT_EQ(0x0920, LMakeMacOSVersion(9, 2));
 }

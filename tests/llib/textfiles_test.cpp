@@ -102,9 +102,7 @@ TEST_F(TextFilesTest, SavingAppendingAndTheUtf8Tag) {
     const int tagged = LSaveText(path.c_str(), "first");
     EXPECT_EQ("first", Read(path));
     LStringLongTemplate<char> more;
-    more.GrowToSize(8);
-    strcpy(more.pData, " second");
-    more.nLength = 7;
+    more = " second";
     LSaveAppendText(path.c_str(), more);
     EXPECT_EQ("first second", Read(path));
     LSaveText(path.c_str(), more);
@@ -127,9 +125,7 @@ TEST_F(TextFilesTest, SavingAppendingAndTheUtf8Tag) {
 TEST_F(TextFilesTest, Utf16WithAMarkRoundTrips) {
     const std::string path = folder + "/unicode.txt";
     LStringLongTemplate<char> text;
-    text.GrowToSize(8);
-    strcpy(text.pData, "abc");
-    text.nLength = 3;
+    text = "abc";
     LSaveTextAsUnicodeBOM(path.c_str(), text);
     EXPECT_EQ(std::string("\xFF\xFE"
                           "a\0b\0c\0",
@@ -137,9 +133,7 @@ TEST_F(TextFilesTest, Utf16WithAMarkRoundTrips) {
               Read(path));
 
     const std::string mixed = "gr\xC3\xBC\xC3\x9F\xE6\x97\xA5";
-    text.GrowToSize(static_cast<unsigned int>(mixed.size() + 1));
-    strcpy(text.pData, mixed.c_str());
-    text.nLength = static_cast<unsigned int>(mixed.size());
+    text = mixed.c_str();
     LSaveTextAsUnicodeBOM(path.c_str(), text);
     LStringLongTemplate<char> loaded;
     ASSERT_TRUE(LLoadTextAutoChar(path.c_str(), loaded));
