@@ -104,15 +104,13 @@ struct Recorder {
     std::mutex mutex;
     std::condition_variable arrived;
     std::vector<int16_t> samples;
-    std::vector<double> timestamps;
     int deliveries = 0;
 
     AlsaCapture::Deliver deliver(std::chrono::milliseconds stallOnce = {}) {
-        return [this, stallOnce](const uint8_t* data, size_t frames, double timestamp) {
+        return [this, stallOnce](const uint8_t* data, size_t frames, double) {
             const int16_t* values = reinterpret_cast<const int16_t*>(data);
             std::unique_lock<std::mutex> hold(mutex);
             samples.insert(samples.end(), values, values + frames * 2);
-            timestamps.push_back(timestamp);
             if (++deliveries == 2 && stallOnce.count())
                 std::this_thread::sleep_for(stallOnce); // falls behind the hardware on purpose
             arrived.notify_all();

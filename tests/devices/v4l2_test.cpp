@@ -24,23 +24,22 @@ V4L2Format FormatWithSizes(std::initializer_list<std::pair<uint32_t, uint32_t>> 
 }
 
 TEST(V4L2Negotiation, NearestSizePrefersExactThenSmallestCoveringThenLargest) {
-    V4L2Format format = FormatWithSizes({{1920, 1080}, {1280, 720}, {640, 480}, {320, 180}});
-    V4L2FrameSize exact = V4L2NearestSize(format, 640, 480);
-    EXPECT_EQ(640u, exact.width);
-    EXPECT_EQ(480u, exact.height);
-    // 800 x 600 is covered by 1280 x 720 and 1920 x 1080: the smaller is scaled down from.
-    V4L2FrameSize covering = V4L2NearestSize(format, 800, 600);
-    EXPECT_EQ(1280u, covering.width);
-    EXPECT_EQ(720u, covering.height);
-    // 640 wide but 500 high: 640 x 480 does not cover it.
-    V4L2FrameSize taller = V4L2NearestSize(format, 640, 500);
-    EXPECT_EQ(1280u, taller.width);
-    // Nothing covers 4K: the largest is scaled up from.
-    V4L2FrameSize huge = V4L2NearestSize(format, 4096, 2160);
-    EXPECT_EQ(1920u, huge.width);
-    EXPECT_EQ(1080u, huge.height);
+    const V4L2Format format = FormatWithSizes({{1920, 1080}, {1280, 720}, {640, 480}, {320, 180}});
+    const struct {
+        uint32_t width, height, expectedWidth, expectedHeight;
+    } cases[] = {
+        {640, 480, 640, 480},     // exact
+        {800, 600, 1280, 720},    // the smaller of the two covering sizes, scaled down from
+        {640, 500, 1280, 720},    // 640 x 480 is not tall enough
+        {4096, 2160, 1920, 1080}, // nothing covers it: the largest, scaled up from
+    };
+    for (const auto& c : cases) {
+        const V4L2FrameSize size = V4L2NearestSize(format, c.width, c.height);
+        EXPECT_EQ(c.expectedWidth, size.width) << c.width << "x" << c.height;
+        EXPECT_EQ(c.expectedHeight, size.height) << c.width << "x" << c.height;
+    }
     // A format without sizes leaves the choice to the driver.
-    V4L2FrameSize none = V4L2NearestSize(FormatWithSizes({}), 123, 45);
+    const V4L2FrameSize none = V4L2NearestSize(FormatWithSizes({}), 123, 45);
     EXPECT_EQ(123u, none.width);
     EXPECT_EQ(45u, none.height);
 }

@@ -7,7 +7,6 @@
 #include <unistd.h>
 
 #include <cstdlib>
-#include <fstream>
 #include <string>
 
 #include "support/tempfolder.h"
@@ -18,10 +17,6 @@ namespace {
 class CommandsTest : public ::testing::Test {
 protected:
     void TearDown() override { gLPrivilegeLauncher = "pkexec"; }
-    std::string Read(const std::string& path) {
-        std::ifstream file(path);
-        return std::string(std::istreambuf_iterator<char>(file), {});
-    }
     TempFolder temp{"tavix-commands"};
     std::string folder = temp.path;
 };
@@ -50,7 +45,7 @@ TEST_F(CommandsTest, OneWayPipesReadAndWriteACommand) {
     ASSERT_TRUE(out._Open(("cat > '" + path + "'").c_str()));
     EXPECT_TRUE(out.Write("through the pipe", 16));
     out.Close();
-    EXPECT_EQ("through the pipe", Read(path));
+    EXPECT_EQ("through the pipe", ReadFile(path));
 }
 
 TEST_F(CommandsTest, ATwoWayPipeFeedsAChildAndReadsItsAnswer) {

@@ -1,12 +1,12 @@
 #include "support/tempfolder.h"
 #include "llib/unix/filehandle.h"
+#include "support/elapsed.h"
 
 #include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
 #include <fcntl.h>
-#include <fstream>
 #include <gtest/gtest.h>
 #include <random>
 #include <string>
@@ -19,24 +19,10 @@
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-long MillisecondsSince(Clock::time_point begin) {
-    return static_cast<long>(
-        std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - begin).count());
-}
-
 // A fresh folder under /tmp for each test, removed afterwards.
 class Files : public ::testing::Test {
 protected:
     std::string Path(const char* name) const { return temp / name; }
-    static void Write(const std::string& path, const std::string& bytes) {
-        std::ofstream(path, std::ios::binary) << bytes;
-    }
-    static std::string Contents(const std::string& path) {
-        std::ifstream file(path, std::ios::binary);
-        return std::string(std::istreambuf_iterator<char>(file), {});
-    }
     TempFolder temp{"tavix-files"};
 };
 
@@ -131,7 +117,7 @@ std::vector<std::string> ReferenceLines(const std::string& bytes) {
 
 TEST_F(Files, SharedReadersExcludeWritersAcrossProcesses) {
     const std::string path = Path("shared.txt");
-    Write(path, "contents");
+    WriteFile(path, "contents");
     {
         LockHolder reader(path, LOCK_SH);
         ASSERT_TRUE(reader.held);
@@ -140,7 +126,7 @@ TEST_F(Files, SharedReadersExcludeWritersAcrossProcesses) {
         LWriteFile writer(path.c_str());
         EXPECT_FALSE(writer.IsValid());
         EXPECT_TRUE(LFile::IsErrorSharingViolation());
-        EXPECT_EQ("contents", Contents(path)) << "a refused writer leaves the file alone";
+        EXPECT_EQ("contents", ReadFile(path)) << "a refused writer leaves the file alone";
         EXPECT_TRUE(LFile::TestFileShareWriteBlocked(path.c_str()));
     }
     {
@@ -155,7 +141,7 @@ TEST_F(Files, SharedReadersExcludeWritersAcrossProcesses) {
     EXPECT_FALSE(LFile::TestFileShareWriteBlocked(Path("missing").c_str()));
     LWriteFile writer(path.c_str());
     ASSERT_TRUE(writer.IsValid());
-    EXPECT_EQ("", Contents(path)) << "a writer starts empty";
+    EXPECT_EQ("", ReadFile(path)) << "a writer starts empty";
     // Within one process each open takes its own lock too.
     LReadFile reader(path.c_str());
     EXPECT_FALSE(reader.IsValid());
@@ -163,13 +149,13 @@ TEST_F(Files, SharedReadersExcludeWritersAcrossProcesses) {
 
 TEST_F(Files, TimedLockWaitsDoubleAndOpenWithoutTheLockAfterward) {
     const std::string path = Path("timed.txt");
-    Write(path, "old contents");
+    WriteFile(path, "old contents");
     LockHolder holder(path, LOCK_EX);
     ASSERT_TRUE(holder.held);
     const int fd = open(path.c_str(), O_RDONLY);
     auto begin = Clock::now();
     EXPECT_NE(0, flocktimed(fd, LOCK_SH, 320)); // waits 11, 22, 44, 88, 176
-    long elapsed = MillisecondsSince(begin);
+    double elapsed = MillisecondsSince(begin);
     EXPECT_GE(elapsed, 330);
     EXPECT_LT(elapsed, 1500);
     EXPECT_EQ(EWOULDBLOCK, errno);
@@ -180,7 +166,7 @@ TEST_F(Files, TimedLockWaitsDoubleAndOpenWithoutTheLockAfterward) {
     elapsed = MillisecondsSince(begin);
     EXPECT_GE(written, 0) << "opened although the lock was not obtained";
     EXPECT_GE(elapsed, 90);
-    EXPECT_EQ("", Contents(path));
+    EXPECT_EQ("", ReadFile(path));
     close(written);
 
     // A lock released during the waits is taken.
@@ -218,7 +204,7 @@ TEST_F(Files, OpeningNewAppendingTimesAndTheErrorTests) {
     EXPECT_EQ(1000000000, after.st_mtime);
     EXPECT_EQ(before.st_atim.tv_nsec, after.st_atim.tv_nsec) << "the access time is kept";
     file.Close();
-    EXPECT_EQ("first second", Contents(path));
+    EXPECT_EQ("first second", ReadFile(path));
 
     LReadFile missing(Path("missing").c_str());
     EXPECT_FALSE(missing.IsValid());
@@ -250,7 +236,7 @@ TEST_F(Files, LengthPrefixedStringsAndLittleEndianRecords) {
         EXPECT_TRUE(file.WriteStringLenUTF8(s600.c_str()));
         EXPECT_TRUE(file.WriteStringLenUTF8(""));
     }
-    const std::string bytes = Contents(path);
+    const std::string bytes = ReadFile(path);
     EXPECT_EQ(std::string("\xAB\x78\x56\x34\x12", 5), bytes.substr(0, 5));
     EXPECT_EQ('\xFE', bytes[5]) << "254 bytes: a one-byte prefix";
     EXPECT_EQ(std::string("\xFF\xFF\x00\x00\x00", 5), bytes.substr(5 + 1 + 254, 5))
@@ -275,9 +261,9 @@ TEST_F(Files, LengthPrefixedStringsAndLittleEndianRecords) {
     EXPECT_STREQ("", text);
 
     // A record cut short by the end of the file.
-    Write(path, std::string("\x06"
-                            "abc\x78\x56",
-                            6));
+    WriteFile(path, std::string("\x06"
+                                "abc\x78\x56",
+                                6));
     LReadFile cut(path.c_str());
     EXPECT_FALSE(cut.ReadStringLenUTF8(text));
     EXPECT_EQ(std::string("abc\x78\x56"), text);
@@ -307,11 +293,11 @@ TEST_F(Files, LineEndsForBothReaders) {
     };
     const std::string path = Path("lines.txt");
     for (const auto& c : cases) {
-        Write(path, c.bytes);
+        WriteFile(path, c.bytes);
         EXPECT_EQ(c.lines, c.buffered ? BufferedLines(path) : UnbufferedLines(path))
             << (c.buffered ? "buffered: " : "unbuffered: ") << c.bytes.substr(0, 20);
     }
-    Write(path, "long line here\nx");
+    WriteFile(path, "long line here\nx");
     EXPECT_EQ((Lines{"long", "x"}), BufferedLines(path, 5)) << "cut to the size, rest skipped";
     LReadFileBuffered reader(path.c_str());
     char untouched = 'u';
@@ -319,7 +305,7 @@ TEST_F(Files, LineEndsForBothReaders) {
     EXPECT_EQ('u', untouched);
 
     // A growable line takes any length.
-    Write(path, std::string(10000, 'w') + "\r\nshort");
+    WriteFile(path, std::string(10000, 'w') + "\r\nshort");
     LReadFile file(path.c_str());
     LStringLongTemplate<char> line;
     EXPECT_TRUE(file.ReadLine(line));
@@ -337,7 +323,7 @@ TEST_F(Files, BufferedLinesAcrossTheBufferBoundary) {
     for (size_t crAt : {8190u, 8191u, 8192u}) {
         std::string bytes(crAt, 'x');
         bytes += "\r\nnext\n";
-        Write(path, bytes);
+        WriteFile(path, bytes);
         EXPECT_EQ((std::vector<std::string>{std::string(crAt, 'x'), "next"}), BufferedLines(path))
             << crAt;
     }
@@ -354,7 +340,7 @@ TEST_F(Files, BufferedLinesAcrossTheBufferBoundary) {
             else
                 bytes.append(random() % 80, static_cast<char>('a' + random() % 26));
         }
-        Write(path, bytes);
+        WriteFile(path, bytes);
         ASSERT_TRUE(ReferenceLines(bytes) ==
                     BufferedLines(path, static_cast<unsigned int>(bytes.size() + 1)))
             << "round " << round;
@@ -366,7 +352,7 @@ TEST_F(Files, BufferedReadsPeeksAndSeeks) {
     std::string bytes;
     for (int i = 0; i < 30000; ++i)
         bytes += static_cast<char>(i * 7 + i / 256);
-    Write(path, bytes);
+    WriteFile(path, bytes);
     LReadFileBuffered reader(path.c_str());
     EXPECT_EQ(30000u, reader.GetFileSizeBytes64());
     std::vector<char> out(20000);
@@ -415,7 +401,7 @@ TEST_F(Files, LineWritersAndFormattedWriting) {
         const std::string longText(1000, 'z');
         EXPECT_EQ(1007u, fprintf(file, " %d %s|%x", 42, longText.c_str(), 255));
     }
-    EXPECT_EQ("crlf\r\nlf\n\xC3\xA9 42 " + std::string(1000, 'z') + "|ff", Contents(path));
+    EXPECT_EQ("crlf\r\nlf\n\xC3\xA9 42 " + std::string(1000, 'z') + "|ff", ReadFile(path));
 }
 
 TEST_F(Files, ChunkedTransfersStopThroughTheProcessInterface) {
@@ -427,10 +413,10 @@ TEST_F(Files, ChunkedTransfersStopThroughTheProcessInterface) {
         LWriteFile file(path.c_str());
         CountingProcess stopAtOnce(0);
         EXPECT_EQ(kLProcessStopped, LProcessFileWrite(stopAtOnce, file, data.data(), 100000));
-        EXPECT_EQ("", Contents(path)) << "nothing written";
+        EXPECT_EQ("", ReadFile(path)) << "nothing written";
         CountingProcess stopLater(3);
         EXPECT_EQ(kLProcessStopped, LProcessFileWrite(stopLater, file, data.data(), 100000));
-        EXPECT_EQ(3u * 10240u, Contents(path).size());
+        EXPECT_EQ(3u * 10240u, ReadFile(path).size());
         ASSERT_EQ(3u, stopLater.progress.size());
         EXPECT_DOUBLE_EQ(10240.0 / 100000, stopLater.progress[0]);
         CountingProcess never(1000);

@@ -11,7 +11,6 @@
 
 #include <algorithm>
 #include <csignal>
-#include <fstream>
 #include <set>
 #include <string>
 #include <vector>
@@ -21,15 +20,6 @@
 #include "support/tempfolder.h"
 
 namespace {
-
-void WriteFile(const std::string& path, const std::string& content) {
-    std::ofstream(path, std::ios::binary) << content;
-}
-
-std::string ReadFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), {});
-}
 
 bool Exists(const std::string& path) {
     struct stat info;

@@ -6,24 +6,18 @@
 #include <sys/time.h>
 #include <thread>
 
-TEST(TickCount, FollowsTheTimeOfDayInMilliseconds) {
+TEST(TickCount, FollowsTheTimeOfDayInMillisecondsAndMeasuresSpans) {
     timeval now{};
     gettimeofday(&now, nullptr);
     const unsigned int expected = static_cast<unsigned int>(
         static_cast<unsigned long long>(now.tv_sec) * 1000u + now.tv_usec / 1000u);
     EXPECT_LE(GetTickCount() - expected, 100u);
-}
 
-TEST(TickCount, ElapsedTimesByUnsignedSubtraction) {
     const unsigned int begin = GetTickCount();
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
     const unsigned int elapsed = GetTickCount() - begin;
     EXPECT_GE(elapsed, 99u);
     EXPECT_LT(elapsed, 2000u);
-    // Across a wrap the difference stays right.
-    const unsigned int beforeWrap = 0xFFFFFFF0u;
-    const unsigned int afterWrap = beforeWrap + 0x20u;
-    EXPECT_EQ(0x20u, afterWrap - beforeWrap);
 }
 
 TEST(Randomize, SeedsDifferentlyOverTime) {

@@ -12,14 +12,9 @@
 #include "llib/gen/signalobject.h"
 #include "llib/mac/process.h"
 #include "platform/events.h"
+#include "support/elapsed.h"
 
 namespace {
-
-using Clock = std::chrono::steady_clock;
-
-double MillisecondsSince(Clock::time_point start) {
-    return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
-}
 
 class MainThreadTest : public ::testing::Test {
 protected:

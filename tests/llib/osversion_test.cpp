@@ -5,16 +5,14 @@
 
 TEST(OSVersion, PacksMinorsUpTo8AsANibbleAndLaterOnesAsTwoDigits) {
     EXPECT_EQ(0x1040, LMakeMacOSVersion(10, 4));
-    EXPECT_EQ(0x1050, LMakeMacOSVersion(10, 5));
     EXPECT_EQ(0x1080, LMakeMacOSVersion(10, 8));
     EXPECT_EQ(0x1009, LMakeMacOSVersion(10, 9));
     EXPECT_EQ(0x1010, LMakeMacOSVersion(10, 10));
-    EXPECT_EQ(0x1015, LMakeMacOSVersion(10, 15));
     EXPECT_EQ(0x1100, LMakeMacOSVersion(11, 0));
     EXPECT_EQ(0x0920, LMakeMacOSVersion(9, 2));
 }
 
-TEST(OSVersion, ComparesThePlatformsVersionEqualCountingAsLater) {
+TEST(OSVersion, ComparesThePlatformsVersionAndRefusesUnknownSelectors) {
     SInt32 version = 0;
     ASSERT_EQ(noErr, Gestalt(gestaltSystemVersion, &version));
     EXPECT_EQ(0x1068, version);
@@ -27,6 +25,11 @@ TEST(OSVersion, ComparesThePlatformsVersionEqualCountingAsLater) {
     // 10.9 packs below 10.4 (0x1009): the packing, not the number, decides.
     EXPECT_TRUE(IsOSMacVersionOrLater(10, 9));
     PlatformSetSystemVersion(kPlatformSystemVersion);
+
+    SInt32 response = 42;
+    EXPECT_EQ(gestaltUndefSelectorErr, Gestalt(0x6e6f6e65, &response));
+    EXPECT_EQ(42, response);
+    EXPECT_EQ(gestaltUndefSelectorErr, Gestalt(gestaltSystemVersion, nullptr));
 }
 
 TEST(OSVersion, NamedTestsAreComputedOnceAndKept) {
@@ -38,11 +41,4 @@ TEST(OSVersion, NamedTestsAreComputedOnceAndKept) {
     EXPECT_FALSE(leopard);
     EXPECT_FALSE(IsOSMacTigerOrLater()) << "the first answer is kept for the process";
     EXPECT_FALSE(IsOSMacLeopardOrLater());
-}
-
-TEST(OSVersion, GestaltRefusesUnknownSelectors) {
-    SInt32 response = 42;
-    EXPECT_EQ(gestaltUndefSelectorErr, Gestalt(0x6e6f6e65, &response));
-    EXPECT_EQ(42, response);
-    EXPECT_EQ(gestaltUndefSelectorErr, Gestalt(gestaltSystemVersion, nullptr));
 }

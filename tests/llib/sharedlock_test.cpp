@@ -11,14 +11,9 @@
 #include <thread>
 
 #include "llib/gen/sharedlock.h"
+#include "support/elapsed.h"
 
 namespace {
-
-using Clock = std::chrono::steady_clock;
-
-double MillisecondsSince(Clock::time_point start) {
-    return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
-}
 
 TEST(SharedLock, ReadersShareAndTheLastOneLetsTheWriterIn) {
     LLockObjectShared lock;

@@ -1,4 +1,5 @@
 #include "llib/gen/signalobject.h"
+#include "support/elapsed.h"
 
 #include <chrono>
 #include <csignal>
@@ -11,13 +12,6 @@
 #include <vector>
 
 namespace {
-
-using Clock = std::chrono::steady_clock;
-
-long MillisecondsSince(Clock::time_point begin) {
-    return static_cast<long>(
-        std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - begin).count());
-}
 
 void SignalLater(const LSignalObjectRef& signal, int ms) {
     std::this_thread::sleep_for(std::chrono::milliseconds(ms));
@@ -48,7 +42,7 @@ TEST(SignalObject, WaitsTimeOutOrEndWhenSignalledBeforeOrDuring) {
     LSignalObject signal;
     auto begin = Clock::now();
     EXPECT_FALSE(signal.WaitSignal(250));
-    const long elapsed = MillisecondsSince(begin);
+    const double elapsed = MillisecondsSince(begin);
     EXPECT_GE(elapsed, 245);
     EXPECT_LT(elapsed, 3000);
 

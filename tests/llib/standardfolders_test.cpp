@@ -22,11 +22,6 @@ bool IsFolder(const std::string& path) {
     return stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
 }
 
-std::string Read(const std::string& path) {
-    std::ifstream in(path);
-    return std::string(std::istreambuf_iterator<char>(in), {});
-}
-
 class StandardFolders : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -158,10 +153,10 @@ TEST_F(StandardFolders, SharedSettingsMigrateOnce) {
     std::ofstream(old + "/Profiles/p1") << "p";
     LFileMigrateSharedSettings();
     EXPECT_TRUE(LFile::TestFileExists(marker));
-    EXPECT_EQ(Read(data + "/LTavix/Shared/settings.ini"), "a=1");
-    EXPECT_EQ(Read(data + "/LTavix/Shared/.hidden"), "h");
-    EXPECT_EQ(Read(data + "/LTavix/Shared/Profiles/p1"), "p");
-    EXPECT_EQ(Read(old + "/settings.ini"), "a=1");
+    EXPECT_EQ(ReadFile(data + "/LTavix/Shared/settings.ini"), "a=1");
+    EXPECT_EQ(ReadFile(data + "/LTavix/Shared/.hidden"), "h");
+    EXPECT_EQ(ReadFile(data + "/LTavix/Shared/Profiles/p1"), "p");
+    EXPECT_EQ(ReadFile(old + "/settings.ini"), "a=1");
 
     // Run again: the marker stops it.
     std::ofstream(old + "/later.ini") << "b=2";

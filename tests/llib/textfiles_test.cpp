@@ -17,12 +17,8 @@ class TextFilesTest : public ::testing::Test {
 protected:
     std::string Write(const std::string& name, const std::string& bytes) {
         const std::string path = folder + "/" + name;
-        std::ofstream(path, std::ios::binary) << bytes;
+        WriteFile(path, bytes);
         return path;
-    }
-    static std::string Read(const std::string& path) {
-        std::ifstream file(path, std::ios::binary);
-        return std::string(std::istreambuf_iterator<char>(file), {});
     }
     // The text as a C string: the UTF-16 loaders leave the length field at 0 and the text is
     // read through the buffer.
@@ -100,19 +96,17 @@ TEST_F(TextFilesTest, EmptyOddAndMissingFiles) {
 TEST_F(TextFilesTest, SavingAppendingAndTheUtf8Tag) {
     const std::string path = folder + "/saved.txt";
     const int tagged = LSaveText(path.c_str(), "first");
-    EXPECT_EQ("first", Read(path));
+    EXPECT_EQ("first", ReadFile(path));
     LStringLongTemplate<char> more;
-    more.GrowToSize(8);
-    strcpy(more.pData, " second");
-    more.nLength = 7;
+    more = " second";
     LSaveAppendText(path.c_str(), more);
-    EXPECT_EQ("first second", Read(path));
+    EXPECT_EQ("first second", ReadFile(path));
     LSaveText(path.c_str(), more);
-    EXPECT_EQ(" second", Read(path)) << "saving replaces";
+    EXPECT_EQ(" second", ReadFile(path)) << "saving replaces";
 
     const std::string created = folder + "/appended";
     LSaveAppendText(created.c_str(), "new");
-    EXPECT_EQ("new", Read(created)) << "appending creates a missing file";
+    EXPECT_EQ("new", ReadFile(created)) << "appending creates a missing file";
 
     char value[64] = {};
     const ssize_t got = getxattr(path.c_str(), "user.com.apple.TextEncoding", value, sizeof value);
@@ -127,19 +121,15 @@ TEST_F(TextFilesTest, SavingAppendingAndTheUtf8Tag) {
 TEST_F(TextFilesTest, Utf16WithAMarkRoundTrips) {
     const std::string path = folder + "/unicode.txt";
     LStringLongTemplate<char> text;
-    text.GrowToSize(8);
-    strcpy(text.pData, "abc");
-    text.nLength = 3;
+    text = "abc";
     LSaveTextAsUnicodeBOM(path.c_str(), text);
     EXPECT_EQ(std::string("\xFF\xFE"
                           "a\0b\0c\0",
                           8),
-              Read(path));
+              ReadFile(path));
 
     const std::string mixed = "gr\xC3\xBC\xC3\x9F\xE6\x97\xA5";
-    text.GrowToSize(static_cast<unsigned int>(mixed.size() + 1));
-    strcpy(text.pData, mixed.c_str());
-    text.nLength = static_cast<unsigned int>(mixed.size());
+    text = mixed.c_str();
     LSaveTextAsUnicodeBOM(path.c_str(), text);
     LStringLongTemplate<char> loaded;
     ASSERT_TRUE(LLoadTextAutoChar(path.c_str(), loaded));

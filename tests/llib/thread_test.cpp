@@ -1,4 +1,5 @@
 #include "llib/gen/thread.h"
+#include "support/elapsed.h"
 
 #include <atomic>
 #include <chrono>
@@ -8,13 +9,6 @@
 #include <unistd.h>
 
 namespace {
-
-using Clock = std::chrono::steady_clock;
-
-long MillisecondsSince(Clock::time_point begin) {
-    return static_cast<long>(
-        std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - begin).count());
-}
 
 // Waits in ProcessWaitSignal until asked to stop or Go is set; counts its runs.
 class Worker : public LThread {

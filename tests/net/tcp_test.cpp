@@ -13,14 +13,9 @@
 #include <vector>
 
 #include "llib/net/tcp.h"
+#include "support/elapsed.h"
 
 namespace {
-
-using Clock = std::chrono::steady_clock;
-
-double MillisecondsSince(Clock::time_point start) {
-    return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
-}
 
 const LIPAddress kLoopback = htonl(INADDR_LOOPBACK);
 

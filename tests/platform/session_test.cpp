@@ -5,6 +5,7 @@
 
 #include "platform/qtkit.h"
 #include "platform/virtualdevices.h"
+#include "support/tavix_helpers.h"
 
 namespace {
 
@@ -12,30 +13,17 @@ using namespace std::chrono_literals;
 
 class FrameCounter : public NSObject, public QTCaptureDecompressedVideoOutputDelegate {
 public:
-    void captureOutput(QTCaptureOutput*, CVImageBufferRef frame, QTSampleBuffer* sample,
+    void captureOutput(QTCaptureOutput*, CVImageBufferRef, QTSampleBuffer*,
                        QTCaptureConnection*) override {
         EXPECT_FALSE(stopped.load()) << "a delegate call after it was cut off";
         inCall = true;
-        lastBase = CVPixelBufferGetBaseAddress(frame);
-        format = CVPixelBufferGetPixelFormatType(frame);
-        width = CVPixelBufferGetWidth(frame);
-        height = CVPixelBufferGetHeight(frame);
-        hasTimecode = sample->attributeForKey(QTSampleBufferSMPTETimeAttribute) != nullptr;
-        if (hasTimecode)
-            timecode =
-                static_cast<NSValue*>(sample->attributeForKey(QTSampleBufferSMPTETimeAttribute))
-                    ->SMPTETimeValue();
         if (slow)
             std::this_thread::sleep_for(2ms);
         ++frames;
         inCall = false;
     }
     std::atomic<int> frames{0};
-    std::atomic<bool> stopped{false}, inCall{false}, slow{false}, hasTimecode{false};
-    std::atomic<void*> lastBase{nullptr};
-    std::atomic<OSType> format{0};
-    std::atomic<size_t> width{0}, height{0};
-    SMPTETime timecode{};
+    std::atomic<bool> stopped{false}, inCall{false}, slow{false};
 };
 
 class SoundCounter : public NSObject, public QTCaptureDecompressedAudioOutputDelegate {
@@ -63,16 +51,30 @@ QTCaptureDevice* FindDevice(const char* name) {
     return nullptr;
 }
 
-template <class Predicate>
-bool WaitFor(Predicate predicate, std::chrono::milliseconds limit = 5000ms) {
-    const auto end = std::chrono::steady_clock::now() + limit;
-    while (!predicate()) {
-        if (std::chrono::steady_clock::now() > end)
-            return false;
-        std::this_thread::sleep_for(1ms);
+// A session with one device input and one output whose delegate is `delegate`; released,
+// delegate included, at the end of the scope.
+template <class Output, class Delegate>
+struct Running {
+    Running(QTCaptureDevice* device, Delegate* delegate)
+        : input(new QTCaptureDeviceInput(device)), delegate(delegate) {
+        EXPECT_TRUE(session->addInput(input, nullptr));
+        output->setDelegate(delegate);
+        EXPECT_TRUE(session->addOutput(output, nullptr));
+        session->startRunning();
     }
-    return true;
-}
+    ~Running() {
+        session->stopRunning();
+        output->setDelegate(nullptr);
+        session->release();
+        output->release();
+        input->release();
+        delegate->release();
+    }
+    QTCaptureSession* session = new QTCaptureSession;
+    QTCaptureDeviceInput* input;
+    Output* output = new Output;
+    Delegate* delegate;
+};
 
 class SessionTest : public ::testing::Test {
 protected:
@@ -106,31 +108,17 @@ TEST_F(SessionTest, NoDelegateCallAfterStopOrAfterTheDelegateIsCleared) {
     QTCaptureDevice* camera = FindDevice(virtualdevices::kTestCameraName);
     ASSERT_TRUE(camera->open(nullptr));
     for (int round = 0; round < 20; ++round) {
-        auto* session = new QTCaptureSession;
-        auto* input = new QTCaptureDeviceInput(camera);
-        ASSERT_TRUE(session->addInput(input, nullptr));
-        auto* output = new QTCaptureDecompressedVideoOutput;
         auto* delegate = new FrameCounter;
         delegate->slow = true;
-        output->setDelegate(delegate);
-        ASSERT_TRUE(session->addOutput(output, nullptr));
-        session->startRunning();
-        ASSERT_TRUE(WaitFor([&] { return delegate->frames >= 1; }));
-        if (round % 2 == 0) {
-            output->setDelegate(nullptr);
-            EXPECT_FALSE(delegate->inCall.load());
-            delegate->stopped = true;
-            session->stopRunning();
-        } else {
-            session->stopRunning();
-            EXPECT_FALSE(delegate->inCall.load());
-            delegate->stopped = true;
-            output->setDelegate(nullptr);
-        }
-        session->release();
-        output->release();
-        input->release();
-        delegate->release();
+        Running<QTCaptureDecompressedVideoOutput, FrameCounter> run(camera, delegate);
+        ASSERT_TRUE(WaitUntil([&] { return delegate->frames >= 1; }));
+        // Either way round, once the call returns no delegate call is running or starts.
+        if (round % 2 == 0)
+            run.output->setDelegate(nullptr);
+        else
+            run.session->stopRunning();
+        EXPECT_FALSE(delegate->inCall.load());
+        delegate->stopped = true;
     }
     camera->close();
 }
@@ -162,24 +150,14 @@ TEST_F(SessionTest, RefusesInputsOfClosedDevicesAndWhatATestRefuses) {
 TEST_F(SessionTest, MicrophonePlaysAToneInItsNativeFormat) {
     QTCaptureDevice* microphone = FindDevice(virtualdevices::kTestMicrophoneName);
     ASSERT_TRUE(microphone->open(nullptr));
-    auto* session = new QTCaptureSession;
-    auto* input = new QTCaptureDeviceInput(microphone);
-    ASSERT_TRUE(session->addInput(input, nullptr));
-    auto* output = new QTCaptureDecompressedAudioOutput;
-    auto* delegate = new SoundCounter;
-    output->setDelegate(delegate);
-    ASSERT_TRUE(session->addOutput(output, nullptr));
-    session->startRunning();
-    EXPECT_TRUE(WaitFor([&] { return delegate->frames >= 4800; }));
-    session->stopRunning();
-    output->setDelegate(nullptr);
-    EXPECT_EQ(48000.0, delegate->format.mSampleRate);
-    EXPECT_EQ(2u, delegate->format.mChannelsPerFrame);
-    EXPECT_TRUE(delegate->format.mFormatFlags & kAudioFormatFlagIsFloat);
-    session->release();
-    output->release();
-    input->release();
-    delegate->release();
+    {
+        Running<QTCaptureDecompressedAudioOutput, SoundCounter> run(microphone, new SoundCounter);
+        EXPECT_TRUE(WaitUntil([&] { return run.delegate->frames >= 4800; }));
+        run.session->stopRunning();
+        EXPECT_EQ(48000.0, run.delegate->format.mSampleRate);
+        EXPECT_EQ(2u, run.delegate->format.mChannelsPerFrame);
+        EXPECT_TRUE(run.delegate->format.mFormatFlags & kAudioFormatFlagIsFloat);
+    }
     microphone->close();
 }
 
@@ -192,27 +170,16 @@ TEST_F(SessionTest, UnpluggingStopsFramesAndReportsNotConnected) {
     QTCaptureDevice* device = FindDevice("Unplug Me");
     ASSERT_NE(nullptr, device);
     ASSERT_TRUE(device->open(nullptr));
-    auto* session = new QTCaptureSession;
-    auto* input = new QTCaptureDeviceInput(device);
-    ASSERT_TRUE(session->addInput(input, nullptr));
-    auto* output = new QTCaptureDecompressedVideoOutput;
-    auto* delegate = new FrameCounter;
-    output->setDelegate(delegate);
-    ASSERT_TRUE(session->addOutput(output, nullptr));
-    session->startRunning();
-    ASSERT_TRUE(WaitFor([&] { return delegate->frames >= 2; }));
-    virtualdevices::SetConnected(id, false);
-    EXPECT_FALSE(device->isConnected());
-    std::this_thread::sleep_for(200ms);
-    const int frozen = delegate->frames;
-    std::this_thread::sleep_for(200ms);
-    EXPECT_EQ(frozen, delegate->frames.load());
-    EXPECT_TRUE(session->isRunning());
-    session->stopRunning();
-    output->setDelegate(nullptr);
-    session->release();
-    output->release();
-    input->release();
-    delegate->release();
+    {
+        Running<QTCaptureDecompressedVideoOutput, FrameCounter> run(device, new FrameCounter);
+        ASSERT_TRUE(WaitUntil([&] { return run.delegate->frames >= 2; }));
+        virtualdevices::SetConnected(id, false);
+        EXPECT_FALSE(device->isConnected());
+        std::this_thread::sleep_for(200ms);
+        const int frozen = run.delegate->frames;
+        std::this_thread::sleep_for(200ms);
+        EXPECT_EQ(frozen, run.delegate->frames.load());
+        EXPECT_TRUE(run.session->isRunning());
+    }
     device->close();
 }

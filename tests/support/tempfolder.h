@@ -13,3 +13,7 @@ public:
     std::string operator/(const std::string& name) const { return path + "/" + name; }
     std::string path; // empty when the folder could not be made
 };
+
+// A whole file's bytes ("" when it cannot be read), and a file made to hold exactly `bytes`.
+std::string ReadFile(const std::string& path);
+void WriteFile(const std::string& path, const std::string& bytes);

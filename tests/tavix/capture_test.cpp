@@ -73,6 +73,8 @@ TEST_F(CaptureTest, FramesComeInTheAskedFormatWithTheHostsData) {
     EXPECT_GE(log.bytesPerRow.load(), 64u * 4);
     EXPECT_EQ(DataOf(log), log.lastData.load()) << "a pointer passed as data keeps its width";
     EXPECT_FALSE(log.sawTimecode) << "a camera has no timecode";
+    SMPTETime time{};
+    EXPECT_FALSE(TavixDeviceGetSMPTETime(scope.handle, &time));
 }
 
 // The host's data is passed back bit for bit, including the upper half of a 64-bit long.

@@ -61,10 +61,7 @@ TEST_F(RecordingTest, EachContainerHoldsWhatTheCallbacksSaw) {
         const char* file;
         const char* container;
         const char* sound;
-    } cases[] = {{"capture.mov", "mov", "pcm_s16le"},
-                 {"capture.mp4", "mp4", "aac"},
-                 {"capture.mkv", "matroska", "pcm_s16le"},
-                 {"capture", "mov", "pcm_s16le"}}; // no extension: QuickTime
+    } cases[] = {{"capture.mov", "mov", "pcm_s16le"}, {"capture.mp4", "mp4", "aac"}};
     for (const Case& c : cases) {
         SCOPED_TRACE(c.file);
         const std::string path = folder + "/" + c.file;
