@@ -7,7 +7,8 @@
 namespace llib_utf8 {
 
 // Decodes toward `known`, whole characters only. The bytes before `known` are neither the
-// terminator nor beyond `allowance`, and the destination has room for `allowance` characters.
+// terminator nor beyond `allowance`, and the destination has room for `allowance` characters,
+// which the decoder may write past the characters it decodes.
 using DecodeBlocksFunction = void (*)(const unsigned char*& in, wchar_t*& out,
                                       unsigned long& allowance, const unsigned char* known);
 

@@ -76,41 +76,43 @@ LLIB_AVX512 inline __m512i Load64(const void* at) {
     return _mm512_loadu_si512(at);
 }
 
-// Decodes a checked block of one- and two-byte characters in 16-bit lanes, thirty-two positions
-// at a time: each position's value as if it led a character (the byte itself, or its five bits
-// and the next byte's six), the leads' values packed to the front and widened. A whole block
-// leaves room for thirty-two characters at each step; a short one writes only what it decodes.
+// Stores the first `count` (at most sixteen) of the lanes: all sixteen when the destination has
+// room (masked stores are slow on some processors), only those otherwise.
+LLIB_AVX512 inline void StoreLanes(wchar_t* out, __m512i lanes, unsigned int count, bool roomy) {
+    if (roomy)
+        _mm512_storeu_si512(out, lanes);
+    else
+        _mm512_mask_storeu_epi32(out, static_cast<__mmask16>((1u << count) - 1), lanes);
+}
+
+// Decodes thirty-two positions of a checked block of one- and two-byte characters in 16-bit
+// lanes: each position's value as if it led a character (the byte itself, or its five bits and
+// the next byte's six), the leads' values packed to the front and widened.
+LLIB_AVX512 inline wchar_t* DecodeHalf(__m256i bytes, __m256i nexts, __mmask32 leads, __mmask32 two,
+                                       bool roomy, wchar_t* out) {
+    const __m512i b = _mm512_cvtepu8_epi16(bytes);
+    const __m512i n = _mm512_and_si512(_mm512_cvtepu8_epi16(nexts), _mm512_set1_epi16(0x3F));
+    // (b << 6) & 0x7C0 | n
+    const __m512i pair =
+        _mm512_ternarylogic_epi32(_mm512_slli_epi16(b, 6), _mm512_set1_epi16(0x7C0), n, 0xEA);
+    const __m512i values = _mm512_maskz_compress_epi16(leads, _mm512_mask_mov_epi16(b, two, pair));
+    const unsigned int count = static_cast<unsigned int>(__builtin_popcount(leads));
+    const unsigned int lowCount = count < 16 ? count : 16;
+    StoreLanes(out, _mm512_cvtepu16_epi32(_mm512_castsi512_si256(values)), lowCount, roomy);
+    StoreLanes(out + 16, _mm512_cvtepu16_epi32(_mm512_extracti64x4_epi64(values, 1)),
+               count - lowCount, roomy);
+    return out + count;
+}
+
+// Decodes a checked block of one- and two-byte characters, thirty-two positions at a time.
 LLIB_AVX512 inline wchar_t* DecodeOneAndTwoByte(__m512i block, __m512i after, uint64_t leads,
-                                                uint64_t two, bool whole, wchar_t* out) {
+                                                uint64_t two, bool roomy, wchar_t* out) {
     const __m512i second = _mm512_permutex2var_epi8(block, Load64(kIndexes.next), after);
-    for (int half = 0; half < 2; ++half) {
-        const __m256i bytes =
-            half == 0 ? _mm512_castsi512_si256(block) : _mm512_extracti64x4_epi64(block, 1);
-        const __m256i nexts =
-            half == 0 ? _mm512_castsi512_si256(second) : _mm512_extracti64x4_epi64(second, 1);
-        const __m512i b = _mm512_cvtepu8_epi16(bytes);
-        const __m512i n = _mm512_and_si512(_mm512_cvtepu8_epi16(nexts), _mm512_set1_epi16(0x3F));
-        // (b << 6) & 0x7C0 | n
-        const __m512i pair =
-            _mm512_ternarylogic_epi32(_mm512_slli_epi16(b, 6), _mm512_set1_epi16(0x7C0), n, 0xEA);
-        const __mmask32 chosen = static_cast<__mmask32>(leads >> (32 * half));
-        const __m512i values = _mm512_maskz_compress_epi16(
-            chosen, _mm512_mask_mov_epi16(b, static_cast<__mmask32>(two >> (32 * half)), pair));
-        const int count = __builtin_popcount(chosen);
-        const __m512i low = _mm512_cvtepu16_epi32(_mm512_castsi512_si256(values));
-        const __m512i high = _mm512_cvtepu16_epi32(_mm512_extracti64x4_epi64(values, 1));
-        if (whole) {
-            _mm512_storeu_si512(out, low);
-            _mm512_storeu_si512(out + 16, high);
-        } else {
-            const unsigned int lowCount = count < 16 ? static_cast<unsigned int>(count) : 16;
-            _mm512_mask_storeu_epi32(out, static_cast<__mmask16>((1u << lowCount) - 1), low);
-            _mm512_mask_storeu_epi32(out + 16,
-                                     static_cast<__mmask16>((1u << (count - lowCount)) - 1), high);
-        }
-        out += count;
-    }
-    return out;
+    out = DecodeHalf(_mm512_castsi512_si256(block), _mm512_castsi512_si256(second),
+                     static_cast<__mmask32>(leads), static_cast<__mmask32>(two), roomy, out);
+    return DecodeHalf(_mm512_extracti64x4_epi64(block, 1), _mm512_extracti64x4_epi64(second, 1),
+                      static_cast<__mmask32>(leads >> 32), static_cast<__mmask32>(two >> 32), roomy,
+                      out);
 }
 
 // Decodes a checked block of characters of any length, by the positions of the leads, in
@@ -118,7 +120,7 @@ LLIB_AVX512 inline wchar_t* DecodeOneAndTwoByte(__m512i block, __m512i after, ui
 // marks and the lead's top bit off, the 6-bit fields joined as b0 << 18 | b1 << 12 | b2 << 6 |
 // b3, the bytes beyond the character shifted out and the lead's length marks masked off.
 LLIB_AVX512 inline wchar_t* DecodeAnyLength(__m512i block, __m512i after, uint64_t leads,
-                                            bool whole, wchar_t* out) {
+                                            bool roomy, wchar_t* out) {
     // By a lead byte's high nibble: how far the joined fields are shifted down, and the bits of
     // the value that are left.
     const __m512i shiftByNibble =
@@ -139,88 +141,103 @@ LLIB_AVX512 inline wchar_t* DecodeAnyLength(__m512i block, __m512i after, uint64
         lanes = _mm512_and_si512(
             _mm512_srlv_epi32(lanes, _mm512_permutexvar_epi32(nibble, shiftByNibble)),
             _mm512_permutexvar_epi32(nibble, valueByNibble));
-        // A whole block leaves room for sixteen characters at each step; the last, short
-        // one writes only what it decodes.
         const int count = characters - first < 16 ? characters - first : 16;
-        if (whole)
-            _mm512_storeu_si512(out, lanes);
-        else
-            _mm512_mask_storeu_epi32(out, static_cast<__mmask16>((1u << count) - 1), lanes);
+        StoreLanes(out, lanes, static_cast<unsigned int>(count), roomy);
         out += count;
     }
     return out;
+}
+
+// Widens the first `count` bytes of an ASCII block.
+LLIB_AVX512 inline void WidenAscii(__m512i block, unsigned long count, bool roomy, wchar_t* out) {
+    const __m128i quarters[4] = {_mm512_castsi512_si128(block), _mm512_extracti32x4_epi32(block, 1),
+                                 _mm512_extracti32x4_epi32(block, 2),
+                                 _mm512_extracti32x4_epi32(block, 3)};
+    if (roomy) {
+        for (int quarter = 0; quarter < 4; ++quarter)
+            _mm512_storeu_si512(out + 16 * quarter, _mm512_cvtepu8_epi32(quarters[quarter]));
+        return;
+    }
+    for (unsigned long at = 0; at < count; at += 16)
+        StoreLanes(out + at, _mm512_cvtepu8_epi32(quarters[at / 16]),
+                   static_cast<unsigned int>(count - at < 16 ? count - at : 16), false);
+}
+
+// Decodes a block that is not all ASCII: the 64 bytes of `block` (a short one reading as zero
+// past the bytes `present` marks), with the bytes after a whole block in `after`. Returns the
+// bytes consumed (the block and the rest of a character it cuts), or 0 when the block is
+// malformed.
+LLIB_AVX512 __attribute__((always_inline)) inline unsigned long
+DecodeMultibyte(__m512i block, __m512i after, uint64_t present, bool roomy, wchar_t*& out) {
+    // Well formed: trailing bytes exactly where the leads say (in the block and in the three
+    // bytes after it; the block starts at a lead), and each lead's second byte in its range.
+    const uint64_t trailing = _mm512_cmplt_epi8_mask(block, Bytes(0xC0)); // 80 to BF
+    const uint64_t two = _mm512_cmpge_epu8_mask(block, Bytes(0xC0));
+    const uint64_t three = _mm512_cmpge_epu8_mask(block, Bytes(0xE0));
+    const uint64_t four = _mm512_cmpge_epu8_mask(block, Bytes(0xF0));
+    const uint64_t wanted = two << 1 | three << 2 | four << 3;
+    const uint64_t spill = two >> 63 | three >> 62 | four >> 61;
+    const uint64_t trailingAfter = _mm512_cmplt_epi8_mask(after, Bytes(0xC0));
+    uint64_t bad = (wanted ^ trailing) | (spill & ~trailingAfter);
+    if (three == 0) {
+        // Only one- and two-byte characters: C0 and C1 are the leads to refuse.
+        bad |= _mm512_mask_cmplt_epu8_mask(two, block, Bytes(0xC2));
+    } else {
+        const __m512i second = _mm512_permutex2var_epi8(block, Load64(kIndexes.next), after);
+        bad |= _mm512_mask_cmplt_epu8_mask(two, second,
+                                           _mm512_permutexvar_epi8(block, Load64(kSecond.lowest)));
+        bad |= _mm512_mask_cmpgt_epu8_mask(two, second,
+                                           _mm512_permutexvar_epi8(block, Load64(kSecond.highest)));
+    }
+    if (bad != 0)
+        return 0;
+    const uint64_t leads = ~trailing & present;
+    out = three == 0 ? DecodeOneAndTwoByte(block, after, leads, two, roomy, out)
+                     : DecodeAnyLength(block, after, leads, roomy, out);
+    return static_cast<unsigned long>(__builtin_popcountll(present) + __builtin_popcountll(spill));
 }
 
 } // namespace
 
 LLIB_AVX512 void DecodeBlocksAvx512(const unsigned char*& in, wchar_t*& out,
                                     unsigned long& allowance, const unsigned char* known) {
-    for (;;) {
-        // A whole block, or the known bytes left (fewer than 64, the rest reading as zero).
-        const long available = known - in;
-        if (available <= 0)
-            return;
-        const bool whole = available >= 64;
-        const __mmask64 present = whole ? ~0ULL : (1ULL << available) - 1;
-        const __m512i block = whole ? Load64(in) : _mm512_maskz_loadu_epi8(present, in);
+    // Whole blocks (the allowance covers what is known, so there is room for a block's
+    // characters), each with the bytes after it as far as they are known. A zero (past what is
+    // known) continues no character, so a character cut there makes the block fail its check.
+    while (known - in >= 64) {
+        const __m512i block = Load64(in);
+        unsigned long consumed = 64;
         if (_mm512_movepi8_mask(block) == 0) {
-            // ASCII: widened sixteen bytes at a time; the last, short, block writes only what it
-            // has.
-            const long count = whole ? 64 : available;
-            const __m128i quarters[4] = {
-                _mm512_castsi512_si128(block), _mm512_extracti32x4_epi32(block, 1),
-                _mm512_extracti32x4_epi32(block, 2), _mm512_extracti32x4_epi32(block, 3)};
-            for (long at = 0; at < count; at += 16) {
-                const __m512i wide = _mm512_cvtepu8_epi32(quarters[at / 16]);
-                if (count - at >= 16)
-                    _mm512_storeu_si512(out + at, wide);
-                else
-                    _mm512_mask_storeu_epi32(
-                        out + at, static_cast<__mmask16>((1u << (count - at)) - 1), wide);
-            }
-            in += count;
-            out += count;
-            allowance -= static_cast<unsigned long>(count);
-            continue;
-        }
-        // The bytes after a whole block, as far as they are known. A zero (past what is known)
-        // continues no character, so a character cut there makes the block fail its check.
-        const long rest = available - 64;
-        const __mmask64 presentAfter = rest >= 64 ? ~0ULL : rest > 0 ? (1ULL << rest) - 1 : 0;
-        const __m512i after = _mm512_maskz_loadu_epi8(presentAfter, in + 64);
-
-        // Well formed: trailing bytes exactly where the leads say (in the block and in the three
-        // bytes after it; the block starts at a lead), and each lead's second byte in its range.
-        const uint64_t trailing = _mm512_cmplt_epi8_mask(block, Bytes(0xC0)); // 80 to BF
-        const uint64_t two = _mm512_cmpge_epu8_mask(block, Bytes(0xC0));
-        const uint64_t three = _mm512_cmpge_epu8_mask(block, Bytes(0xE0));
-        const uint64_t four = _mm512_cmpge_epu8_mask(block, Bytes(0xF0));
-        const uint64_t wanted = two << 1 | three << 2 | four << 3;
-        const uint64_t spill = two >> 63 | three >> 62 | four >> 61;
-        const uint64_t trailingAfter = _mm512_cmplt_epi8_mask(after, Bytes(0xC0));
-        uint64_t bad = (wanted ^ trailing) | (spill & ~trailingAfter);
-        if (three == 0) {
-            // Only one- and two-byte characters: C0 and C1 are the leads to refuse.
-            bad |= _mm512_mask_cmplt_epu8_mask(two, block, Bytes(0xC2));
+            WidenAscii(block, 64, true, out);
+            out += 64;
         } else {
-            const __m512i second = _mm512_permutex2var_epi8(block, Load64(kIndexes.next), after);
-            bad |= _mm512_mask_cmplt_epu8_mask(
-                two, second, _mm512_permutexvar_epi8(block, Load64(kSecond.lowest)));
-            bad |= _mm512_mask_cmpgt_epu8_mask(
-                two, second, _mm512_permutexvar_epi8(block, Load64(kSecond.highest)));
+            const long rest = known - in - 64;
+            const __m512i after =
+                _mm512_maskz_loadu_epi8(rest >= 64 ? ~0ULL : (1ULL << rest) - 1, in + 64);
+            consumed = DecodeMultibyte(block, after, ~0ULL, true, out);
+            if (consumed == 0)
+                return;
         }
-        if (bad != 0)
-            return;
-
-        const uint64_t leads = ~trailing & present;
-        out = three == 0 ? DecodeOneAndTwoByte(block, after, leads, two, whole, out)
-                         : DecodeAnyLength(block, after, leads, whole, out);
-        const unsigned long consumed =
-            whole ? 64 + static_cast<unsigned long>(__builtin_popcountll(spill))
-                  : static_cast<unsigned long>(available);
         in += consumed;
         allowance -= consumed;
     }
+    // The known bytes left, fewer than 64, the rest of the block reading as zero. Outside the
+    // loop, a short text does not load the constants only whole blocks use.
+    const long available = known - in;
+    if (available <= 0)
+        return;
+    const uint64_t present = (1ULL << available) - 1;
+    const __m512i block = _mm512_maskz_loadu_epi8(present, in);
+    const bool roomy = allowance >= 64;
+    unsigned long consumed = static_cast<unsigned long>(available);
+    if (_mm512_movepi8_mask(block) == 0) {
+        WidenAscii(block, consumed, roomy, out);
+        out += consumed;
+    } else {
+        consumed = DecodeMultibyte(block, _mm512_setzero_si512(), present, roomy, out);
+    }
+    in += consumed;
+    allowance -= consumed;
 }
 
 LLIB_AVX512 void EncodeBlocksAvx512(const wchar_t*& source, unsigned char*& out,
