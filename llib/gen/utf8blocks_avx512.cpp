@@ -197,10 +197,10 @@ DecodeMultibyte(__m512i block, __m512i after, uint64_t present, bool roomy, wcha
     return static_cast<unsigned long>(__builtin_popcountll(present) + __builtin_popcountll(spill));
 }
 
-} // namespace
-
-LLIB_AVX512 void DecodeBlocksAvx512(const unsigned char*& in, wchar_t*& out,
-                                    unsigned long& allowance, const unsigned char* known) {
+LLIB_AVX512 __attribute__((always_inline)) inline void DecodeSteps(const unsigned char*& in,
+                                                                   wchar_t*& out,
+                                                                   unsigned long& allowance,
+                                                                   const unsigned char* known) {
     // Whole blocks (the allowance covers what is known, so there is room for a block's
     // characters), each with the bytes after it as far as they are known. A zero (past what is
     // known) continues no character, so a character cut there makes the block fail its check.
@@ -240,8 +240,10 @@ LLIB_AVX512 void DecodeBlocksAvx512(const unsigned char*& in, wchar_t*& out,
     allowance -= consumed;
 }
 
-LLIB_AVX512 void EncodeBlocksAvx512(const wchar_t*& source, unsigned char*& out,
-                                    unsigned long& room, const wchar_t* known) {
+LLIB_AVX512 __attribute__((always_inline)) inline void EncodeSteps(const wchar_t*& source,
+                                                                   unsigned char*& out,
+                                                                   unsigned long& room,
+                                                                   const wchar_t* known) {
     // The bytes of each character are built at the end of its lane, the lead first: four 8-bit
     // windows of the value, from bit 18, 12, 6 and 0, cut to their six value bits (seven for a
     // single byte) and given the marks of the character's length.
@@ -293,6 +295,33 @@ LLIB_AVX512 void EncodeBlocksAvx512(const wchar_t*& source, unsigned char*& out,
         out += length;
         room -= length;
     }
+}
+
+} // namespace
+
+// The coders work on local copies of the positions: a store through the destination could
+// otherwise write to the caller's variables, as far as the compiler knows, and every step would
+// reload them from memory.
+LLIB_AVX512 void DecodeBlocksAvx512(const unsigned char*& in, wchar_t*& out,
+                                    unsigned long& allowance, const unsigned char* known) {
+    const unsigned char* at = in;
+    wchar_t* to = out;
+    unsigned long left = allowance;
+    DecodeSteps(at, to, left, known);
+    in = at;
+    out = to;
+    allowance = left;
+}
+
+LLIB_AVX512 void EncodeBlocksAvx512(const wchar_t*& source, unsigned char*& out,
+                                    unsigned long& room, const wchar_t* known) {
+    const wchar_t* at = source;
+    unsigned char* to = out;
+    unsigned long left = room;
+    EncodeSteps(at, to, left, known);
+    source = at;
+    out = to;
+    room = left;
 }
 
 } // namespace llib_utf8
