@@ -144,6 +144,31 @@ inline Step DecodeSequence(const unsigned char*& in, wchar_t*& out, unsigned lon
     return Step::Continue;
 }
 
+// Run a block coder on copies of the positions: passing the positions themselves out would
+// make the compiler keep them in memory, and reload them after every store through the
+// destination, in the loops around the call.
+inline void DecodeBlocks(llib_utf8::DecodeBlocksFunction decode, const unsigned char*& in,
+                         wchar_t*& out, unsigned long& allowance, const unsigned char* known) {
+    const unsigned char* at = in;
+    wchar_t* to = out;
+    unsigned long left = allowance;
+    decode(at, to, left, known);
+    in = at;
+    out = to;
+    allowance = left;
+}
+
+inline void EncodeBlocks(llib_utf8::EncodeBlocksFunction encode, const wchar_t*& source,
+                         unsigned char*& out, unsigned long& room, const wchar_t* known) {
+    const wchar_t* at = source;
+    unsigned char* to = out;
+    unsigned long left = room;
+    encode(at, to, left, known);
+    source = at;
+    out = to;
+    room = left;
+}
+
 #ifdef __SSE2__
 
 // Converts while the source is known to go on for 16 bytes: ASCII blocks are widened 16 at a
@@ -265,7 +290,7 @@ int LCopyUTF32FromUTF8Native(wchar_t* destination, const char* source, unsigned 
             more = static_cast<unsigned long>(known - in) == kWindow;
         }
         if (decodeBlocks != nullptr)
-            decodeBlocks(in, out, allowance, known);
+            DecodeBlocks(decodeBlocks, in, out, allowance, known);
         DecodeFast(reinterpret_cast<const unsigned char*>(source), in, out, allowance, known);
 #endif
         // The careful path: one character.
@@ -379,7 +404,7 @@ int LCopyUTF8FromUTF32Native(char* destination, const wchar_t* source, unsigned 
             more = known - source == static_cast<long>(kWindow);
         }
         if (encodeBlocks != nullptr)
-            encodeBlocks(source, out, room, known);
+            EncodeBlocks(encodeBlocks, source, out, room, known);
         while (known - source >= 16 && room >= 16) {
             // Store all 16 (there is room); the ASCII ones before the first other character are
             // kept.

@@ -95,28 +95,36 @@ LLIB_AVX2 inline bool EncodeEight(const wchar_t* source, unsigned char*& out, un
 
 LLIB_AVX2 void EncodeBlocksAvx2(const wchar_t*& source, unsigned char*& out, unsigned long& room,
                                 const wchar_t* known) {
+    // Local copies of the positions, so that stores through the destination (which could write
+    // anything, as far as the compiler knows) do not make each step reload them.
+    const wchar_t* at = source;
+    unsigned char* to = out;
+    unsigned long left = room;
     const __m256i aboveAscii = Lanes(~0x7Fu);
-    while (known - source >= 16 && room >= 64) {
-        const __m256i a = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(source));
-        const __m256i b = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(source + 8));
+    while (known - at >= 16 && left >= 64) {
+        const __m256i a = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(at));
+        const __m256i b = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(at + 8));
         if (_mm256_testz_si256(_mm256_or_si256(a, b), aboveAscii)) {
             const __m128i low =
                 _mm_packs_epi32(_mm256_castsi256_si128(a), _mm256_extracti128_si256(a, 1));
             const __m128i high =
                 _mm_packs_epi32(_mm256_castsi256_si128(b), _mm256_extracti128_si256(b, 1));
-            _mm_storeu_si128(reinterpret_cast<__m128i*>(out), _mm_packus_epi16(low, high));
-            source += 16;
-            out += 16;
-            room -= 16;
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(to), _mm_packus_epi16(low, high));
+            at += 16;
+            to += 16;
+            left -= 16;
             continue;
         }
-        if (!EncodeEight(source, out, room))
-            return;
-        source += 8;
-        if (!EncodeEight(source, out, room))
-            return;
-        source += 8;
+        if (!EncodeEight(at, to, left))
+            break;
+        at += 8;
+        if (!EncodeEight(at, to, left))
+            break;
+        at += 8;
     }
+    source = at;
+    out = to;
+    room = left;
 }
 
 } // namespace llib_utf8
