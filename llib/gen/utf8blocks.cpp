@@ -1,11 +1,11 @@
 #include "utf8blocks.h"
 
-#include <atomic>
-
 namespace llib_utf8 {
-namespace {
 
-std::atomic<int> gLevelLimit{kBlocksAvx512};
+std::atomic<DecodeBlocksFunction> gBlockDecoder{nullptr};
+std::atomic<EncodeBlocksFunction> gBlockEncoder{nullptr};
+
+namespace {
 
 BlockLevel ProcessorLevel() {
 #if defined(__x86_64__)
@@ -25,41 +25,26 @@ BlockLevel ProcessorLevel() {
 #endif
 }
 
-int Level() {
-    const int limit = gLevelLimit.load(std::memory_order_relaxed);
-    const int level = ProcessorLevel();
-    return level < limit ? level : limit;
-}
+// Until this runs (a conversion from another library's start-up code, say), the step-by-step
+// paths serve.
+struct ChooseAtLoad {
+    ChooseAtLoad() { LimitBlockLevel(kBlocksAvx512); }
+} gChooseAtLoad;
 
 } // namespace
 
+void LimitBlockLevel(BlockLevel limit) {
+    const int level = ProcessorLevel() < limit ? ProcessorLevel() : limit;
 #if defined(__x86_64__)
-
-DecodeBlocksFunction BlockDecoder() {
-    return Level() >= kBlocksAvx512 ? DecodeBlocksAvx512 : nullptr;
-}
-
-EncodeBlocksFunction BlockEncoder() {
-    const int level = Level();
-    return level >= kBlocksAvx512 ? EncodeBlocksAvx512
-           : level >= kBlocksAvx2 ? EncodeBlocksAvx2
-                                  : nullptr;
-}
-
+    gBlockDecoder.store(level >= kBlocksAvx512 ? DecodeBlocksAvx512 : nullptr,
+                        std::memory_order_relaxed);
+    gBlockEncoder.store(level >= kBlocksAvx512 ? EncodeBlocksAvx512
+                        : level >= kBlocksAvx2 ? EncodeBlocksAvx2
+                                               : nullptr,
+                        std::memory_order_relaxed);
 #else
-
-DecodeBlocksFunction BlockDecoder() {
-    return nullptr;
-}
-
-EncodeBlocksFunction BlockEncoder() {
-    return nullptr;
-}
-
+    (void)level;
 #endif
-
-void LimitBlockLevel(BlockLevel level) {
-    gLevelLimit.store(level, std::memory_order_relaxed);
 }
 
 } // namespace llib_utf8

@@ -4,6 +4,8 @@
 // step-by-step path, which gives the exact result, including the result code.
 #pragma once
 
+#include <atomic>
+
 namespace llib_utf8 {
 
 // Decodes toward `known`, whole characters only. The bytes before `known` are neither the
@@ -17,9 +19,18 @@ using DecodeBlocksFunction = void (*)(const unsigned char*& in, wchar_t*& out,
 using EncodeBlocksFunction = void (*)(const wchar_t*& source, unsigned char*& out,
                                       unsigned long& room, const wchar_t* known);
 
-// The block coders this processor runs; null when it has none.
-DecodeBlocksFunction BlockDecoder();
-EncodeBlocksFunction BlockEncoder();
+// The block coders in use, chosen for this processor when the library loads (null before that
+// and when it has none). Read on every conversion, so kept where an inline load finds them.
+extern std::atomic<DecodeBlocksFunction> gBlockDecoder;
+extern std::atomic<EncodeBlocksFunction> gBlockEncoder;
+
+inline DecodeBlocksFunction BlockDecoder() {
+    return gBlockDecoder.load(std::memory_order_relaxed);
+}
+
+inline EncodeBlocksFunction BlockEncoder() {
+    return gBlockEncoder.load(std::memory_order_relaxed);
+}
 
 // Vector instruction levels, each including the ones before it.
 enum BlockLevel { kBlocksNone, kBlocksAvx2, kBlocksAvx512 };
