@@ -36,7 +36,9 @@ struct ChooseAtLoad {
 void LimitBlockLevel(BlockLevel limit) {
     const int level = ProcessorLevel() < limit ? ProcessorLevel() : limit;
 #if defined(__x86_64__)
-    gBlockDecoder.store(level >= kBlocksAvx512 ? DecodeBlocksAvx512 : nullptr,
+    gBlockDecoder.store(level >= kBlocksAvx512 ? DecodeBlocksAvx512
+                        : level >= kBlocksAvx2 ? DecodeBlocksAvx2
+                                               : nullptr,
                         std::memory_order_relaxed);
     gBlockEncoder.store(level >= kBlocksAvx512 ? EncodeBlocksAvx512
                         : level >= kBlocksAvx2 ? EncodeBlocksAvx2

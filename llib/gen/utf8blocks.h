@@ -38,6 +38,8 @@ enum BlockLevel { kBlocksNone, kBlocksAvx2, kBlocksAvx512 };
 // Uses no level above `level` from now on, so that every path can be tested on one machine.
 void LimitBlockLevel(BlockLevel level);
 
+void DecodeBlocksAvx2(const unsigned char*& in, wchar_t*& out, unsigned long& allowance,
+                      const unsigned char* known);
 void EncodeBlocksAvx2(const wchar_t*& source, unsigned char*& out, unsigned long& room,
                       const wchar_t* known);
 void DecodeBlocksAvx512(const unsigned char*& in, wchar_t*& out, unsigned long& allowance,

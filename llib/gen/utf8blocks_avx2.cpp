@@ -1,9 +1,12 @@
-// UTF-32 to UTF-8 eight characters a step with AVX2: each character's bytes are built at the end
-// of its 32-bit lane, the lead first, and gathered with one shuffle per four characters.
+// With AVX2: UTF-8 to UTF-32 thirty-two bytes a step while the characters are of one to three
+// bytes, decoded in 16-bit lanes and packed by table shuffles; UTF-32 to UTF-8 eight characters a
+// step, each character's bytes built at the end of its 32-bit lane, the lead first, and gathered
+// with one shuffle per four characters.
 #include "utf8blocks.h"
 
 #if defined(__x86_64__)
 
+#include <cstdint>
 #include <immintrin.h>
 
 // Compiled for AVX2 whatever the rest of the library targets; runs only after the processor has
@@ -35,6 +38,25 @@ struct ByteGather {
 };
 alignas(16) constexpr ByteGather kByteGather;
 
+// For eight 16-bit values and a mask of those to keep, the byte shuffle that packs the kept
+// values to the front.
+struct WordPack {
+    unsigned char shuffle[256][16];
+    constexpr WordPack() : shuffle() {
+        for (int mask = 0; mask < 256; ++mask) {
+            int at = 0;
+            for (int word = 0; word < 8; ++word)
+                if (mask >> word & 1) {
+                    shuffle[mask][at++] = static_cast<unsigned char>(2 * word);
+                    shuffle[mask][at++] = static_cast<unsigned char>(2 * word + 1);
+                }
+            while (at < 16)
+                shuffle[mask][at++] = 0x80;
+        }
+    }
+};
+alignas(16) constexpr WordPack kWordPack;
+
 // Four mask bits moved to the low bits of four two-bit fields, so that adding the spread masks
 // of "above 0x7F", "above 0x7FF" and "above 0xFFFF" gives each character's length less one.
 constexpr unsigned char kSpread[16] = {0x00, 0x01, 0x04, 0x05, 0x10, 0x11, 0x14, 0x15,
@@ -47,6 +69,119 @@ LLIB_AVX2 inline __m128i Load16(const void* at) {
 LLIB_AVX2 inline __m256i Lanes(unsigned int value) {
     return _mm256_set1_epi32(static_cast<int>(value));
 }
+
+// Packs the eight 16-bit values of `values` that `keep` marks, widens them and stores them at
+// `out` (a whole vector of eight: there is room). Returns how many there were.
+LLIB_AVX2 inline unsigned int PackWords(__m128i values, unsigned int keep, wchar_t* out) {
+    const __m128i packed = _mm_shuffle_epi8(
+        values, _mm_load_si128(reinterpret_cast<const __m128i*>(kWordPack.shuffle[keep])));
+    _mm256_storeu_si256(reinterpret_cast<__m256i*>(out), _mm256_cvtepu16_epi32(packed));
+    return static_cast<unsigned int>(__builtin_popcount(keep));
+}
+
+// Decodes sixteen positions of a checked block: each position's value as if it led a
+// character, from the byte itself and the two after it, in 16-bit lanes (every such value fits),
+// the leads' values packed by a table shuffle per eight positions. Returns the characters.
+LLIB_AVX2 inline unsigned int DecodeSixteen(__m128i bytes, __m128i next, __m128i after,
+                                            __m128i twoBytes, __m128i threeBytes, bool three,
+                                            unsigned int keep, wchar_t* out) {
+    const __m256i b = _mm256_cvtepu8_epi16(bytes);
+    const __m256i mask6 = _mm256_set1_epi16(0x3F);
+    const __m256i n1 = _mm256_and_si256(_mm256_cvtepu8_epi16(next), mask6);
+    // Two bytes: (b << 6) & 0x7C0 | n1.
+    const __m256i pair =
+        _mm256_or_si256(_mm256_and_si256(_mm256_slli_epi16(b, 6), _mm256_set1_epi16(0x7C0)), n1);
+    __m256i values = _mm256_blendv_epi8(b, pair, _mm256_cvtepi8_epi16(twoBytes));
+    if (three) {
+        // Three bytes: b << 12 | n1 << 6 | n2 (the lead's marks shifted out of the lane).
+        const __m256i n2 = _mm256_and_si256(_mm256_cvtepu8_epi16(after), mask6);
+        const __m256i triple = _mm256_or_si256(
+            _mm256_or_si256(_mm256_slli_epi16(b, 12), _mm256_slli_epi16(n1, 6)), n2);
+        values = _mm256_blendv_epi8(values, triple, _mm256_cvtepi8_epi16(threeBytes));
+    }
+    const unsigned int first = PackWords(_mm256_castsi256_si128(values), keep & 0xFF, out);
+    return first + PackWords(_mm256_extracti128_si256(values, 1), keep >> 8 & 0xFF, out + first);
+}
+
+LLIB_AVX2 inline __m256i Load32(const void* at) {
+    return _mm256_loadu_si256(static_cast<const __m256i*>(at));
+}
+
+} // namespace
+
+LLIB_AVX2 void DecodeBlocksAvx2(const unsigned char*& in, wchar_t*& out, unsigned long& allowance,
+                                const unsigned char* known) {
+    const unsigned char* at = in;
+    wchar_t* to = out;
+    unsigned long left = allowance;
+    // A step reads the two bytes after the thirty-two, and writes up to thirty-two characters:
+    // the allowance covers what is known, so there is room.
+    while (known - at >= 34) {
+        const __m256i bytes = Load32(at);
+        const unsigned int high = static_cast<unsigned int>(_mm256_movemask_epi8(bytes));
+        if (high == 0) {
+            for (int quarter = 0; quarter < 4; ++quarter)
+                _mm256_storeu_si256(reinterpret_cast<__m256i*>(to + 8 * quarter),
+                                    _mm256_cvtepu8_epi32(_mm_loadl_epi64(
+                                        reinterpret_cast<const __m128i*>(at + 8 * quarter))));
+            at += 32;
+            to += 32;
+            left -= 32;
+            continue;
+        }
+        // Compared as signed bytes: 80 to BF are -128 to -65, C2 to DF -62 to -33, E0 to EF -32
+        // to -17.
+        const __m256i next = Load32(at + 1);
+        const __m256i twoBytes = _mm256_and_si256(_mm256_cmpgt_epi8(bytes, _mm256_set1_epi8(-63)),
+                                                  _mm256_cmpgt_epi8(_mm256_set1_epi8(-32), bytes));
+        const __m256i threeBytes =
+            _mm256_and_si256(_mm256_cmpgt_epi8(bytes, _mm256_set1_epi8(-33)),
+                             _mm256_cmpgt_epi8(_mm256_set1_epi8(-16), bytes));
+        const uint64_t trailing = static_cast<unsigned int>(
+            _mm256_movemask_epi8(_mm256_cmpgt_epi8(_mm256_set1_epi8(-64), bytes)));
+        const uint64_t two = static_cast<unsigned int>(_mm256_movemask_epi8(twoBytes));
+        const uint64_t three = static_cast<unsigned int>(_mm256_movemask_epi8(threeBytes));
+        // Well formed, with no four-byte characters: every byte above 7F a lead or a trailing
+        // byte, trailing bytes exactly where the leads say (the two after the block included),
+        // no overlong form after E0 and no surrogate after ED.
+        const uint64_t wanted = (two | three) << 1 | three << 2;
+        const unsigned int spill = static_cast<unsigned int>(wanted >> 32);
+        if ((two | three | trailing) != high || (wanted & 0xFFFFFFFF) != trailing ||
+            ((spill & 1) != 0 && (at[32] & 0xC0) != 0x80) ||
+            ((spill & 2) != 0 && (at[33] & 0xC0) != 0x80))
+            break;
+        if (three != 0) {
+            const __m256i overlong =
+                _mm256_and_si256(_mm256_cmpeq_epi8(bytes, _mm256_set1_epi8(-32)),
+                                 _mm256_cmpgt_epi8(_mm256_set1_epi8(-96), next));
+            const __m256i surrogate =
+                _mm256_and_si256(_mm256_cmpeq_epi8(bytes, _mm256_set1_epi8(-19)),
+                                 _mm256_cmpgt_epi8(next, _mm256_set1_epi8(-97)));
+            const __m256i wrong = _mm256_or_si256(overlong, surrogate);
+            if (!_mm256_testz_si256(wrong, wrong))
+                break;
+        }
+        const __m256i after = three != 0 ? Load32(at + 2) : _mm256_setzero_si256();
+        const unsigned int keep = static_cast<unsigned int>(~trailing);
+        const unsigned int first =
+            DecodeSixteen(_mm256_castsi256_si128(bytes), _mm256_castsi256_si128(next),
+                          _mm256_castsi256_si128(after), _mm256_castsi256_si128(twoBytes),
+                          _mm256_castsi256_si128(threeBytes), three != 0, keep & 0xFFFF, to);
+        to += first;
+        to +=
+            DecodeSixteen(_mm256_extracti128_si256(bytes, 1), _mm256_extracti128_si256(next, 1),
+                          _mm256_extracti128_si256(after, 1), _mm256_extracti128_si256(twoBytes, 1),
+                          _mm256_extracti128_si256(threeBytes, 1), three != 0, keep >> 16, to);
+        const unsigned int consumed = 32 + static_cast<unsigned int>(__builtin_popcount(spill));
+        at += consumed;
+        left -= consumed;
+    }
+    in = at;
+    out = to;
+    allowance = left;
+}
+
+namespace {
 
 // Encodes eight characters when none is above U+10FFFF; false, with nothing written, otherwise.
 // Each character's bytes are built at the end of its lane (the lead first) and then gathered.

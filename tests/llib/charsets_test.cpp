@@ -172,15 +172,26 @@ TEST_P(EachBlockLevel, DecoderAgreesWithTheStepByStepAlgorithm) {
     for (const std::string& text : texts)
         for (unsigned long size = 0; size <= text.size() + 2; ++size)
             cases.emplace_back(text, size);
-    // Text without ASCII runs, with each kind of malformed sequence at every place in and
-    // just after a 64-byte block, so the whole-block checks meet it at every position.
-    std::string dense;
-    for (int i = 0; i < 12; ++i)
+    // Texts without ASCII runs, with and without four-byte characters, with each kind of
+    // malformed sequence at every place in and just after a 32- and a 64-byte block: inserted
+    // into the text (often splitting a character), and after that many bytes of whole
+    // characters, so the whole-block checks meet it at every position.
+    std::string dense, denseBmp;
+    for (int i = 0; i < 12; ++i) {
         dense += "\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80z\xD0\xB6";
-    for (const char* bad : {"\x80", "\xC1\xBF", "\xE0\x9F\xBF", "\xED\xA0\x80", "\xF0\x8F\xBF\xBF",
-                            "\xF4\x90\x80\x80", "\xF5\x80\x80\x80", "\xE2\x82", "\xF0\x9F\x98"})
-        for (size_t at = 0; at <= 70; ++at)
-            cases.emplace_back(dense.substr(0, at) + bad + dense.substr(at), dense.size() + 8);
+        denseBmp += "\xE0\xA0\x80\xC3\xA9\xE2\x82\xACz\xD0\xB6\xEF\xBF\xBD";
+    }
+    for (const std::string& text : {dense, denseBmp})
+        for (const char* bad :
+             {"\x80", "\xC1\xBF", "\xE0\x9F\xBF", "\xED\xA0\x80", "\xF0\x8F\xBF\xBF",
+              "\xF4\x90\x80\x80", "\xF5\x80\x80\x80", "\xE2\x82", "\xF0\x9F\x98", "\xC3"})
+            for (size_t at = 0; at <= 70; ++at) {
+                std::string whole(at % 2, 'z');
+                for (size_t i = 0; i < at / 2; ++i)
+                    whole += "\xC3\xA9";
+                cases.emplace_back(text.substr(0, at) + bad + text.substr(at), text.size() + 8);
+                cases.emplace_back(whole + bad + text, text.size() + 80);
+            }
     // Random texts, some malformed, some longer than the decoder's look-ahead window.
     std::mt19937 random(20240611);
     std::string longText;
