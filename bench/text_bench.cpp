@@ -11,6 +11,7 @@
 
 #include "bench.h"
 #include "llib/gen/charsets.h"
+#include "llib/gen/utf8blocks.h"
 #include "llib/unix/filehandle.h"
 
 namespace {
@@ -238,6 +239,16 @@ void Coders() {
 }
 
 bench::Section coders("utf8", &Coders);
+
+// The same with the coders limited to AVX2 (or less, when the processor has less), as on the
+// many processors without AVX-512.
+void CodersWithAvx2() {
+    llib_utf8::LimitBlockLevel(llib_utf8::kBlocksAvx2);
+    Coders();
+    llib_utf8::LimitBlockLevel(llib_utf8::kBlocksAvx512);
+}
+
+bench::Section codersWithAvx2("utf8-avx2", &CodersWithAvx2);
 
 // A file of lines of varied lengths, some of them longer than the reader's buffer.
 std::string MakeLinesFile() {

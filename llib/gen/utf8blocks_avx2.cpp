@@ -1,7 +1,7 @@
-// With AVX2: UTF-8 to UTF-32 thirty-two bytes a step while the characters are of one to three
-// bytes, decoded in 16-bit lanes and packed by table shuffles; UTF-32 to UTF-8 eight characters a
-// step, each character's bytes built at the end of its 32-bit lane, the lead first, and gathered
-// with one shuffle per four characters.
+// With AVX2: UTF-8 to UTF-32 thirty-two bytes a step, characters of one to three bytes decoded in
+// 16-bit lanes and packed by table shuffles, four-byte ones on their own; UTF-32 to UTF-8 eight
+// characters a step, each character's bytes built at the end of its 32-bit lane, the lead first,
+// and gathered with one shuffle per four characters.
 #include "utf8blocks.h"
 
 #if defined(__x86_64__)
@@ -107,6 +107,53 @@ LLIB_AVX2 inline __m256i Load32(const void* at) {
     return _mm256_loadu_si256(static_cast<const __m256i*>(at));
 }
 
+// Decodes the first `limit` bytes of a block that is not all ASCII (the characters of one to
+// three bytes that start there; the last may end in the two bytes after a whole block). Returns
+// the bytes consumed, or 0 when they are malformed.
+LLIB_AVX2 __attribute__((always_inline)) inline unsigned int
+DecodeBlock(const unsigned char* at, __m256i bytes, unsigned int high, unsigned int limit,
+            wchar_t*& to) {
+    const uint64_t region = (uint64_t{1} << limit) - 1;
+    // Compared as signed bytes: 80 to BF are -128 to -65, C2 to DF -62 to -33, E0 to EF -32
+    // to -17.
+    const __m256i next = Load32(at + 1);
+    const __m256i twoBytes = _mm256_and_si256(_mm256_cmpgt_epi8(bytes, _mm256_set1_epi8(-63)),
+                                              _mm256_cmpgt_epi8(_mm256_set1_epi8(-32), bytes));
+    const __m256i threeBytes = _mm256_and_si256(_mm256_cmpgt_epi8(bytes, _mm256_set1_epi8(-33)),
+                                                _mm256_cmpgt_epi8(_mm256_set1_epi8(-16), bytes));
+    const uint64_t trailing = region & static_cast<unsigned int>(_mm256_movemask_epi8(
+                                           _mm256_cmpgt_epi8(_mm256_set1_epi8(-64), bytes)));
+    const uint64_t two = region & static_cast<unsigned int>(_mm256_movemask_epi8(twoBytes));
+    const uint64_t three = region & static_cast<unsigned int>(_mm256_movemask_epi8(threeBytes));
+    // Well formed: every byte above 7F a lead or a trailing byte, trailing bytes exactly where
+    // the leads say (the two after the block included), no overlong form after E0 and no
+    // surrogate after ED.
+    const uint64_t wanted = (two | three) << 1 | three << 2;
+    const unsigned int spill = static_cast<unsigned int>(wanted >> 32);
+    if ((two | three | trailing) != (high & region) || (wanted & 0xFFFFFFFF) != trailing ||
+        ((spill & 1) != 0 && (at[32] & 0xC0) != 0x80) ||
+        ((spill & 2) != 0 && (at[33] & 0xC0) != 0x80))
+        return 0;
+    if (three != 0) {
+        const __m256i overlong = _mm256_and_si256(_mm256_cmpeq_epi8(bytes, _mm256_set1_epi8(-32)),
+                                                  _mm256_cmpgt_epi8(_mm256_set1_epi8(-96), next));
+        const __m256i surrogate = _mm256_and_si256(_mm256_cmpeq_epi8(bytes, _mm256_set1_epi8(-19)),
+                                                   _mm256_cmpgt_epi8(next, _mm256_set1_epi8(-97)));
+        if ((region & static_cast<unsigned int>(
+                          _mm256_movemask_epi8(_mm256_or_si256(overlong, surrogate)))) != 0)
+            return 0;
+    }
+    const __m256i after = three != 0 ? Load32(at + 2) : _mm256_setzero_si256();
+    const unsigned int keep = static_cast<unsigned int>(~trailing & region);
+    to += DecodeSixteen(_mm256_castsi256_si128(bytes), _mm256_castsi256_si128(next),
+                        _mm256_castsi256_si128(after), _mm256_castsi256_si128(twoBytes),
+                        _mm256_castsi256_si128(threeBytes), three != 0, keep & 0xFFFF, to);
+    to += DecodeSixteen(_mm256_extracti128_si256(bytes, 1), _mm256_extracti128_si256(next, 1),
+                        _mm256_extracti128_si256(after, 1), _mm256_extracti128_si256(twoBytes, 1),
+                        _mm256_extracti128_si256(threeBytes, 1), three != 0, keep >> 16, to);
+    return limit + static_cast<unsigned int>(__builtin_popcount(spill));
+}
+
 } // namespace
 
 LLIB_AVX2 void DecodeBlocksAvx2(const unsigned char*& in, wchar_t*& out, unsigned long& allowance,
@@ -129,52 +176,35 @@ LLIB_AVX2 void DecodeBlocksAvx2(const unsigned char*& in, wchar_t*& out, unsigne
             left -= 32;
             continue;
         }
-        // Compared as signed bytes: 80 to BF are -128 to -65, C2 to DF -62 to -33, E0 to EF -32
-        // to -17.
-        const __m256i next = Load32(at + 1);
-        const __m256i twoBytes = _mm256_and_si256(_mm256_cmpgt_epi8(bytes, _mm256_set1_epi8(-63)),
-                                                  _mm256_cmpgt_epi8(_mm256_set1_epi8(-32), bytes));
-        const __m256i threeBytes =
-            _mm256_and_si256(_mm256_cmpgt_epi8(bytes, _mm256_set1_epi8(-33)),
-                             _mm256_cmpgt_epi8(_mm256_set1_epi8(-16), bytes));
-        const uint64_t trailing = static_cast<unsigned int>(
-            _mm256_movemask_epi8(_mm256_cmpgt_epi8(_mm256_set1_epi8(-64), bytes)));
-        const uint64_t two = static_cast<unsigned int>(_mm256_movemask_epi8(twoBytes));
-        const uint64_t three = static_cast<unsigned int>(_mm256_movemask_epi8(threeBytes));
-        // Well formed, with no four-byte characters: every byte above 7F a lead or a trailing
-        // byte, trailing bytes exactly where the leads say (the two after the block included),
-        // no overlong form after E0 and no surrogate after ED.
-        const uint64_t wanted = (two | three) << 1 | three << 2;
-        const unsigned int spill = static_cast<unsigned int>(wanted >> 32);
-        if ((two | three | trailing) != high || (wanted & 0xFFFFFFFF) != trailing ||
-            ((spill & 1) != 0 && (at[32] & 0xC0) != 0x80) ||
-            ((spill & 2) != 0 && (at[33] & 0xC0) != 0x80))
-            break;
-        if (three != 0) {
-            const __m256i overlong =
-                _mm256_and_si256(_mm256_cmpeq_epi8(bytes, _mm256_set1_epi8(-32)),
-                                 _mm256_cmpgt_epi8(_mm256_set1_epi8(-96), next));
-            const __m256i surrogate =
-                _mm256_and_si256(_mm256_cmpeq_epi8(bytes, _mm256_set1_epi8(-19)),
-                                 _mm256_cmpgt_epi8(next, _mm256_set1_epi8(-97)));
-            const __m256i wrong = _mm256_or_si256(overlong, surrogate);
-            if (!_mm256_testz_si256(wrong, wrong))
+        // Bytes of F0 and above (signed, -16 to -1): the block is taken up to the first, and
+        // the four-byte character it leads is decoded on its own after that.
+        const unsigned int above = high & static_cast<unsigned int>(_mm256_movemask_epi8(
+                                              _mm256_cmpgt_epi8(bytes, _mm256_set1_epi8(-17))));
+        if (above == 0) {
+            const unsigned int consumed = DecodeBlock(at, bytes, high, 32, to);
+            if (consumed == 0)
                 break;
+            at += consumed;
+            left -= consumed;
+            continue;
         }
-        const __m256i after = three != 0 ? Load32(at + 2) : _mm256_setzero_si256();
-        const unsigned int keep = static_cast<unsigned int>(~trailing);
-        const unsigned int first =
-            DecodeSixteen(_mm256_castsi256_si128(bytes), _mm256_castsi256_si128(next),
-                          _mm256_castsi256_si128(after), _mm256_castsi256_si128(twoBytes),
-                          _mm256_castsi256_si128(threeBytes), three != 0, keep & 0xFFFF, to);
-        to += first;
-        to +=
-            DecodeSixteen(_mm256_extracti128_si256(bytes, 1), _mm256_extracti128_si256(next, 1),
-                          _mm256_extracti128_si256(after, 1), _mm256_extracti128_si256(twoBytes, 1),
-                          _mm256_extracti128_si256(threeBytes, 1), three != 0, keep >> 16, to);
-        const unsigned int consumed = 32 + static_cast<unsigned int>(__builtin_popcount(spill));
-        at += consumed;
-        left -= consumed;
+        const unsigned int limit = static_cast<unsigned int>(__builtin_ctz(above));
+        if (limit > 0 && DecodeBlock(at, bytes, high, limit, to) == 0)
+            break;
+        at += limit;
+        left -= limit;
+        // The four-byte character, when it lies within what is known: F0 to F4, the second
+        // byte from 90 after F0 and to 8F after F4, and three trailing bytes.
+        if (known - at < 4)
+            break;
+        const unsigned int lead = at[0], b1 = at[1], b2 = at[2], b3 = at[3];
+        if (lead > 0xF4 || (b1 ^ 0x80) > 0x3F || (b2 ^ 0x80) > 0x3F || (b3 ^ 0x80) > 0x3F ||
+            (lead == 0xF0 && b1 < 0x90) || (lead == 0xF4 && b1 > 0x8F))
+            break;
+        *to++ = static_cast<wchar_t>((lead & 0x07) << 18 | (b1 & 0x3F) << 12 | (b2 & 0x3F) << 6 |
+                                     (b3 & 0x3F));
+        at += 4;
+        left -= 4;
     }
     in = at;
     out = to;
@@ -183,10 +213,11 @@ LLIB_AVX2 void DecodeBlocksAvx2(const unsigned char*& in, wchar_t*& out, unsigne
 
 namespace {
 
-// Encodes eight characters when none is above U+10FFFF; false, with nothing written, otherwise.
-// Each character's bytes are built at the end of its lane (the lead first) and then gathered.
-LLIB_AVX2 inline bool EncodeEight(const wchar_t* source, unsigned char*& out, unsigned long& room) {
-    const __m256i v = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(source));
+// Encodes the first `count` of eight characters (the lanes after them are zero) when none is
+// above U+10FFFF; false, with nothing written, otherwise. Each character's bytes are built at the
+// end of its lane (the lead first) and then gathered. Writes up to 32 bytes.
+LLIB_AVX2 __attribute__((always_inline)) inline bool
+EncodeEight(__m256i v, unsigned int count, unsigned char*& out, unsigned long& room) {
     const __m256i limit = Lanes(0x10FFFF);
     if (_mm256_movemask_epi8(_mm256_cmpeq_epi32(_mm256_max_epu32(v, limit), limit)) != -1)
         return false;
@@ -221,8 +252,10 @@ LLIB_AVX2 inline bool EncodeEight(const wchar_t* source, unsigned char*& out, un
     _mm_storeu_si128(
         reinterpret_cast<__m128i*>(out),
         _mm_shuffle_epi8(_mm256_extracti128_si256(bytes, 1), Load16(kByteGather.shuffle[high])));
-    out += kByteGather.length[high];
-    room -= kByteGather.length[low] + kByteGather.length[high];
+    // Lanes past `count` are zero, one byte each after the characters' bytes.
+    const unsigned int length = kByteGather.length[low] + kByteGather.length[high] - (8 - count);
+    out += static_cast<long>(length) - kByteGather.length[low];
+    room -= length;
     return true;
 }
 
@@ -250,12 +283,31 @@ LLIB_AVX2 void EncodeBlocksAvx2(const wchar_t*& source, unsigned char*& out, uns
             left -= 16;
             continue;
         }
-        if (!EncodeEight(at, to, left))
+        if (!EncodeEight(a, 8, to, left))
             break;
         at += 8;
-        if (!EncodeEight(at, to, left))
+        if (!EncodeEight(b, 8, to, left))
             break;
         at += 8;
+    }
+    // The rest eight at a time (two gathers of sixteen bytes at most), the lanes past the known
+    // characters read as zero.
+    while (known - at > 0 && left >= 32) {
+        const long rest = known - at;
+        const unsigned int count = rest < 8 ? static_cast<unsigned int>(rest) : 8;
+        const __m256i present = _mm256_cmpgt_epi32(_mm256_set1_epi32(static_cast<int>(count)),
+                                                   _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7));
+        const __m256i v = _mm256_maskload_epi32(reinterpret_cast<const int*>(at), present);
+        if (_mm256_testz_si256(v, aboveAscii)) {
+            const __m128i words =
+                _mm_packs_epi32(_mm256_castsi256_si128(v), _mm256_extracti128_si256(v, 1));
+            _mm_storel_epi64(reinterpret_cast<__m128i*>(to), _mm_packus_epi16(words, words));
+            to += count;
+            left -= count;
+        } else if (!EncodeEight(v, count, to, left)) {
+            break;
+        }
+        at += count;
     }
     source = at;
     out = to;
