@@ -144,31 +144,6 @@ inline Step DecodeSequence(const unsigned char*& in, wchar_t*& out, unsigned lon
     return Step::Continue;
 }
 
-// Run a block coder on copies of the positions: passing the positions themselves out would
-// make the compiler keep them in memory, and reload them after every store through the
-// destination, in the loops around the call.
-inline void DecodeBlocks(llib_utf8::DecodeBlocksFunction decode, const unsigned char*& in,
-                         wchar_t*& out, unsigned long& allowance, const unsigned char* known) {
-    const unsigned char* at = in;
-    wchar_t* to = out;
-    unsigned long left = allowance;
-    decode(at, to, left, known);
-    in = at;
-    out = to;
-    allowance = left;
-}
-
-inline void EncodeBlocks(llib_utf8::EncodeBlocksFunction encode, const wchar_t*& source,
-                         unsigned char*& out, unsigned long& room, const wchar_t* known) {
-    const wchar_t* at = source;
-    unsigned char* to = out;
-    unsigned long left = room;
-    encode(at, to, left, known);
-    source = at;
-    out = to;
-    room = left;
-}
-
 #ifdef __SSE2__
 
 // Converts while the source is known to go on for 16 bytes: ASCII blocks are widened 16 at a
@@ -289,8 +264,12 @@ int LCopyUTF32FromUTF8Native(wchar_t* destination, const char* source, unsigned 
             known = in + strnlen(reinterpret_cast<const char*>(in), limit);
             more = static_cast<unsigned long>(known - in) == kWindow;
         }
-        if (decodeBlocks != nullptr)
-            DecodeBlocks(decodeBlocks, in, out, allowance, known);
+        if (decodeBlocks != nullptr) {
+            const llib_utf8::DecodePosition at = decodeBlocks({in, out}, allowance, known);
+            allowance -= static_cast<unsigned long>(at.in - in);
+            in = at.in;
+            out = at.out;
+        }
         DecodeFast(reinterpret_cast<const unsigned char*>(source), in, out, allowance, known);
 #endif
         // The careful path: one character.
@@ -403,8 +382,12 @@ int LCopyUTF8FromUTF32Native(char* destination, const wchar_t* source, unsigned 
             known = source + wcsnlen(source, kWindow);
             more = known - source == static_cast<long>(kWindow);
         }
-        if (encodeBlocks != nullptr)
-            EncodeBlocks(encodeBlocks, source, out, room, known);
+        if (encodeBlocks != nullptr) {
+            const llib_utf8::EncodePosition at = encodeBlocks({source, out}, room, known);
+            room -= static_cast<unsigned long>(at.out - out);
+            source = at.source;
+            out = at.out;
+        }
         while (known - source >= 16 && room >= 16) {
             // Store all 16 (there is room); the ASCII ones before the first other character are
             // kept.

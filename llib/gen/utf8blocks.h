@@ -8,16 +8,31 @@
 
 namespace llib_utf8 {
 
+// Where a block coder stands: two pointers, passed and returned in registers. (A store through
+// the destination could, as far as the compiler knows, write any variable whose address is
+// known, so positions passed by reference would be reloaded after every store, on both sides.)
+// What a coder consumes from the allowance or the room follows from how far it went.
+struct DecodePosition {
+    const unsigned char* in;
+    wchar_t* out;
+};
+
+struct EncodePosition {
+    const wchar_t* source;
+    unsigned char* out;
+};
+
 // Decodes toward `known`, whole characters only. The bytes before `known` are neither the
-// terminator nor beyond `allowance`, and the destination has room for `allowance` characters,
-// which the decoder may write past the characters it decodes.
-using DecodeBlocksFunction = void (*)(const unsigned char*& in, wchar_t*& out,
-                                      unsigned long& allowance, const unsigned char* known);
+// terminator nor beyond `allowance` (the source bytes that may still be consumed), and the
+// destination has room for `allowance` characters, which the decoder may write past the
+// characters it decodes.
+using DecodeBlocksFunction = DecodePosition (*)(DecodePosition at, unsigned long allowance,
+                                                const unsigned char* known);
 
 // Encodes toward `known` (the characters before it are not the terminator) while the bytes fit
 // `room`, the bytes the destination can still take.
-using EncodeBlocksFunction = void (*)(const wchar_t*& source, unsigned char*& out,
-                                      unsigned long& room, const wchar_t* known);
+using EncodeBlocksFunction = EncodePosition (*)(EncodePosition at, unsigned long room,
+                                                const wchar_t* known);
 
 // The block coders in use, chosen for this processor when the library loads (null before that
 // and when it has none). Read on every conversion, so kept where an inline load finds them.
@@ -38,13 +53,11 @@ enum BlockLevel { kBlocksNone, kBlocksAvx2, kBlocksAvx512 };
 // Uses no level above `level` from now on, so that every path can be tested on one machine.
 void LimitBlockLevel(BlockLevel level);
 
-void DecodeBlocksAvx2(const unsigned char*& in, wchar_t*& out, unsigned long& allowance,
-                      const unsigned char* known);
-void EncodeBlocksAvx2(const wchar_t*& source, unsigned char*& out, unsigned long& room,
-                      const wchar_t* known);
-void DecodeBlocksAvx512(const unsigned char*& in, wchar_t*& out, unsigned long& allowance,
-                        const unsigned char* known);
-void EncodeBlocksAvx512(const wchar_t*& source, unsigned char*& out, unsigned long& room,
-                        const wchar_t* known);
+DecodePosition DecodeBlocksAvx2(DecodePosition at, unsigned long allowance,
+                                const unsigned char* known);
+EncodePosition EncodeBlocksAvx2(EncodePosition at, unsigned long room, const wchar_t* known);
+DecodePosition DecodeBlocksAvx512(DecodePosition at, unsigned long allowance,
+                                  const unsigned char* known);
+EncodePosition EncodeBlocksAvx512(EncodePosition at, unsigned long room, const wchar_t* known);
 
 } // namespace llib_utf8

@@ -156,11 +156,10 @@ DecodeBlock(const unsigned char* at, __m256i bytes, unsigned int high, unsigned 
 
 } // namespace
 
-LLIB_AVX2 void DecodeBlocksAvx2(const unsigned char*& in, wchar_t*& out, unsigned long& allowance,
-                                const unsigned char* known) {
-    const unsigned char* at = in;
-    wchar_t* to = out;
-    unsigned long left = allowance;
+LLIB_AVX2 DecodePosition DecodeBlocksAvx2(DecodePosition position, unsigned long /* allowance */,
+                                          const unsigned char* known) {
+    const unsigned char*& at = position.in;
+    wchar_t*& to = position.out;
     // A step reads the two bytes after the thirty-two, and writes up to thirty-two characters:
     // the allowance covers what is known, so there is room.
     while (known - at >= 34) {
@@ -173,7 +172,6 @@ LLIB_AVX2 void DecodeBlocksAvx2(const unsigned char*& in, wchar_t*& out, unsigne
                                         reinterpret_cast<const __m128i*>(at + 8 * quarter))));
             at += 32;
             to += 32;
-            left -= 32;
             continue;
         }
         // Bytes of F0 and above (signed, -16 to -1): the block is taken up to the first, and
@@ -185,14 +183,12 @@ LLIB_AVX2 void DecodeBlocksAvx2(const unsigned char*& in, wchar_t*& out, unsigne
             if (consumed == 0)
                 break;
             at += consumed;
-            left -= consumed;
             continue;
         }
         const unsigned int limit = static_cast<unsigned int>(__builtin_ctz(above));
         if (limit > 0 && DecodeBlock(at, bytes, high, limit, to) == 0)
             break;
         at += limit;
-        left -= limit;
         // The four-byte character, when it lies within what is known: F0 to F4, the second
         // byte from 90 after F0 and to 8F after F4, and three trailing bytes.
         if (known - at < 4)
@@ -204,11 +200,8 @@ LLIB_AVX2 void DecodeBlocksAvx2(const unsigned char*& in, wchar_t*& out, unsigne
         *to++ = static_cast<wchar_t>((lead & 0x07) << 18 | (b1 & 0x3F) << 12 | (b2 & 0x3F) << 6 |
                                      (b3 & 0x3F));
         at += 4;
-        left -= 4;
     }
-    in = at;
-    out = to;
-    allowance = left;
+    return position;
 }
 
 namespace {
@@ -261,13 +254,10 @@ EncodeEight(__m256i v, unsigned int count, unsigned char*& out, unsigned long& r
 
 } // namespace
 
-LLIB_AVX2 void EncodeBlocksAvx2(const wchar_t*& source, unsigned char*& out, unsigned long& room,
-                                const wchar_t* known) {
-    // Local copies of the positions, so that stores through the destination (which could write
-    // anything, as far as the compiler knows) do not make each step reload them.
-    const wchar_t* at = source;
-    unsigned char* to = out;
-    unsigned long left = room;
+LLIB_AVX2 EncodePosition EncodeBlocksAvx2(EncodePosition position, unsigned long left,
+                                          const wchar_t* known) {
+    const wchar_t*& at = position.source;
+    unsigned char*& to = position.out;
     const __m256i aboveAscii = Lanes(~0x7Fu);
     while (known - at >= 16 && left >= 64) {
         const __m256i a = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(at));
@@ -309,9 +299,7 @@ LLIB_AVX2 void EncodeBlocksAvx2(const wchar_t*& source, unsigned char*& out, uns
         }
         at += count;
     }
-    source = at;
-    out = to;
-    room = left;
+    return position;
 }
 
 } // namespace llib_utf8

@@ -299,29 +299,16 @@ LLIB_AVX512 __attribute__((always_inline)) inline void EncodeSteps(const wchar_t
 
 } // namespace
 
-// The coders work on local copies of the positions: a store through the destination could
-// otherwise write to the caller's variables, as far as the compiler knows, and every step would
-// reload them from memory.
-LLIB_AVX512 void DecodeBlocksAvx512(const unsigned char*& in, wchar_t*& out,
-                                    unsigned long& allowance, const unsigned char* known) {
-    const unsigned char* at = in;
-    wchar_t* to = out;
-    unsigned long left = allowance;
-    DecodeSteps(at, to, left, known);
-    in = at;
-    out = to;
-    allowance = left;
+LLIB_AVX512 DecodePosition DecodeBlocksAvx512(DecodePosition at, unsigned long allowance,
+                                              const unsigned char* known) {
+    DecodeSteps(at.in, at.out, allowance, known);
+    return at;
 }
 
-LLIB_AVX512 void EncodeBlocksAvx512(const wchar_t*& source, unsigned char*& out,
-                                    unsigned long& room, const wchar_t* known) {
-    const wchar_t* at = source;
-    unsigned char* to = out;
-    unsigned long left = room;
-    EncodeSteps(at, to, left, known);
-    source = at;
-    out = to;
-    room = left;
+LLIB_AVX512 EncodePosition EncodeBlocksAvx512(EncodePosition at, unsigned long room,
+                                              const wchar_t* known) {
+    EncodeSteps(at.source, at.out, room, known);
+    return at;
 }
 
 } // namespace llib_utf8
