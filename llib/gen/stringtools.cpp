@@ -9,7 +9,8 @@
 //                     digits are ignored (no width, no precision).
 //   %                 puts one '%'.
 //   e f g             formats a double with the C library.
-//   d i u x X o c     formats an int with the C library; a %c of 0 puts nothing.
+//   d i u x X o c     formats an int with the C library; a %c of 0 puts only the padding
+//                     its width asks for.
 //   p                 formats a pointer with the C library (pointers are 64-bit here, so the
 //                     argument is taken as a pointer, not as a 32-bit int).
 // Outside that syntax, formats are meant not to go; the engine still gives each a defined
@@ -74,6 +75,20 @@ void PutText(Writer& writer, const char* text, int count) {
     if (static_cast<size_t>(count) >= kTemporarySize)
         count = kTemporarySize - 1;
     writer.PutRun(text, static_cast<size_t>(count));
+}
+
+// A %c of 0 puts nothing of its own, so the written text never holds a 0 and its count is
+// what a reader of the text sees; the padding of a width ("%3c" gives two blanks) stays.
+int DropZeroCharacters(char* text, int count) {
+    if (count <= 0)
+        return count;
+    const int stored =
+        count < static_cast<int>(kTemporarySize) ? count : static_cast<int>(kTemporarySize) - 1;
+    int kept = 0;
+    for (int i = 0; i < stored; ++i)
+        if (text[i] != 0)
+            text[kept++] = text[i];
+    return kept;
 }
 
 } // namespace
@@ -187,9 +202,8 @@ unsigned long tplprintf(Writer& writer, const T* format, va_list arguments) {
                 produced = snprintf(temporary, sizeof temporary, directive, va_arg(args, int));
                 break;
             }
-            // A %c of 0 stops at the temporary's terminator, as the original engine did.
-            if (conversion == 'c' && produced > 0 && temporary[0] == 0)
-                produced = 0;
+            if (conversion == 'c')
+                produced = DropZeroCharacters(temporary, produced);
             break;
         default:
             // Unknown conversion: read its int argument, put the directive as written.

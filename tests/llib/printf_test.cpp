@@ -41,8 +41,26 @@ TEST(FormattedOutput, StringsIgnoreWidthAndNullPutsNothing) {
     EXPECT_STREQ("ab", out);
     EXPECT_EQ(2u, tplsnprintf(out, sizeof out, "[%s]", static_cast<const char*>(nullptr)));
     EXPECT_STREQ("[]", out);
-    EXPECT_EQ(2u, tplsnprintf(out, sizeof out, "%c%c", 0, 'x') + 1);
-    EXPECT_STREQ("x", out) << "a %c of 0 puts nothing";
+}
+
+// A character of 0 would end the text early: it is left out, and only the padding a width asks
+// for remains, in every writer.
+TEST(FormattedOutput, ACharacterOfZeroPutsOnlyItsPadding) {
+    char out[64];
+    unsigned long n = tplsnprintf(out, sizeof out, "%c%c", 0, 'x');
+    EXPECT_EQ("x", std::string(out, n));
+    n = tplsnprintf(out, sizeof out, "a%3cb", 0);
+    EXPECT_EQ("a  b", std::string(out, n));
+    n = tplsnprintf(out, sizeof out, "a%-3cb", 0);
+    EXPECT_EQ("a  b", std::string(out, n));
+
+    LStringLongTemplate<char> text;
+    EXPECT_EQ(4u, sprintf(text, "a%3cb", 0));
+    EXPECT_EQ("a  b", std::string(text.pData, text.nLength));
+    LStringLongTemplate<char> appended;
+    appended = "<";
+    EXPECT_EQ(3u, tsprintfappend(appended, "%2c>", 0));
+    EXPECT_EQ("< >", std::string(appended.pData)) << "the count and the text agree";
 }
 
 TEST(FormattedOutput, FixedBufferIsBoundedAndTerminated) {
