@@ -15,6 +15,9 @@ void TavixDeviceDecompressedVideoOutputDelegate::captureOutput(QTCaptureOutput*,
                                                                CVImageBufferRef videoFrame,
                                                                QTSampleBuffer* sampleBuffer,
                                                                QTCaptureConnection*) {
+    // The host's callback may stop capture, which releases this delegate: the reference held
+    // here keeps it, and the lock inside it, alive until the lock has been let go.
+    const NSScopedRetain alive(this);
     LLockObjectLocker locked(DelegateMutex);
     if (pVideoCallBack == nullptr)
         return;
@@ -88,6 +91,7 @@ TavixDeviceDecompressedAudioOutputDelegate::~TavixDeviceDecompressedAudioOutputD
 void TavixDeviceDecompressedAudioOutputDelegate::captureOutput(QTCaptureOutput*,
                                                                QTSampleBuffer* sampleBuffer,
                                                                QTCaptureConnection*) {
+    const NSScopedRetain alive(this); // as for frames: the callback may release this delegate
     LLockObjectLocker locked(DelegateMutex);
     if (pAudioCallBack == nullptr)
         return;

@@ -42,3 +42,16 @@ protected:
 private:
     std::atomic<int> refCount{1};
 };
+
+// Holds one reference for a scope, so an object outlives a call that may drop every other
+// reference to it (a delegate whose host callback stops and releases its own session).
+class NSScopedRetain {
+public:
+    explicit NSScopedRetain(NSObject* object) : object(object) { object->retain(); }
+    ~NSScopedRetain() { object->release(); }
+    NSScopedRetain(const NSScopedRetain&) = delete;
+    NSScopedRetain& operator=(const NSScopedRetain&) = delete;
+
+private:
+    NSObject* object;
+};

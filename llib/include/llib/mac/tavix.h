@@ -17,10 +17,21 @@
    their calls in TavixThreadInit / TavixThreadDestroy.
 
    Callbacks run on the library's capture threads, one call at a time per device and callback,
-   holding that callback's lock: a callback may call back into the library for the same device
-   on its own thread, but must not wait for another thread that is invalidating the same
-   callback or reading the timecode. Pointers handed to a callback are valid only during the
-   call.
+   holding that callback's lock. Pointers handed to a callback are valid only during the call.
+   A video or audio callback may call, for its own device and on its own thread:
+   - TavixDeviceStopCapture and TavixDeviceStopRecording: no callback of that capture starts
+     afterwards, and the running call returns normally; the recording is closed;
+   - TavixDeviceClose and then TavixDeviceRelease of the last reference (after StopCapture):
+     the handle is invalid once Release returns, also for the rest of the call;
+   - TavixDeviceInvalidateCaptureVideoCallBack and TavixDeviceInvalidateCaptureAudioCallBack;
+   - TavixDeviceStartCapture (and ...WithAudioDevice) with another callback, after
+     StopRecording or StopCapture in the same call: the new callback runs on a capture thread
+     of its own, never inside the current call;
+   - the queries (TavixDeviceIsCapturing, TavixDeviceIsOpened, TavixDeviceGetSMPTETime, the
+     transport calls).
+   Everything the running call uses stays valid until it returns. A callback must not wait for
+   another thread that calls into the library for the same device (invalidating, reading the
+   timecode, stopping), which waits for the callback in turn.
 
    Usable from C (C99) and C++. */
 #ifndef LLIB_MAC_TAVIX_H

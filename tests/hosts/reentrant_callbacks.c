@@ -1,0 +1,362 @@
+/* A plain C host whose callbacks call back into the library for their own device, on the
+   capture thread: stop capture, stop recording, close and release the last reference, cut the
+   callbacks off, start again with another callback. Linked against libtavix.so like any host;
+   run plain, under valgrind's memcheck and in the sanitizer builds.
+
+   Each case prints "ok NAME" or "FAIL NAME: why"; the exit status is the number of failures. A
+   wait that never ends (a deadlock) fails its case after a generous deadline. */
+#include <stdatomic.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
+
+#include "llib/mac/tavix.h"
+
+static const char* const kCamera = "Tavix Test Camera";
+static const char* const kMicrophone = "Tavix Test Microphone";
+
+/* Long enough for a slow machine under valgrind, which runs the test camera's pattern at a
+   fraction of its speed. */
+static double gDeadlineSeconds = 60;
+static int gFailures;
+static char gFolder[200];
+
+/* What the callbacks saw and did, written on the capture thread and read by the main thread. */
+static struct {
+    unsigned long device;
+    atomic_int videoCalls, audioCalls, otherCalls, thirdCalls;
+    atomic_int callsAfterAction; /* calls that arrived after the callback's own stop */
+    atomic_int acted;            /* the callback has done its action */
+    atomic_int actionFailed;     /* a call in the action answered wrongly */
+} gHost;
+
+static void ResetHost(unsigned long device) {
+    gHost.device = device;
+    atomic_store(&gHost.videoCalls, 0);
+    atomic_store(&gHost.audioCalls, 0);
+    atomic_store(&gHost.otherCalls, 0);
+    atomic_store(&gHost.thirdCalls, 0);
+    atomic_store(&gHost.callsAfterAction, 0);
+    atomic_store(&gHost.acted, 0);
+    atomic_store(&gHost.actionFailed, 0);
+}
+
+static double Now(void) {
+    struct timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return (double)now.tv_sec + (double)now.tv_nsec / 1e9;
+}
+
+static void SleepMs(int ms) {
+    struct timespec pause = {ms / 1000, (long)(ms % 1000) * 1000000L};
+    nanosleep(&pause, NULL);
+}
+
+/* Waits for a counter to reach a value; false at the deadline. */
+static bool WaitFor(atomic_int* counter, int value) {
+    const double end = Now() + gDeadlineSeconds;
+    while (atomic_load(counter) < value) {
+        if (Now() > end)
+            return false;
+        SleepMs(5);
+    }
+    return true;
+}
+
+/* Waits a few frame intervals and answers whether the counter stayed where it was. */
+static bool StaysAt(atomic_int* counter, int value) {
+    SleepMs(300);
+    return atomic_load(counter) == value;
+}
+
+static void Check(bool* ok, bool condition, const char* name, const char* why) {
+    if (*ok && !condition) {
+        printf("FAIL %s: %s\n", name, why);
+        fflush(stdout);
+        *ok = false;
+        ++gFailures;
+    }
+}
+
+static void Report(bool ok, const char* name) {
+    if (ok)
+        printf("ok %s\n", name);
+    fflush(stdout);
+}
+
+static long FileSize(const char* path) {
+    struct stat info;
+    return stat(path, &info) == 0 ? (long)info.st_size : -1;
+}
+
+static unsigned long OpenCamera(void) {
+    const unsigned long camera = TavixDeviceGet(kCamera, TavixDeviceMediaTypeVideo);
+    if (camera != 0 && !TavixDeviceOpen(camera)) {
+        TavixDeviceRelease(camera);
+        return 0;
+    }
+    return camera;
+}
+
+static bool Start(unsigned long camera, TavixDeviceVideoCallBack video,
+                  TavixDeviceAudioCallBack audio, const char* path) {
+    return TavixDeviceStartCaptureWithAudioDevice(camera, kMicrophone, video, 1, 0, 0, 0, audio, 2,
+                                                  0, 0, 0, 0, path);
+}
+
+static void Finish(unsigned long camera) {
+    TavixDeviceStopCapture(camera);
+    TavixDeviceClose(camera);
+    TavixDeviceRelease(camera);
+}
+
+/* Counts calls after the callback acted; the action runs on the third call. */
+static bool CountCall(atomic_int* calls) {
+    if (atomic_load(&gHost.acted))
+        atomic_fetch_add(&gHost.callsAfterAction, 1);
+    return atomic_fetch_add(calls, 1) + 1 == 3;
+}
+
+static void Expect(bool answer) {
+    if (!answer)
+        atomic_store(&gHost.actionFailed, 1);
+}
+
+static void CountAudio(const unsigned char* s, unsigned int f, unsigned long r, unsigned long c,
+                       unsigned long b, unsigned long n, long data) {
+    (void)s, (void)f, (void)r, (void)c, (void)b, (void)n, (void)data;
+    CountCall(&gHost.audioCalls);
+}
+
+/* The cases' video callbacks. */
+
+static void StopCaptureOnFrame(const unsigned char* p, unsigned long f, unsigned long w,
+                               unsigned long h, unsigned long r, const SMPTETime* t, long data) {
+    (void)p, (void)f, (void)w, (void)h, (void)r, (void)t, (void)data;
+    if (!CountCall(&gHost.videoCalls))
+        return;
+    Expect(TavixDeviceStopCapture(gHost.device));
+    Expect(!TavixDeviceIsCapturing(gHost.device));
+    atomic_store(&gHost.acted, 1);
+}
+
+static void StopRecordingOnFrame(const unsigned char* p, unsigned long f, unsigned long w,
+                                 unsigned long h, unsigned long r, const SMPTETime* t, long data) {
+    (void)p, (void)f, (void)w, (void)h, (void)r, (void)t, (void)data;
+    if (!CountCall(&gHost.videoCalls))
+        return;
+    Expect(TavixDeviceStopRecording(gHost.device));
+    Expect(TavixDeviceIsCapturing(gHost.device));
+    atomic_store(&gHost.acted, 1);
+}
+
+static void CloseAndReleaseOnFrame(const unsigned char* p, unsigned long f, unsigned long w,
+                                   unsigned long h, unsigned long r, const SMPTETime* t,
+                                   long data) {
+    (void)p, (void)f, (void)w, (void)h, (void)r, (void)t, (void)data;
+    if (!CountCall(&gHost.videoCalls))
+        return;
+    Expect(TavixDeviceStopCapture(gHost.device));
+    Expect(TavixDeviceClose(gHost.device));
+    Expect(TavixDeviceRelease(gHost.device));
+    atomic_store(&gHost.acted, 1);
+}
+
+static void InvalidateOnFrame(const unsigned char* p, unsigned long f, unsigned long w,
+                              unsigned long h, unsigned long r, const SMPTETime* t, long data) {
+    (void)p, (void)f, (void)w, (void)h, (void)r, (void)t, (void)data;
+    if (!CountCall(&gHost.videoCalls))
+        return;
+    Expect(TavixDeviceInvalidateCaptureVideoCallBack(gHost.device, InvalidateOnFrame, 1));
+    Expect(TavixDeviceInvalidateCaptureAudioCallBack(gHost.device, CountAudio, 2));
+    atomic_store(&gHost.acted, 1);
+}
+
+static void ThirdCallBack(const unsigned char* p, unsigned long f, unsigned long w, unsigned long h,
+                          unsigned long r, const SMPTETime* t, long data) {
+    (void)f, (void)w, (void)h, (void)r, (void)t;
+    if (p != NULL && data == 3)
+        atomic_fetch_add(&gHost.thirdCalls, 1);
+}
+
+/* Second callback of the restart case: stops the whole capture and starts a new one. */
+static void OtherCallBack(const unsigned char* p, unsigned long f, unsigned long w, unsigned long h,
+                          unsigned long r, const SMPTETime* t, long data) {
+    (void)f, (void)w, (void)h, (void)r, (void)t;
+    if (p == NULL || data != 2 || atomic_fetch_add(&gHost.otherCalls, 1) + 1 != 3)
+        return;
+    Expect(TavixDeviceStopCapture(gHost.device));
+    Expect(TavixDeviceStartCapture(gHost.device, ThirdCallBack, 3, 0, 0, 0, NULL, 0, 0, 0, 0, 0,
+                                   NULL));
+}
+
+/* First callback of the restart case: detaches itself and starts another callback on the
+   running session. */
+static void RestartOnFrame(const unsigned char* p, unsigned long f, unsigned long w,
+                           unsigned long h, unsigned long r, const SMPTETime* t, long data) {
+    (void)p, (void)f, (void)w, (void)h, (void)r, (void)t, (void)data;
+    if (!CountCall(&gHost.videoCalls))
+        return;
+    Expect(TavixDeviceStopRecording(gHost.device));
+    atomic_store(&gHost.acted, 1);
+    Expect(TavixDeviceStartCapture(gHost.device, OtherCallBack, 2, 0, 0, 0, NULL, 0, 0, 0, 0, 0,
+                                   NULL));
+}
+
+static void StopCaptureOnSound(const unsigned char* s, unsigned int f, unsigned long r,
+                               unsigned long c, unsigned long b, unsigned long n, long data) {
+    (void)s, (void)f, (void)r, (void)c, (void)b, (void)n, (void)data;
+    if (!CountCall(&gHost.audioCalls))
+        return;
+    Expect(TavixDeviceStopCapture(gHost.device));
+    atomic_store(&gHost.acted, 1);
+}
+
+static void CountVideo(const unsigned char* p, unsigned long f, unsigned long w, unsigned long h,
+                       unsigned long r, const SMPTETime* t, long data) {
+    (void)p, (void)f, (void)w, (void)h, (void)r, (void)t, (void)data;
+    CountCall(&gHost.videoCalls);
+}
+
+/* The cases. */
+
+static void StopCaptureFromVideo(void) {
+    const char* name = "stop-capture-from-video-callback";
+    bool ok = true;
+    char path[300];
+    snprintf(path, sizeof path, "%s/stop-capture.mov", gFolder);
+    const unsigned long camera = OpenCamera();
+    ResetHost(camera);
+    Check(&ok, camera != 0 && Start(camera, StopCaptureOnFrame, CountAudio, path), name,
+          "capture did not start");
+    Check(&ok, WaitFor(&gHost.acted, 1), name, "the callback never stopped capture");
+    Check(&ok, !atomic_load(&gHost.actionFailed), name, "stop answered wrongly in the callback");
+    Check(&ok, !TavixDeviceIsCapturing(camera), name, "still capturing");
+    Check(&ok, StaysAt(&gHost.callsAfterAction, 0), name, "callbacks after the stop");
+    Check(&ok, FileSize(path) > 0, name, "the recording is empty");
+    Finish(camera);
+    Check(&ok, !TavixHasUsedDevices(), name, "a handle is still in use");
+    Report(ok, name);
+}
+
+static void StopRecordingFromVideo(void) {
+    const char* name = "stop-recording-from-video-callback";
+    bool ok = true;
+    char path[300];
+    snprintf(path, sizeof path, "%s/stop-recording.mov", gFolder);
+    const unsigned long camera = OpenCamera();
+    ResetHost(camera);
+    Check(&ok, camera != 0 && Start(camera, StopRecordingOnFrame, CountAudio, path), name,
+          "capture did not start");
+    Check(&ok, WaitFor(&gHost.acted, 1), name, "the callback never stopped recording");
+    Check(&ok, !atomic_load(&gHost.actionFailed), name, "a call answered wrongly in the callback");
+    Check(&ok, TavixDeviceIsCapturing(camera), name, "the session stopped");
+    Check(&ok, StaysAt(&gHost.callsAfterAction, 0), name, "callbacks after the stop");
+    Check(&ok, FileSize(path) > 0, name, "the recording is empty");
+    Finish(camera);
+    Check(&ok, !TavixHasUsedDevices(), name, "a handle is still in use");
+    Report(ok, name);
+}
+
+static void CloseAndReleaseFromVideo(void) {
+    const char* name = "close-and-release-last-reference-from-video-callback";
+    bool ok = true;
+    const unsigned long camera = OpenCamera();
+    ResetHost(camera);
+    Check(&ok, camera != 0 && Start(camera, CloseAndReleaseOnFrame, CountAudio, NULL), name,
+          "capture did not start");
+    Check(&ok, WaitFor(&gHost.acted, 1), name, "the callback never released the device");
+    Check(&ok, !atomic_load(&gHost.actionFailed), name, "a call answered wrongly in the callback");
+    Check(&ok, !TavixHasUsedDevices(), name, "a handle is still in use");
+    Check(&ok, !TavixDeviceIsOpened(camera), name, "the released handle still answers");
+    Check(&ok, StaysAt(&gHost.callsAfterAction, 0), name, "callbacks after the release");
+    if (!ok && camera != 0 && TavixHasUsedDevices())
+        Finish(camera);
+    Report(ok, name);
+}
+
+static void InvalidateFromVideo(void) {
+    const char* name = "invalidate-both-from-video-callback";
+    bool ok = true;
+    const unsigned long camera = OpenCamera();
+    ResetHost(camera);
+    Check(&ok, camera != 0 && Start(camera, InvalidateOnFrame, CountAudio, NULL), name,
+          "capture did not start");
+    Check(&ok, WaitFor(&gHost.acted, 1), name, "the callback never invalidated");
+    Check(&ok, !atomic_load(&gHost.actionFailed), name, "an invalidation answered false");
+    Check(&ok, TavixDeviceIsCapturing(camera), name, "the session stopped");
+    Check(&ok, StaysAt(&gHost.callsAfterAction, 0), name, "callbacks after the invalidation");
+    Finish(camera);
+    Check(&ok, !TavixHasUsedDevices(), name, "a handle is still in use");
+    Report(ok, name);
+}
+
+static void RestartFromVideo(void) {
+    const char* name = "start-another-callback-from-video-callback";
+    bool ok = true;
+    char path[300];
+    snprintf(path, sizeof path, "%s/restart.mov", gFolder);
+    const unsigned long camera = OpenCamera();
+    ResetHost(camera);
+    Check(&ok, camera != 0 && Start(camera, RestartOnFrame, NULL, path), name,
+          "capture did not start");
+    Check(&ok, WaitFor(&gHost.otherCalls, 3), name, "the second callback was not called");
+    Check(&ok, WaitFor(&gHost.thirdCalls, 3), name,
+          "the callback started after a stop in a callback was not called");
+    Check(&ok, !atomic_load(&gHost.actionFailed), name, "a call answered wrongly in a callback");
+    Check(&ok, atomic_load(&gHost.callsAfterAction) == 0, name, "the first callback went on");
+    Check(&ok, TavixDeviceIsCapturing(camera), name, "the session stopped");
+    Finish(camera);
+    Check(&ok, !TavixHasUsedDevices(), name, "a handle is still in use");
+    Report(ok, name);
+}
+
+static void StopCaptureFromAudio(void) {
+    const char* name = "stop-capture-from-audio-callback";
+    bool ok = true;
+    const unsigned long camera = OpenCamera();
+    ResetHost(camera);
+    Check(&ok, camera != 0 && Start(camera, CountVideo, StopCaptureOnSound, NULL), name,
+          "capture did not start");
+    Check(&ok, WaitFor(&gHost.acted, 1), name, "the callback never stopped capture");
+    Check(&ok, !atomic_load(&gHost.actionFailed), name, "stop answered false in the callback");
+    Check(&ok, !TavixDeviceIsCapturing(camera), name, "still capturing");
+    Check(&ok, StaysAt(&gHost.callsAfterAction, 0), name, "callbacks after the stop");
+    Finish(camera);
+    Check(&ok, !TavixHasUsedDevices(), name, "a handle is still in use");
+    Report(ok, name);
+}
+
+int main(int argc, char** argv) {
+    const char* only = argc > 1 ? argv[1] : NULL;
+    const char* deadline = getenv("TAVIX_TEST_DEADLINE_SECONDS");
+    if (deadline != NULL && atof(deadline) > 0)
+        gDeadlineSeconds = atof(deadline);
+    snprintf(gFolder, sizeof gFolder, "/tmp/tavix-reentrant-XXXXXX");
+    if (mkdtemp(gFolder) == NULL) {
+        perror("mkdtemp");
+        return 1;
+    }
+    static const struct {
+        const char* name;
+        void (*run)(void);
+    } cases[] = {
+        {"stop-capture", StopCaptureFromVideo},
+        {"stop-recording", StopRecordingFromVideo},
+        {"close-release", CloseAndReleaseFromVideo},
+        {"invalidate", InvalidateFromVideo},
+        {"restart", RestartFromVideo},
+        {"audio-stop", StopCaptureFromAudio},
+    };
+    for (size_t i = 0; i < sizeof cases / sizeof cases[0]; ++i)
+        if (only == NULL || strcmp(only, cases[i].name) == 0)
+            cases[i].run();
+    char command[300];
+    snprintf(command, sizeof command, "rm -rf '%s'", gFolder);
+    if (system(command) != 0)
+        fprintf(stderr, "could not remove %s\n", gFolder);
+    return gFailures;
+}
