@@ -2,6 +2,7 @@
 #include <cstring>
 #include <string>
 
+#include "llib/gen/charsets.h"
 #include "llib/mac/cfutils.h"
 #include "platform/files.h"
 
@@ -67,7 +68,9 @@ int LToFSSpec::CStringToFSSpec(const char* path, FSSpec* spec) {
     return RecordForNewItem(path, spec);
 }
 
-void LToFSSpec::GetString(char* out, unsigned long) const {
+void LToFSSpec::GetString(char* out, unsigned long size) const {
+    if (size == 0)
+        return;
     out[0] = 0;
     if (!bValid)
         return;
@@ -92,5 +95,7 @@ void LToFSSpec::GetString(char* out, unsigned long) const {
     // The volume's name (empty for the Linux tree) goes with everything before the first '/'.
     const size_t slash = path.find('/');
     path = slash == std::string::npos ? "/" : path.substr(slash);
-    memcpy(out, path.c_str(), path.size() + 1);
+    // Folders nest far deeper here than 260 bytes: a longer path is cut to the caller's buffer,
+    // between characters.
+    utf8strlcpy(out, path.c_str(), size);
 }

@@ -9,6 +9,7 @@
 #include <cstring>
 #include <fstream>
 #include <string>
+#include <vector>
 
 #include "llib/mac/cfutils.h"
 #include "platform/cfbundle.h"
@@ -208,6 +209,41 @@ TEST_F(FSSpecTest, ExistingItemsTurnBackIntoTheirPaths) {
     // The folder is named through its resolved path.
     LToFSSpec dotted((folder + "/Docs/../Docs/./report").c_str());
     EXPECT_EQ(report.Spec.parID, dotted.Spec.parID);
+}
+
+// Linux paths run far deeper than 260 bytes, so the copy out must keep to the size it is given.
+TEST_F(FSSpecTest, APathIsCutToTheBufferItIsGiven) {
+    std::string path = folder;
+    for (int level = 0; level < 6; ++level) {
+        path += "/" + std::string(60, static_cast<char>('a' + level));
+        ASSERT_EQ(0, mkdir(path.c_str(), 0755));
+    }
+    path += "/\xC3\xA9t\xC3\xA9";
+    std::ofstream(path) << "";
+    LToFSSpec spec(path.c_str());
+    ASSERT_TRUE(spec.bValid);
+    ASSERT_GT(path.size(), 260u);
+
+    // 32 bytes with guards on both sides, the one after long enough to take a whole path.
+    std::vector<char> guarded(8 + 32 + path.size() + 8, '#');
+    char* out = guarded.data() + 8;
+    spec.GetString(out, 32);
+    EXPECT_EQ(path.substr(0, 31), std::string(out, strnlen(out, 32)));
+    EXPECT_EQ(std::string(8, '#'), std::string(guarded.data(), 8));
+    EXPECT_EQ(std::string(guarded.size() - 40, '#'), std::string(guarded.data() + 40))
+        << "written past the size";
+
+    // The end of the path: a character is left out whole rather than cut in two.
+    std::vector<char> tight(path.size() + 8, '#');
+    spec.GetString(tight.data(), path.size());
+    EXPECT_EQ(path.substr(0, path.size() - 2), std::string(tight.data()));
+    EXPECT_EQ('#', tight[path.size()]);
+    spec.GetString(tight.data(), path.size() + 1);
+    EXPECT_EQ(path, std::string(tight.data()));
+
+    guarded.assign(guarded.size(), '#');
+    spec.GetString(out, 0);
+    EXPECT_EQ('#', out[0]) << "nothing at all for a size of 0";
 }
 
 TEST_F(FSSpecTest, ANewNameInAnExistingFolderHasAFileRecord) {

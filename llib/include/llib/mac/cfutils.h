@@ -129,8 +129,9 @@ public:
     explicit LToFSSpec(const char* path) { bValid = CStringToFSSpec(path, &Spec) == 0; }
 
     // The FSSpec's POSIX path: /Docs/report for report in the folder Docs at the root.
-    // out is emptied first and stays empty for an invalid FSSpec. size is not
-    // consulted: out must hold the whole path.
+    // out (size bytes with the terminator) is emptied first and stays empty for an invalid
+    // FSSpec; a longer path is cut between characters to fit, and nothing is written for a size
+    // of 0.
     void GetString(char* out, unsigned long size) const;
 
     // Fills spec for path: an existing file or folder, or a name not yet used in an existing
