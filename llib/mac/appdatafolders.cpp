@@ -53,16 +53,6 @@ bool LFile::GetUserDataFolderAppSubFolder(const char* sub, char* out) {
     return CreateFolder(out);
 }
 
-void LFileGetUserDataFolderAppDoNotCreate(char* out) {
-    char home[260];
-    LFile::GetUserFolder(home);
-    if (LApplicationIsOldApplicationDataLocation())
-        tplsnprintf(out, 260, "%s/.local/share/%s/%s", home, LMAKER_FOLDER_NAME,
-                    LMAKER_APPLICATION_NAME);
-    else
-        tplsnprintf(out, 260, "%s/.local/share/%s", home, LMAKER_APPLICATION_NAME);
-}
-
 void LFile::GetSharedDataFolderApp(char* out) {
     // The sandboxed application's own data folder: on Linux a Flatpak keeps it in
     // ~/.var/app/<id>/data.

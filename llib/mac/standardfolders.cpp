@@ -7,9 +7,13 @@
 #include "llib/gen/file.h"
 #include "llib/gen/stringtools.h"
 #include "llib/mac/genutils.h"
+#include "llib/mac/makerconfig.h"
 #include "platform/folders.h"
 
 namespace {
+
+// Below the home folder, where the user data folder is when the folder manager cannot give it.
+const char* const kUserDataFallback = ".local/share";
 
 // The login name's home folder from the password database, where the original system has
 // /Users/<name>; the running user's when the name is unknown.
@@ -44,6 +48,18 @@ void GetUserSpecialFolder(char* out, OSType type, const char* fallback) {
     LFile::_MakeFilePath(out, home, fallback, "");
 }
 
+// The user data folder's path as LFile::GetUserDataFolder gives it when it can make the folder,
+// without making it or anything on the way (the home folder included).
+void GetUserDataFolderPath(char* out) {
+    out[0] = 0;
+    if (FSFindFolderPath(kUserDomain, kApplicationSupportFolderType, reinterpret_cast<UInt8*>(out),
+                         260) == noErr)
+        return;
+    char home[260];
+    UserHome(home);
+    LFile::_MakeFilePath(out, home, kUserDataFallback, "");
+}
+
 void GetSystemFolder(char* out, OSType type, const char* fallback) {
     if (!FindFolder(out, kOnSystemDisk, type, kDontCreateFolder))
         tplsnprintf(out, 260, "%s", fallback);
@@ -52,7 +68,15 @@ void GetSystemFolder(char* out, OSType type, const char* fallback) {
 } // namespace
 
 void LFile::GetUserDataFolder(char* out) {
-    GetUserSpecialFolder(out, kApplicationSupportFolderType, ".local/share");
+    GetUserSpecialFolder(out, kApplicationSupportFolderType, kUserDataFallback);
+}
+
+void LFileGetUserDataFolderAppDoNotCreate(char* out) {
+    char folder[260];
+    GetUserDataFolderPath(folder);
+    if (LApplicationIsOldApplicationDataLocation())
+        LFile::_MakeFilePath(folder, folder, LMAKER_FOLDER_NAME, "");
+    LFile::_MakeFilePath(out, folder, LMAKER_APPLICATION_NAME, "");
 }
 
 void LFile::GetUserDownloadFolder(char* out) {

@@ -131,6 +131,18 @@ OSErr FSFindFolder(SInt16 domain, OSType folderType, Boolean createFolder, FSRef
     return noErr;
 }
 
+OSStatus FSFindFolderPath(SInt16 domain, OSType folderType, UInt8* path, UInt32 maxPathSize) {
+    if (path == nullptr)
+        return paramErr;
+    const std::string resolved = Resolve(domain, folderType);
+    if (resolved.empty())
+        return fnfErr;
+    if (resolved.size() >= maxPathSize)
+        return paramErr;
+    memcpy(path, resolved.c_str(), resolved.size() + 1);
+    return noErr;
+}
+
 OSStatus FSRefMakePath(const FSRef* ref, UInt8* path, UInt32 maxPathSize) {
     if (ref == nullptr || path == nullptr)
         return paramErr;

@@ -68,7 +68,7 @@ const int kOldLocationChild = [] {
     const bool created = LFile::GetUserDataFolderApp(out);
     const bool inMakerFolder = created && std::string(out) == data + "/Orvel Software/LTavix";
     LFileGetUserDataFolderAppDoNotCreate(out);
-    const bool formed = std::string(out) == home + "/.local/share/Orvel Software/LTavix";
+    const bool formed = std::string(out) == data + "/Orvel Software/LTavix";
     _exit(first && later && inMakerFolder && formed ? 0 : 1);
 }();
 
@@ -108,12 +108,31 @@ TEST_F(StandardFolders, UserFoldersComeFromXdgWithHomeFallBacks) {
     EXPECT_TRUE(IsFolder(shared + "/Library/Application Support"));
 }
 
+// The path alone, with every folder on the way missing, the home folder included: the same as
+// the creating getter's, and nothing made for it.
+TEST_F(StandardFolders, TheDataFolderPathWithoutCreationCreatesNothing) {
+    const std::string missingHome = temp / "gone/home";
+    const std::string missingData = temp / "gone/data";
+    setenv("HOME", missingHome.c_str(), 1);
+    setenv("XDG_DATA_HOME", missingData.c_str(), 1);
+    char formed[260], created[260];
+    LFileGetUserDataFolderAppDoNotCreate(formed);
+    EXPECT_EQ(std::string(formed), missingData + "/LTavix");
+    EXPECT_FALSE(IsFolder(temp / "gone"));
+    LFile::GetUserDataFolderApp(created);
+    EXPECT_STREQ(created, formed);
+    ASSERT_TRUE(LFile::DeleteFolderTree((temp / "gone").c_str()));
+
+    unsetenv("XDG_DATA_HOME");
+    LFileGetUserDataFolderAppDoNotCreate(formed);
+    EXPECT_EQ(std::string(formed), missingHome + "/.local/share/LTavix");
+    EXPECT_FALSE(IsFolder(temp / "gone")) << "not even the home folder";
+    LFile::GetUserDataFolderApp(created);
+    EXPECT_STREQ(created, formed);
+}
+
 TEST_F(StandardFolders, DataFoldersAreCreatedOnTheWay) {
     char out[260];
-    LFileGetUserDataFolderAppDoNotCreate(out);
-    EXPECT_EQ(std::string(out), home + "/.local/share/LTavix");
-    EXPECT_FALSE(IsFolder(data));
-
     EXPECT_TRUE(LFile::GetUserDataFolderApp(out));
     EXPECT_EQ(std::string(out), data + "/LTavix");
     EXPECT_FALSE(LFile::GetUserDataFolderApp(out));

@@ -40,6 +40,11 @@ enum : OSType {
 // not to be (or cannot be) created, paramErr for a null ref.
 OSErr FSFindFolder(SInt16 domain, OSType folderType, Boolean createFolder, FSRef* ref);
 
+// Where folderType in domain is, into path (maxPathSize bytes with the terminator), whether or
+// not that folder exists; nothing is made. noErr, fnfErr when the type has no folder here,
+// paramErr when an argument is null or the path does not fit.
+OSStatus FSFindFolderPath(SInt16 domain, OSType folderType, UInt8* path, UInt32 maxPathSize);
+
 // The path of ref into path (maxPathSize bytes with the terminator): noErr, or paramErr when
 // an argument is null or the path does not fit.
 OSStatus FSRefMakePath(const FSRef* ref, UInt8* path, UInt32 maxPathSize);

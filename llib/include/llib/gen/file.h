@@ -260,8 +260,8 @@ public:
 // whatever its name; the form without a name asks for this library ("LTavix"), which is not one.
 bool LApplicationIsOldApplicationDataLocation(const char* name);
 bool LApplicationIsOldApplicationDataLocation();
-// The path GetUserDataFolderApp would give, formed from the home folder without asking the
-// platform and without creating anything.
+// The path GetUserDataFolderApp gives ($XDG_DATA_HOME honoured), formed without creating
+// anything, not even the home folder.
 void LFileGetUserDataFolderAppDoNotCreate(char* out);
 // The file whose presence says the shared settings were migrated: ".SharedFolderMigrated" in
 // the "Shared" folder of this library's data folder.
