@@ -1,16 +1,34 @@
 #include "capturethread.h"
 
+#include <chrono>
+#include <condition_variable>
 #include <cstring>
+#include <mutex>
+#include <set>
+#include <string>
 
 namespace {
 // How long one read waits, so a stop request is seen promptly.
 constexpr int kReadTimeoutMs = 50;
+
+// Streams whose capture thread was asked to stop but still holds them: the thread is returning
+// from a delegate call, often the very call that stopped the session. A device streams to one
+// reader at a time (a V4L2 node refuses a second), so a new stream of the same device, started
+// by that call, waits until the old one is let go; the wait is bounded, so a delegate that
+// blocks on its own successor only delays it.
+constexpr auto kHandOverWait = std::chrono::seconds(3);
+std::mutex gEndingMutex;
+std::condition_variable gEndingChanged;
+std::multiset<std::string> gEndingStreams; // by device unique id
 } // namespace
 
 struct CaptureThread::State {
     QTCaptureSession* session = nullptr;   // retained while the thread runs
     QTCaptureDeviceInput* input = nullptr; // retained for the state's life
     std::atomic<bool> stopRequested{false};
+    std::string deviceId;
+    bool holdsStream = false;  // under gEndingMutex
+    bool listedEnding = false; // in gEndingStreams; under gEndingMutex
     QTFormatDescription* videoDescription = nullptr;
     QTFormatDescription* audioDescription = nullptr;
 
@@ -22,8 +40,29 @@ struct CaptureThread::State {
 
     QTFormatDescription* DescriptionFor(const platform::CapturedSample& sample, bool video);
     void Deliver(const platform::CapturedSample& sample);
+    void ListEndingLocked();
+    void SetHoldsStream(bool holds);
     static void Run(std::shared_ptr<State> state);
 };
+
+void CaptureThread::State::ListEndingLocked() {
+    if (!holdsStream || listedEnding)
+        return;
+    gEndingStreams.insert(deviceId);
+    listedEnding = true;
+}
+
+void CaptureThread::State::SetHoldsStream(bool holds) {
+    std::lock_guard<std::mutex> locked(gEndingMutex);
+    holdsStream = holds;
+    if (holds && stopRequested.load())
+        ListEndingLocked();
+    if (!holds && listedEnding) {
+        gEndingStreams.erase(gEndingStreams.find(deviceId));
+        listedEnding = false;
+        gEndingChanged.notify_all();
+    }
+}
 
 QTFormatDescription* CaptureThread::State::DescriptionFor(const platform::CapturedSample& sample,
                                                           bool video) {
@@ -92,8 +131,17 @@ void CaptureThread::State::Deliver(const platform::CapturedSample& sample) {
 void CaptureThread::State::Run(std::shared_ptr<State> state) {
     QTCaptureDevice* device = state->input->device();
     std::unique_ptr<platform::DeviceStream> stream;
-    if (device != nullptr)
+    if (device != nullptr) {
+        state->deviceId = device->uniqueID()->str();
+        {
+            std::unique_lock<std::mutex> locked(gEndingMutex);
+            gEndingChanged.wait_for(locked, kHandOverWait, [&state] {
+                return gEndingStreams.count(state->deviceId) == 0 || state->stopRequested.load();
+            });
+        }
         stream = device->backendDevice()->StartStream(state->session->RequestFor(state->input));
+        state->SetHoldsStream(stream != nullptr);
+    }
     while (stream != nullptr && !state->stopRequested.load()) {
         NSAutoreleasePool* pool = new NSAutoreleasePool;
         platform::CapturedSample sample;
@@ -106,6 +154,7 @@ void CaptureThread::State::Run(std::shared_ptr<State> state) {
             break;
     }
     stream.reset();
+    state->SetHoldsStream(false);
     QTCaptureSession* session = state->session;
     state->session = nullptr;
     session->release();
@@ -131,6 +180,9 @@ QTCaptureDeviceInput* CaptureThread::input() const {
 
 void CaptureThread::RequestStop() {
     state->stopRequested = true;
+    std::lock_guard<std::mutex> locked(gEndingMutex);
+    state->ListEndingLocked();
+    gEndingChanged.notify_all(); // a thread still waiting for its device gives up the wait
 }
 
 void CaptureThread::Join() {

@@ -311,4 +311,41 @@ TEST_F(CaptureTest, InvalidationRacingDeliveryNeverLetsACallThrough) {
     EXPECT_EQ(0, probe.lateCalls.load());
 }
 
+// A camera that streams to one reader at a time, as a V4L2 node does: a callback that stops
+// capture and starts it again with another callback gets the new callback's frames, because
+// the new stream waits until the stopping call has returned and let go of the old one.
+unsigned long gRestartHandle = 0;
+CallbackLog gRestartLog;
+
+void RestartFromCallback(const unsigned char*, unsigned long, unsigned long, unsigned long,
+                         unsigned long, const SMPTETime*, long) {
+    if (++gRestartLog.frames != 2)
+        return;
+    TavixDeviceStopCapture(gRestartHandle);
+    TavixDeviceStartCapture(gRestartHandle, LogFrame, DataOf(gRestartLog), 0, 0, 0, nullptr, 0, 0,
+                            0, 0, 0, nullptr);
+    // The host goes on working in its callback, so the new stream starts while this call still
+    // holds the old one.
+    std::this_thread::sleep_for(milliseconds(100));
+}
+
+TEST_F(CaptureTest, CallbackRestartsCaptureOnADeviceThatStreamsToOneReader) {
+    virtualdevices::DeviceSpec spec;
+    spec.name = "One Stream Camera";
+    spec.video = true;
+    spec.oneStream = true;
+    spec.videoModes = {{kCVPixelFormatType_422YpCbCr8, 160, 120, 60}};
+    virtualdevices::Add(spec);
+    DeviceScope scope(TavixDeviceGet(spec.name.c_str(), TavixDeviceMediaTypeVideo));
+    ASSERT_TRUE(TavixDeviceOpen(scope.handle));
+    gRestartHandle = scope.handle;
+    gRestartLog.frames = 0;
+    ASSERT_TRUE(TavixDeviceStartCapture(scope.handle, RestartFromCallback, 0, 0, 0, 0, nullptr, 0,
+                                        0, 0, 0, 0, nullptr));
+    // Two frames reached the first callback; the rest come through LogFrame.
+    EXPECT_TRUE(WaitUntil([] { return gRestartLog.frames >= 6; })) << gRestartLog.frames;
+    EXPECT_EQ(DataOf(gRestartLog), gRestartLog.lastData);
+    EXPECT_TRUE(TavixDeviceIsCapturing(scope.handle));
+}
+
 } // namespace

@@ -20,6 +20,7 @@ class VirtualStream : public platform::DeviceStream {
 public:
     VirtualStream(std::shared_ptr<VirtualDevice> device, const virtualdevices::VideoMode* mode)
         : device(std::move(device)), start(platform::MonotonicSeconds()) {
+        ++this->device->openStreams;
         const virtualdevices::DeviceSpec& spec = this->device->spec;
         if (mode != nullptr) {
             videoMode = *mode;
@@ -47,6 +48,7 @@ public:
             pool->Invalidate();
             pool->release();
         }
+        --device->openStreams;
     }
 
     Result Read(int timeoutMs, platform::CapturedSample& sample) override {
@@ -224,7 +226,7 @@ void VirtualDevice::SetTransport(const platform::TransportState& state) {
 
 std::unique_ptr<platform::DeviceStream>
 VirtualDevice::StartStream(const platform::StreamRequest& request) {
-    if (!IsConnected())
+    if (!IsConnected() || (spec.oneStream && openStreams.load() > 0))
         return nullptr;
     const virtualdevices::VideoMode* chosen = nullptr;
     if (spec.video || spec.muxed) {

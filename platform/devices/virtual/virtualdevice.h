@@ -30,6 +30,7 @@ public:
     std::atomic<bool> connected, inUse, openable;
     std::atomic<bool> removed{false};
     std::atomic<uint64_t> delivered{0};
+    std::atomic<int> openStreams{0};
 };
 
 // Whether devices run as fast as they can (set by the test control).

@@ -34,6 +34,7 @@ struct DeviceSpec {
     double toneHz = 1000;                // the sine the device plays
     bool transport = false;              // tape transport controls and timecode
     bool connected = true, inUse = false, openable = true;
+    bool oneStream = false; // refuses a second stream while one is open, as a V4L2 node does
 };
 
 // The built-in devices' names.
