@@ -2,8 +2,10 @@
 #include "llib/gen/signalobjectnamed.h"
 
 #include <cerrno>
+#include <chrono>
 #include <climits>
 #include <cstring>
+#include <vector>
 #include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -40,6 +42,64 @@ void RemoveStaleSocket(const sockaddr_un& address) {
         unlink(address.sun_path);
 }
 
+// Connections accepted but not yet known to be a signaller's; the oldest goes when more come.
+constexpr size_t kMaxPending = 16;
+
+// Milliseconds left until deadline, for poll: -1 for no time-out.
+int RemainingMs(bool forever, std::chrono::steady_clock::time_point deadline) {
+    if (forever)
+        return -1;
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+                          deadline - std::chrono::steady_clock::now())
+                          .count();
+    return left <= 0 ? 0 : left > INT_MAX ? INT_MAX : static_cast<int>(left);
+}
+
+// Waits on listener for a connection that carries the signal byte and returns it, with the
+// byte still unread; -1 on time-out or failure. A connection that closes without a byte is
+// someone checking whether this waiter is alive (a second wait on the name, removing a stale
+// file), not a signal: it is dropped and the wait goes on.
+int AwaitSignaller(int listener, unsigned int timeoutMs) {
+    const bool forever = timeoutMs == 0xFFFFFFFF;
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    // poll rather than select: a descriptor number above FD_SETSIZE is fine here.
+    std::vector<struct pollfd> waits = {{listener, POLLIN, 0}};
+    int signaller = -1;
+    while (signaller < 0) {
+        const int ready = poll(waits.data(), waits.size(), RemainingMs(forever, deadline));
+        if (ready < 0 && errno == EINTR)
+            continue;
+        if (ready <= 0)
+            break;
+        for (size_t i = waits.size(); i-- > 1;) {
+            if (waits[i].revents == 0)
+                continue;
+            char byte;
+            const ssize_t got = recv(waits[i].fd, &byte, 1, MSG_PEEK | MSG_DONTWAIT);
+            if (got > 0 && signaller < 0) {
+                signaller = waits[i].fd;
+                waits.erase(waits.begin() + static_cast<std::ptrdiff_t>(i));
+            } else if (got == 0 || (got < 0 && errno != EAGAIN && errno != EINTR)) {
+                close(waits[i].fd);
+                waits.erase(waits.begin() + static_cast<std::ptrdiff_t>(i));
+            }
+        }
+        if (signaller < 0 && (waits[0].revents & POLLIN) != 0) {
+            const int fd = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+            if (fd >= 0) {
+                if (waits.size() > kMaxPending) {
+                    close(waits[1].fd);
+                    waits.erase(waits.begin() + 1);
+                }
+                waits.push_back({fd, POLLIN, 0});
+            }
+        }
+    }
+    for (size_t i = 1; i < waits.size(); ++i)
+        close(waits[i].fd);
+    return signaller;
+}
+
 } // namespace
 
 LSignalObjectNamed::LSignalObjectNamed(const char* name) {
@@ -71,24 +131,14 @@ bool LSignalObjectNamed::WaitSignal(unsigned int timeoutMs) {
         close(listener);
         return false;
     }
-    bool accepted = false;
-    if (listen(listener, 5) == 0) {
-        // poll rather than select: a descriptor number above FD_SETSIZE is fine here.
-        struct pollfd wait = {listener, POLLIN, 0};
-        const int ms = timeoutMs == 0xFFFFFFFF ? -1
-                       : timeoutMs > INT_MAX   ? INT_MAX
-                                               : static_cast<int>(timeoutMs);
-        if (poll(&wait, 1, ms) > 0) {
-            const int fd = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
-            if (fd >= 0) {
-                if (connection != -1)
-                    close(connection);
-                connection = fd;
-                accepted = true;
-            }
-        }
-    }
+    const int signaller = listen(listener, 5) == 0 ? AwaitSignaller(listener, timeoutMs) : -1;
     close(listener);
+    const bool accepted = signaller >= 0;
+    if (accepted) {
+        if (connection != -1)
+            close(connection);
+        connection = signaller;
+    }
     if (!accepted)
         unlink(address.sun_path);
     return accepted;

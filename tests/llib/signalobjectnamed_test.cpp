@@ -1,12 +1,14 @@
 // Named signal objects between two real processes, under a temporary data folder.
 #include <gtest/gtest.h>
 
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <string>
 
@@ -96,4 +98,48 @@ TEST_F(NamedSignal, TimeOutsAndStaleFilesLeaveNothingBehind) {
     EXPECT_EQ(tooLong.address.sun_path[0], 0);
     EXPECT_FALSE(tooLong.WaitSignal(0xFFFFFFFF));
     tooLong.Signal();
+}
+
+// A second wait on a name that is in use first checks whether the waiter is alive by connecting
+// to it; that check must not count as the signal.
+TEST_F(NamedSignal, CheckingAWaiterIsAliveDoesNotWakeIt) {
+    int report[2];
+    ASSERT_EQ(pipe(report), 0);
+    const pid_t waiter = fork();
+    ASSERT_GE(waiter, 0);
+    if (waiter == 0) {
+        close(report[0]);
+        {
+            LSignalObjectNamed named("in-use");
+            const char answer = named.WaitSignal(20000) ? 'T' : 'F';
+            (void)!write(report[1], &answer, 1);
+        }
+        _exit(0);
+    }
+    close(report[1]);
+    auto Answer = [&](int ms) {
+        struct pollfd wait = {report[0], POLLIN, 0};
+        char answer = 0;
+        if (poll(&wait, 1, ms) == 1 && read(report[0], &answer, 1) != 1)
+            answer = '?';
+        return answer;
+    };
+    // The waiter listens once its socket file is there.
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (!Exists("in-use") && std::chrono::steady_clock::now() < deadline)
+        usleep(1000);
+    ASSERT_TRUE(Exists("in-use"));
+
+    {
+        LSignalObjectNamed second("in-use");
+        EXPECT_FALSE(second.WaitSignal(50)) << "the name belongs to a live waiter";
+    }
+    EXPECT_TRUE(Exists("in-use")) << "the live waiter's file stays";
+    // A wrongly woken waiter answers at once; half a second is a wide margin.
+    EXPECT_EQ(Answer(500), 0) << "the waiter still waits";
+
+    LSignalObjectNamed("in-use").Signal();
+    EXPECT_EQ(Answer(10000), 'T') << "a real signal still wakes it";
+    Stop(waiter);
+    close(report[0]);
 }

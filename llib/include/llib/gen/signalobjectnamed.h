@@ -20,7 +20,9 @@ public:
 
     // Listens under the name (backlog 5) until another process signals or the time runs out;
     // true when a signaller's connection was accepted, which is kept until Reset and the
-    // destructor. A socket file left by a process that ended while waiting is replaced; one
+    // destructor. Only a connection that carries the signal's byte counts: one that closes
+    // without writing (another process checking that this waiter is alive) is dropped and the
+    // wait goes on. A socket file left by a process that ended while waiting is replaced; one
     // another process is waiting on is not, and the wait fails. The listening socket, and its
     // file unless a connection was accepted, are gone when this returns.
     bool WaitSignal(unsigned int timeoutMs);
