@@ -19,7 +19,7 @@ int gGuiUid = -1;
 
 namespace {
 
-// The command name of process pid (what the kernel keeps: at most 16 characters); false when
+// The command name of process pid (what the kernel keeps: at most 15 characters); false when
 // the process is gone.
 bool ReadCommandName(int pid, char (&name)[17]) {
     char path[64];

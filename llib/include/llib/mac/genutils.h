@@ -35,7 +35,8 @@ bool LSwitchToUser();
 
 // Processes.
 
-// One entry of the process list: identifier and command name (at most 16 characters).
+// One entry of the process list: identifier and command name (the kernel keeps at most 15
+// characters).
 struct kinfo_proc {
     int p_pid;
     char p_comm[17];
@@ -50,7 +51,7 @@ int LGetBSDProcessUid(const char* name);
 int LGetProcessUid(const char* name);
 extern int gGuiUid;
 // True when a process's command name equals name exactly (names longer than the kernel keeps,
-// 16 characters, never match).
+// 15 characters, never match).
 bool LIsApplicationRunning(const char* name);
 // Raises the soft limit of open files to 1024; setrlimit's result.
 int LSetMaximumNumberOfOpenFiles();
