@@ -2,7 +2,7 @@
 JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?=
 
-.PHONY: all deps build check demo asan tsan bench format vmtest clean fuzz
+.PHONY: all deps build tool check demo asan tsan bench format vmtest clean fuzz
 
 all: build
 
@@ -12,6 +12,11 @@ deps:
 build:
 	cmake -S . -B build $(CMAKE_FLAGS)
 	cmake --build build -j $(JOBS)
+
+# The library and the `tavix` command only, without the test programs.
+tool:
+	cmake -S . -B build $(CMAKE_FLAGS)
+	cmake --build build -j $(JOBS) --target tavix_tool
 
 # Installs what is missing, builds, and runs every test.
 check: deps build
@@ -30,7 +35,7 @@ tsan: deps
 
 # The main job: records five seconds from the built-in test camera and microphone into a
 # QuickTime movie, writes a PNG snapshot and prints the summary (files in build/demo/).
-demo: deps build
+demo: deps tool
 	mkdir -p build/demo
 	build/tavix capture "Tavix Test Camera" --audio "Tavix Test Microphone" --seconds 5 \
 		--record build/demo/capture.mov --snapshot build/demo/snapshot.png

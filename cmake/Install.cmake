@@ -17,5 +17,21 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/tavixConfig.cmake
               ${CMAKE_CURRENT_BINARY_DIR}/tavixConfigVersion.cmake
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/tavix)
 
+# The pkg-config file finds the prefix from its own place (${pcfiledir}), so the installed tree
+# works wherever `cmake --install --prefix` puts it, and wherever it is moved afterwards.
+# Directories given as absolute paths stay as they are.
+set(TAVIX_PC_PREFIX "${CMAKE_INSTALL_PREFIX}")
+if(NOT IS_ABSOLUTE "${CMAKE_INSTALL_LIBDIR}")
+  file(RELATIVE_PATH TAVIX_PC_UP "/prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/prefix")
+  string(REGEX REPLACE "/$" "" TAVIX_PC_UP "${TAVIX_PC_UP}")
+  set(TAVIX_PC_PREFIX "\${pcfiledir}/${TAVIX_PC_UP}")
+endif()
+foreach(dir LIBDIR INCLUDEDIR)
+  if(IS_ABSOLUTE "${CMAKE_INSTALL_${dir}}")
+    set(TAVIX_PC_${dir} "${CMAKE_INSTALL_${dir}}")
+  else()
+    set(TAVIX_PC_${dir} "\${prefix}/${CMAKE_INSTALL_${dir}}")
+  endif()
+endforeach()
 configure_file(cmake/tavix.pc.in ${CMAKE_CURRENT_BINARY_DIR}/tavix.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/tavix.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

@@ -1,0 +1,99 @@
+# Run by CTest (see consumer.cmake): installs the build into WORK_DIR/prefix and builds and runs
+# hosts that see nothing but that prefix.
+cmake_minimum_required(VERSION 3.20)
+
+function(run)
+  execute_process(COMMAND ${ARGN} RESULT_VARIABLE status OUTPUT_VARIABLE output
+                  ERROR_VARIABLE output)
+  if(NOT status EQUAL 0)
+    string(REPLACE ";" " " command "${ARGN}")
+    message(FATAL_ERROR "${command} failed (${status}):\n${output}")
+  endif()
+  set(output "${output}" PARENT_SCOPE)
+endfunction()
+
+# The example's output: the test camera, its default format, and two seconds of frames and
+# sound (30 fps, 48 kHz), with room for a loaded machine.
+function(check_capture label output)
+  if(NOT output MATCHES "device: Tavix Test Camera\n"
+     OR NOT output MATCHES "format: video 2vuy 1280 x 720\n"
+     OR NOT output MATCHES "frames: ([0-9]+) \\(1280 x 720\\)\n")
+    message(FATAL_ERROR "${label}: unexpected output:\n${output}")
+  endif()
+  set(frames ${CMAKE_MATCH_1})
+  if(NOT output MATCHES "sample frames: ([0-9]+)")
+    message(FATAL_ERROR "${label}: no sound:\n${output}")
+  endif()
+  if(frames LESS 30 OR frames GREATER 70 OR CMAKE_MATCH_1 LESS 48000 OR
+     CMAKE_MATCH_1 GREATER 110000)
+    message(FATAL_ERROR "${label}: ${frames} frames, ${CMAKE_MATCH_1} sample frames:\n${output}")
+  endif()
+  message(STATUS "${label}: ${frames} frames, ${CMAKE_MATCH_1} sample frames")
+endfunction()
+
+if(IS_ABSOLUTE "${LIBDIR}")
+  message(STATUS "skipped: the library directory ${LIBDIR} is outside any install prefix")
+  cmake_language(EXIT 77)
+endif()
+set(prefix ${WORK_DIR}/prefix)
+file(REMOVE_RECURSE ${WORK_DIR})
+file(MAKE_DIRECTORY ${WORK_DIR})
+run(${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${prefix})
+
+# Every declared name against the exported ones, and the program that takes their addresses.
+set(names_source "")
+if(PYTHON AND CLANGXX)
+  configure_file(${CMAKE_CURRENT_LIST_DIR}/instantiations.h ${WORK_DIR}/instantiations.h COPYONLY)
+  execute_process(COMMAND ${PYTHON} ${CMAKE_CURRENT_LIST_DIR}/public_names.py
+                          --include ${prefix}/include --library ${prefix}/${LIBDIR}/libtavix.so.1
+                          --clang ${CLANGXX} --instantiations ${WORK_DIR}/instantiations.h
+                          --output ${WORK_DIR}/public_names.cpp
+                  RESULT_VARIABLE status OUTPUT_VARIABLE output ERROR_VARIABLE output)
+  message("${output}")
+  if(NOT status EQUAL 0)
+    message(FATAL_ERROR "the installed headers and the exported names differ")
+  endif()
+  set(names_source ${WORK_DIR}/public_names.cpp)
+endif()
+
+# The example through pkg-config, with the installed tavix.pc the only one it can find.
+set(ENV{PKG_CONFIG_PATH} ${prefix}/${LIBDIR}/pkgconfig)
+set(ENV{PKG_CONFIG_LIBDIR} ${prefix}/${LIBDIR}/pkgconfig)
+run(${PKG_CONFIG} --cflags --libs tavix)
+string(STRIP "${output}" output)
+separate_arguments(flags UNIX_COMMAND "${output}")
+foreach(flag ${flags})
+  if(flag MATCHES "^-[IL](.*)")
+    if(NOT EXISTS "${CMAKE_MATCH_1}")
+      message(FATAL_ERROR "tavix.pc names ${CMAKE_MATCH_1}, which does not exist: ${output}")
+    endif()
+  endif()
+endforeach()
+run(${C_COMPILER} -std=c99 -Wall -Wextra -Werror -pedantic ${SOURCE_DIR}/examples/capture.c
+    ${flags} -o ${WORK_DIR}/capture_pkgconfig)
+
+# The example and the address program through find_package(tavix).
+run(${CMAKE_COMMAND} -S ${CMAKE_CURRENT_LIST_DIR}/project -B ${WORK_DIR}/project
+    -DCMAKE_PREFIX_PATH=${prefix} -DCMAKE_FIND_USE_PACKAGE_REGISTRY=OFF
+    -DCMAKE_C_COMPILER=${C_COMPILER} -DCMAKE_CXX_COMPILER=${CXX_COMPILER}
+    -DEXAMPLE_SOURCE=${SOURCE_DIR}/examples/capture.c -DPUBLIC_NAMES_SOURCE=${names_source})
+run(${CMAKE_COMMAND} --build ${WORK_DIR}/project -j 2)
+
+# The CMake-built programs find the library through their RPATH, the other through
+# LD_LIBRARY_PATH; the address program says which file the loader took.
+if(names_source)
+  run(${WORK_DIR}/project/public_names)
+  if(NOT output MATCHES "^[0-9]+ addresses; ${prefix}/${LIBDIR}/libtavix\\.so\\.1\n$")
+    message(FATAL_ERROR "public_names: ${output}")
+  endif()
+  message(STATUS "public_names: ${output}")
+endif()
+run(${WORK_DIR}/project/capture)
+check_capture("find_package" "${output}")
+run(${CMAKE_COMMAND} -E env LD_LIBRARY_PATH=${prefix}/${LIBDIR} ${WORK_DIR}/capture_pkgconfig)
+check_capture("pkg-config" "${output}")
+
+if(NOT names_source)
+  message(STATUS "the header check is skipped: it needs python3 and clang++")
+  cmake_language(EXIT 77)
+endif()
