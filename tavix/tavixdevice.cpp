@@ -154,8 +154,9 @@ void TavixDevice::Release() {
         return;
     if (--nRefCount > 0)
         return;
-    // A start that was refused leaves a session that never ran, and StopCapture only tears
-    // down a running one; nobody else can release those objects, so the last reference does.
+    // A session that is not running (a refused start, or one stopped by a change of the audio
+    // device) is left alone by StopCapture, which tears down only a running one; nobody else
+    // can release those objects, so the last reference does.
     TearDownSession();
     NSReleaseIfSet(pDevice);
     NSReleaseIfSet(pAudioDevice);

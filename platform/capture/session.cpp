@@ -152,10 +152,20 @@ NSArray* QTCaptureSession::outputs() const {
 
 platform::StreamRequest QTCaptureSession::RequestFor(QTCaptureDeviceInput*) const {
     // The first video output's wishes decide what the device is asked for; the outputs convert
-    // what it cannot deliver.
-    std::lock_guard<std::recursive_mutex> locked(mutex);
-    for (QTCaptureOutput* output : outputList)
-        if (auto* video = dynamic_cast<QTCaptureDecompressedVideoOutput*>(output))
-            return video->Request();
-    return platform::StreamRequest();
+    // what it cannot deliver. The output is asked without the session's lock: a delegate call
+    // holds the output's lock and may stop the session, which takes the session's lock.
+    QTCaptureDecompressedVideoOutput* video = nullptr;
+    {
+        std::lock_guard<std::recursive_mutex> locked(mutex);
+        for (QTCaptureOutput* output : outputList)
+            if ((video = dynamic_cast<QTCaptureDecompressedVideoOutput*>(output)) != nullptr) {
+                video->retain();
+                break;
+            }
+    }
+    if (video == nullptr)
+        return platform::StreamRequest();
+    const platform::StreamRequest request = video->Request();
+    video->release();
+    return request;
 }
