@@ -63,6 +63,7 @@ class Headers:
         self.classes = []  # (qualified name, polymorphic)
         self.names = set()  # every qualified name the headers declare, template arguments dropped
         self.missing_instantiations = []
+        self.record_paths = set()  # qualified names of the classes, to tell members apart
         self.index(root)
         self.mark_definitions(root)
         self.walk(root, [], "public")
@@ -109,7 +110,7 @@ class Headers:
             self.function(node, scope, access)
         elif kind == "VarDecl":
             self.names.add("::".join(scope + [name]))
-            member = bool(scope) and node.get("storageClass") == "static"
+            member = "::".join(scope) in self.record_paths
             if (node.get("storageClass") == "extern" or member) and not node.get("constexpr") \
                     and not node.get("inline") and not node.get("init"):
                 self.entries.append(("variable", "::".join(scope + [name]),
@@ -119,6 +120,7 @@ class Headers:
 
     def record(self, node, path, access):
         self.names.add("::".join(path))
+        self.record_paths.add("::".join(path))
         # Implicit destructors of polymorphic classes are emitted with the vtable.
         self.names.add("::".join(path + ["~" + path[-1]]))
         self.classes.append(("::".join(path),
@@ -131,7 +133,8 @@ class Headers:
                 self.walk(child, path, member_access if access == "public" else access)
 
     def function(self, node, scope, access, pattern=None):
-        if node["id"] in self.defined or node.get("storageClass") == "static" and not scope:
+        member = "::".join(scope) in self.record_paths
+        if node["id"] in self.defined or node.get("storageClass") == "static" and not member:
             return
         if pattern is not None and pattern["id"] in self.defined:
             return
