@@ -1,8 +1,9 @@
 #include "llib/gen/processrun.h"
 
 #include <cerrno>
-#include <cstdio>
 #include <sys/wait.h>
+
+#include "llib/unix/childprocess.h"
 
 ProcessRunData::ProcessRunData() : nResult(1), nExitCode(-1) {
     DoneSignal.Reset();
@@ -14,12 +15,14 @@ void* ProcessRunThreadCallback(void* data) {
     run->nResult = 0;
     run->nExitCode = -1;
     const char* command = run->Command.pData != nullptr ? run->Command.pData : "";
-    // "w" gives the command an empty pipe as its standard input.
-    FILE* pipe = popen(command, "w");
-    if (pipe == nullptr) {
+    // The command reads nothing: its standard input is empty.
+    const pid_t child =
+        childprocess::StartShell(command, childprocess::kNullDevice, childprocess::kInherit);
+    if (child < 0) {
         run->nResult = 2;
     } else {
-        const int status = pclose(pipe);
+        const int status = childprocess::Wait(child);
+        // ECHILD: another part of the host reaped it; it ran, with an unknown status.
         if (status == -1 && errno != ECHILD)
             run->nResult = 2;
         else if (status != -1 && WIFEXITED(status))

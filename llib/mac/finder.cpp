@@ -1,20 +1,16 @@
 // Handing items to the desktop: opening with the default application (xdg-open) and revealing
 // in the file browser (the freedesktop FileManager1 D-Bus interface).
-#include <fcntl.h>
-#include <spawn.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <string>
 #include <vector>
 
 #include "llib/mac/cfutils.h"
 #include "llib/mac/launcher.h"
+#include "llib/unix/childprocess.h"
 #include "platform/cfurl.h"
-
-extern char** environ;
 
 const char* gLOpenLauncher = "xdg-open";
 const char* gLRevealLauncher = "gdbus";
@@ -27,23 +23,14 @@ namespace {
 bool RunProgram(const std::vector<const char*>& arguments) {
     if (arguments.empty() || arguments[0] == nullptr || arguments[0][0] == 0)
         return false;
-    std::vector<char*> argv;
-    for (const char* argument : arguments)
-        argv.push_back(const_cast<char*>(argument));
+    std::vector<const char*> argv(arguments);
     argv.push_back(nullptr);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
-    pid_t child = -1;
-    const int started = posix_spawnp(&child, argv[0], &actions, nullptr, argv.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    if (started != 0)
+    const pid_t child =
+        childprocess::Start(argv.data(), childprocess::kNullDevice, childprocess::kNullDevice);
+    if (child < 0)
         return false;
-    int status = 0;
-    while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
-    }
-    return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+    const int status = childprocess::Wait(child);
+    return status >= 0 && WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 
 bool IsFolder(const char* path) {

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "llib/gen/commandlineparser.h"
+#include "llib/unix/childprocess.h"
 
 const char* gLPrivilegeLauncher = "pkexec";
 
@@ -20,10 +21,6 @@ namespace {
 constexpr int kAuthorisationDismissed = 126;
 constexpr int kNotAuthorised = 127;
 
-void CloseOnExec(int fd) {
-    fcntl(fd, F_SETFD, FD_CLOEXEC);
-}
-
 void CloseAll(std::initializer_list<int> fds) {
     for (int fd : fds)
         if (fd >= 0)
@@ -33,10 +30,12 @@ void CloseAll(std::initializer_list<int> fds) {
 } // namespace
 
 bool RunCommandLineProcess(const char* command) {
-    if (command == nullptr)
+    const pid_t child =
+        childprocess::StartShell(command, childprocess::kInherit, childprocess::kInherit);
+    if (child < 0)
         return false;
-    const int status = system(command);
-    // A signal, or a system() that failed (-1 has every low bit set).
+    const int status = childprocess::Wait(child);
+    // A signal, or a failed wait (-1 has every low bit set).
     if ((status & 0x7F) != 0)
         return false;
     return (status >> 8) == 0;
@@ -44,21 +43,46 @@ bool RunCommandLineProcess(const char* command) {
 
 namespace {
 
-// popen in the given mode into stream and fd; the descriptor is kept from later children.
-bool OpenPipe(const char* command, const char* mode, FILE*& stream, int& fd) {
-    stream = command != nullptr ? popen(command, mode) : nullptr;
-    fd = stream != nullptr ? fileno(stream) : -1;
-    if (fd >= 0)
-        CloseOnExec(fd);
-    return stream != nullptr;
-}
-
-int ClosePipe(FILE*& stream, int& fd) {
-    if (stream == nullptr)
-        return -1;
-    const int status = pclose(stream);
+// A shell running command with a pipe to its standard output (reading) or from its standard
+// input, and this end of it as stream and fd, kept from later children (close-on-exec).
+bool OpenPipe(const char* command, bool reading, FILE*& stream, int& fd, pid_t& child) {
     stream = nullptr;
     fd = -1;
+    child = -1;
+    int ends[2];
+    if (command == nullptr || pipe2(ends, O_CLOEXEC) != 0)
+        return false;
+    const int ours = reading ? ends[0] : ends[1];
+    const int theirs = reading ? ends[1] : ends[0];
+    const pid_t started = reading
+                              ? childprocess::StartShell(command, childprocess::kInherit, theirs)
+                              : childprocess::StartShell(command, theirs, childprocess::kInherit);
+    close(theirs);
+    if (started < 0) {
+        close(ours);
+        return false;
+    }
+    stream = fdopen(ours, reading ? "r" : "w");
+    if (stream == nullptr) {
+        close(ours); // the shell sees its pipe closed and ends
+        childprocess::Wait(started);
+        return false;
+    }
+    fd = ours;
+    child = started;
+    return true;
+}
+
+// Closes this end (so a writer still running gets SIGPIPE, a reader the end of its input) and
+// waits for the shell: its wait status.
+int ClosePipe(FILE*& stream, int& fd, pid_t& child) {
+    if (stream == nullptr)
+        return -1;
+    fclose(stream);
+    const int status = childprocess::Wait(child);
+    stream = nullptr;
+    fd = -1;
+    child = -1;
     return status;
 }
 
@@ -66,7 +90,7 @@ int ClosePipe(FILE*& stream, int& fd) {
 
 bool LPipeIn::_Open(const char* command) {
     Close();
-    return OpenPipe(command, "r", pStream, hFile);
+    return OpenPipe(command, true, pStream, hFile, pid);
 }
 
 size_t LPipeIn::Read(void* buffer, size_t size) {
@@ -74,12 +98,12 @@ size_t LPipeIn::Read(void* buffer, size_t size) {
 }
 
 int LPipeIn::Close() {
-    return ClosePipe(pStream, hFile);
+    return ClosePipe(pStream, hFile, pid);
 }
 
 bool LPipeOut::_Open(const char* command) {
     Close();
-    return OpenPipe(command, "w", pStream, hFile);
+    return OpenPipe(command, false, pStream, hFile, pid);
 }
 
 bool LPipeOut::Write(const void* data, size_t size) {
@@ -87,38 +111,30 @@ bool LPipeOut::Write(const void* data, size_t size) {
 }
 
 int LPipeOut::Close() {
-    return ClosePipe(pStream, hFile);
+    return ClosePipe(pStream, hFile, pid);
 }
 
 bool LPipeInOut::_Open(const char* command, unsigned long, unsigned long) {
     Close();
     if (command == nullptr)
         return false;
+    // Every end is close-on-exec from the start: the child gets only its two as its standard
+    // input and output, and no other child started meanwhile gets any.
     int output[2] = {-1, -1}, input[2] = {-1, -1};
-    if (pipe(output) != 0)
+    if (pipe2(output, O_CLOEXEC) != 0)
         return false;
-    if (pipe(input) != 0) {
+    if (pipe2(input, O_CLOEXEC) != 0) {
         CloseAll({output[0], output[1]});
         return false;
     }
-    const pid_t child = fork();
+    const pid_t child = childprocess::StartShell(command, input[0], output[1]);
+    CloseAll({output[1], input[0]});
     if (child < 0) {
-        CloseAll({output[0], output[1], input[0], input[1]});
+        CloseAll({output[0], input[1]});
         return false;
     }
-    if (child == 0) {
-        dup2(output[1], STDOUT_FILENO);
-        dup2(input[0], STDIN_FILENO);
-        CloseAll({output[0], output[1], input[0], input[1]});
-        execl("/bin/sh", "sh", "-c", command, static_cast<char*>(nullptr));
-        _exit(1);
-    }
-    close(output[1]);
-    close(input[0]);
     hRead = output[0];
     hWrite = input[1];
-    CloseOnExec(hRead);
-    CloseOnExec(hWrite);
     pid = child;
     return true;
 }
@@ -141,9 +157,7 @@ int LPipeInOut::Close() {
     hRead = hWrite = -1;
     if (pid < 0)
         return -1;
-    int status = 0;
-    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-    }
+    const int status = childprocess::Wait(pid);
     pid = -1;
     return status;
 }
@@ -157,20 +171,14 @@ bool LRunCommandWithPrivilege(const char* tool, char* const* arguments, bool ech
     argv.push_back(nullptr);
 
     int output[2];
-    if (pipe(output) != 0)
+    if (pipe2(output, O_CLOEXEC) != 0)
         return false;
-    const pid_t child = fork();
-    if (child < 0) {
-        CloseAll({output[0], output[1]});
-        return false;
-    }
-    if (child == 0) {
-        dup2(output[1], STDOUT_FILENO);
-        CloseAll({output[0], output[1]});
-        execvp(argv[0], const_cast<char* const*>(argv.data()));
-        _exit(kNotAuthorised); // no launcher: as if the tool could not be run
-    }
+    const pid_t child = childprocess::Start(argv.data(), childprocess::kInherit, output[1]);
     close(output[1]);
+    if (child < 0) {
+        close(output[0]); // no launcher: as if the tool could not be run
+        return false;
+    }
     char buffer[260];
     ssize_t got;
     while ((got = read(output[0], buffer, sizeof buffer)) > 0 || (got < 0 && errno == EINTR))
@@ -179,9 +187,7 @@ bool LRunCommandWithPrivilege(const char* tool, char* const* arguments, bool ech
     if (echo)
         fflush(stdout);
     close(output[0]);
-    int status = 0;
-    while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
-    }
+    const int status = childprocess::Wait(child);
     // The launcher's own failures; the tool's exit status is not collected.
     if (!WIFEXITED(status))
         return false;

@@ -38,6 +38,7 @@ public:
 // load (gLExceptionHandlerInstaller).
 //   SIGQUIT, SIGILL, SIGFPE, SIGSEGV, SIGBUS -> LDebugSignalHandler (all signals blocked while it
 //   runs, SA_RESTART); SIGPIPE -> ignored, so writes to closed pipes and sockets fail with EPIPE.
+//   Programs the library starts get the default SIGPIPE action back (llib/unix/childprocess.h).
 // It also records gdwMainThreadId and sets the command words to 1 and 0.
 class LExceptionHandlerInstaller {
 public:

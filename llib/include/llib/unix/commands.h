@@ -1,6 +1,7 @@
 // Running other programs: a shell command's success, one-way pipes to or from a shell command, a
 // two-way pipe to a child shell, and running a tool as administrator once the user has
-// authorised it (through pkexec and the desktop's authentication agent).
+// authorised it (through pkexec and the desktop's authentication agent). Every child starts with
+// SIGPIPE at its default action and no signal blocked, whatever this process has set for itself.
 #pragma once
 
 #include <sys/types.h>
@@ -21,10 +22,12 @@ public:
     bool _Open(const char* command);
     // Up to size bytes; 0 at the end of the output or on failure.
     size_t Read(void* buffer, size_t size);
-    // Waits for the command; its wait status, or -1 when nothing is open.
+    // Waits for the command; its wait status, or -1 when nothing is open. A command still
+    // writing then ends by SIGPIPE.
     int Close();
     FILE* pStream = nullptr;
     int hFile = -1;
+    pid_t pid = -1; // the shell running the command
 };
 
 // The parent writes to the command's standard input.
@@ -37,9 +40,11 @@ public:
     bool _Open(const char* command);
     // True when all size bytes were written.
     bool Write(const void* data, size_t size);
+    // Closes the command's input and waits for it; its wait status, or -1 when nothing is open.
     int Close();
     FILE* pStream = nullptr;
     int hFile = -1;
+    pid_t pid = -1; // the shell running the command
 };
 
 // A child shell running command, with its standard output and input connected to the parent.
