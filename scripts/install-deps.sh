@@ -9,7 +9,7 @@ packages=(
   libasound2-dev zlib1g-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   clang clang-format libclang-rt-14-dev
-  ffmpeg valgrind
+  ffmpeg valgrind python3
 )
 # Tests against the kernel's virtual capture drivers boot a small VM.
 vm_packages=(qemu-system-x86 busybox-static kmod v4l-utils alsa-utils)

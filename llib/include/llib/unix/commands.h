@@ -71,7 +71,8 @@ public:
 // Runs tool with arguments (a null-terminated list, without the tool itself) as administrator
 // after the user authorised it; with echo, copies the tool's output to standard output. False
 // for an empty tool path, a refused or cancelled authorisation, or a tool that could not run;
-// the tool's own exit status does not count.
+// the tool's own exit status does not count, except 126 and 127, which pkexec uses for a
+// refusal and so cannot be told apart from one.
 bool LRunCommandWithPrivilege(const char* tool, char* const* arguments, bool echo);
 bool LRunCommandWithPrivilege(const char* tool, const char* const* arguments, bool echo);
 // The same for a command line: the first argument is the tool (blanks separate arguments,
