@@ -1,6 +1,7 @@
 // Capture sessions through the exported functions: start, second start, stop recording, stop,
 // refusals, the companion audio device, the sound defaults and callback invalidation.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <atomic>
 #include <climits>
 #include <string>
@@ -8,7 +9,7 @@
 
 #include "platform/virtualdevices.h"
 #include "support/tavix_helpers.h"
-#include "tavix/tavixdevice.h"
+#include "support/tempfolder.h"
 
 namespace {
 
@@ -47,19 +48,24 @@ bool StaysAt(const std::atomic<int>& counter, int value, milliseconds span = mil
 }
 
 TEST_F(CaptureTest, StartWithoutCallbacksRunsTheInputAlone) {
-    DeviceScope scope(OpenCamera());
+    std::string id;
+    DeviceScope scope(OpenCamera(&id));
     // Data without a callback is ignored.
     ASSERT_TRUE(TavixDeviceStartCapture(scope.handle, nullptr, 0x1234, 0, 0, 0, nullptr, -1, 0, 0,
                                         0, 0, nullptr));
     EXPECT_TRUE(TavixDeviceIsCapturing(scope.handle));
-    TavixDevice* device = TavixDevice::GetDevice(scope.handle);
-    EXPECT_NE(nullptr, device->pDeviceInput);
-    EXPECT_EQ(nullptr, device->pVideoOutput);
-    EXPECT_EQ(nullptr, device->pAudioOutput);
-    EXPECT_EQ(nullptr, device->pMovieFileOutput);
+    const uint64_t delivered = virtualdevices::DeliveredSamples(id);
+    EXPECT_TRUE(WaitUntil([&] { return virtualdevices::DeliveredSamples(id) >= delivered + 3; }))
+        << "the device input runs";
+    EXPECT_FALSE(TavixDeviceInvalidateCaptureVideoCallBack(scope.handle, LogFrame, 0x1234))
+        << "no callback to cut off";
+    EXPECT_FALSE(TavixDeviceInvalidateCaptureAudioCallBack(scope.handle, LogSound, -1));
     EXPECT_TRUE(TavixDeviceStopCapture(scope.handle));
     EXPECT_FALSE(TavixDeviceIsCapturing(scope.handle));
-    EXPECT_EQ(nullptr, device->pSession);
+    // The next start, with a callback, gets frames.
+    CallbackLog log;
+    ASSERT_TRUE(StartVideo(scope.handle, log));
+    EXPECT_TRUE(WaitUntil([&] { return log.frames >= 2; }));
 }
 
 TEST_F(CaptureTest, FramesComeInTheAskedFormatWithTheHostsData) {
@@ -97,12 +103,9 @@ TEST_F(CaptureTest, ASecondStartKeepsTheFirstCallbacksAndRecording) {
     CallbackLog first, second;
     ASSERT_TRUE(StartVideo(scope.handle, first));
     ASSERT_TRUE(WaitUntil([&] { return first.frames >= 2; }));
-    TavixDevice* device = TavixDevice::GetDevice(scope.handle);
-    TavixDeviceDecompressedVideoOutputDelegate* delegate = device->pVideoDelegate;
 
     // New attributes are applied; the callback and its data are not replaced.
     ASSERT_TRUE(StartVideo(scope.handle, second, kCVPixelFormatType_32BGRA, 32, 24));
-    EXPECT_EQ(delegate, device->pVideoDelegate);
     const int before = first.frames;
     ASSERT_TRUE(WaitUntil([&] { return first.frames >= before + 3 && first.width == 32; }));
     EXPECT_EQ(0, second.frames.load());
@@ -139,54 +142,83 @@ TEST_F(CaptureTest, StopOnAClosedDeviceLeavesTheSessionRunning) {
     // The scope reopens, stops and closes.
 }
 
-TEST_F(CaptureTest, ARefusedInputFailsTheStartAndStaysInItsField) {
-    std::string id;
-    DeviceScope scope(OpenCamera(&id));
-    CallbackLog log;
-    TavixDevice* device = TavixDevice::GetDevice(scope.handle);
-    virtualdevices::SetSessionRefusesInput(id, true);
-    EXPECT_FALSE(StartVideo(scope.handle, log));
-    EXPECT_FALSE(TavixDeviceIsCapturing(scope.handle));
-    // Nothing ran, so nothing is torn down: the parts built so far stay for the next attempt.
-    EXPECT_NE(nullptr, device->pSession);
-    EXPECT_NE(nullptr, device->pDeviceInput);
-    EXPECT_EQ(nullptr, device->pVideoOutput) << "the start ended at the input";
-}
-
-TEST_F(CaptureTest, ARefusedVideoOutputIsOfferedAgainByTheNextStart) {
-    DeviceScope scope(OpenCamera());
-    CallbackLog log;
-    virtualdevices::SetSessionRefusesOutput(QTCaptureOutput::Kind::Video, true);
-    EXPECT_FALSE(StartVideo(scope.handle, log));
-    EXPECT_FALSE(TavixDeviceIsCapturing(scope.handle));
-    EXPECT_NE(nullptr, TavixDevice::GetDevice(scope.handle)->pVideoOutput);
-    virtualdevices::SetSessionRefusesOutput(QTCaptureOutput::Kind::Video, false);
-
-    ASSERT_TRUE(StartVideo(scope.handle, log));
-    EXPECT_TRUE(WaitUntil([&] { return log.frames >= 2; }));
-}
-
-TEST_F(CaptureTest, RefusedMovieOutputFailsAndTearsDownARunningSession) {
-    DeviceScope scope(OpenCamera());
-    CallbackLog log;
-    ASSERT_TRUE(StartVideo(scope.handle, log));
-    virtualdevices::SetSessionRefusesOutput(QTCaptureOutput::Kind::Movie, true);
+// Each part a session may refuse: what the start answers, whether capture runs and has sound,
+// and what the next start, with nothing refused, gives the host. A start refused before the
+// session ran keeps the parts it built: a refused input is not offered again (the session runs
+// empty until it is stopped), and the frame delegate made for the refused start
+// keeps its callback. A start refused while the session ran tears it down.
+TEST_F(CaptureTest, RefusedPartsDecideTheStartAndWhatTheNextStartGives) {
+    enum class Part { Input, VideoOutput, MovieOutput, SoundOutput };
+    enum class Next { Nothing, FirstCallback, NewCallback };
+    const struct Case {
+        const char* name;
+        Part refused;
+        bool runningBefore, started, sound;
+        Next next;
+    } cases[] = {
+        {"device input", Part::Input, false, false, false, Next::Nothing},
+        {"video output", Part::VideoOutput, false, false, false, Next::FirstCallback},
+        {"movie output of a running session", Part::MovieOutput, true, false, false,
+         Next::NewCallback},
+        {"sound output", Part::SoundOutput, false, true, false, Next::NewCallback},
+    };
     const std::string path = ::testing::TempDir() + "refused.mov";
-    EXPECT_FALSE(StartVideo(scope.handle, log, 0, 0, 0, path.c_str()));
-    EXPECT_FALSE(TavixDeviceIsCapturing(scope.handle));
-    EXPECT_EQ(nullptr, TavixDevice::GetDevice(scope.handle)->pSession);
-}
-
-TEST_F(CaptureTest, RefusedSoundOutputLeavesCaptureWithoutSound) {
-    DeviceScope scope(TavixDeviceGet(virtualdevices::kTestDeckName, TavixDeviceMediaTypeMuxed));
-    ASSERT_TRUE(TavixDeviceOpen(scope.handle));
-    virtualdevices::SetSessionRefusesOutput(QTCaptureOutput::Kind::Audio, true);
-    CallbackLog log;
-    ASSERT_TRUE(TavixDeviceStartCapture(scope.handle, LogFrame, DataOf(log), 0, 0, 0, LogSound,
-                                        DataOf(log), 0, 0, 0, 0, nullptr));
-    ASSERT_TRUE(WaitUntil([&] { return log.frames >= 3; }));
-    EXPECT_EQ(0, log.sampleFrames.load());
-    EXPECT_EQ(nullptr, TavixDevice::GetDevice(scope.handle)->pAudioDelegate);
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        std::string id;
+        DeviceScope scope(OpenCamera(&id));
+        const auto start = [&](CallbackLog& log, const char* file) {
+            return TavixDeviceStartCaptureWithAudioDevice(
+                scope.handle, virtualdevices::kTestMicrophoneName, LogFrame, DataOf(log), 0, 0, 0,
+                LogSound, DataOf(log), 0, 0, 0, 0, file);
+        };
+        const auto refuse = [&](bool refuse) {
+            if (c.refused == Part::Input)
+                virtualdevices::SetSessionRefusesInput(id, refuse);
+            else
+                virtualdevices::SetSessionRefusesOutput(
+                    c.refused == Part::VideoOutput   ? QTCaptureOutput::Kind::Video
+                    : c.refused == Part::MovieOutput ? QTCaptureOutput::Kind::Movie
+                                                     : QTCaptureOutput::Kind::Audio,
+                    refuse);
+        };
+        CallbackLog first, next;
+        if (c.runningBefore) {
+            ASSERT_TRUE(start(first, nullptr));
+        }
+        refuse(true);
+        EXPECT_EQ(c.started, start(first, c.refused == Part::MovieOutput ? path.c_str() : nullptr));
+        EXPECT_EQ(c.started, TavixDeviceIsCapturing(scope.handle));
+        if (c.started) {
+            const int frames = first.frames;
+            ASSERT_TRUE(WaitUntil([&] { return first.frames >= frames + 5; }));
+            EXPECT_EQ(c.sound, first.sampleFrames > 0);
+        }
+        refuse(false);
+        TavixDeviceStopCapture(scope.handle);
+        const int firstFrames = first.frames;
+        ASSERT_TRUE(start(next, nullptr));
+        EXPECT_TRUE(TavixDeviceIsCapturing(scope.handle));
+        const uint64_t delivered = virtualdevices::DeliveredSamples(id);
+        switch (c.next) {
+        case Next::Nothing:
+            ASSERT_TRUE(WaitUntil([&] { return first.frames + next.frames > firstFrames; },
+                                  milliseconds(300)) == false);
+            EXPECT_EQ(delivered, virtualdevices::DeliveredSamples(id)) << "the input is not there";
+            // Stopping the empty session drops its parts; the start after that is whole.
+            TavixDeviceStopCapture(scope.handle);
+            ASSERT_TRUE(start(next, nullptr));
+            EXPECT_TRUE(WaitUntil([&] { return next.frames >= 2 && next.sampleFrames > 0; }));
+            break;
+        case Next::FirstCallback:
+            EXPECT_TRUE(WaitUntil([&] { return first.frames >= 2 && next.sampleFrames > 0; }));
+            EXPECT_EQ(0, next.frames.load());
+            break;
+        case Next::NewCallback:
+            EXPECT_TRUE(WaitUntil([&] { return next.frames >= 2 && next.sampleFrames > 0; }));
+            break;
+        }
+    }
 }
 
 TEST_F(CaptureTest, SoundDefaultsToSixteenBitStereoAt44100AndFitsTheBuffer) {
@@ -246,13 +278,23 @@ TEST_F(CaptureTest, AnUnopenableCompanionLeavesCaptureWithoutSound) {
     EXPECT_EQ(0, log.sampleFrames.load());
 }
 
-TEST_F(CaptureTest, AnUnwritableRecordingDoesNotDisturbTheCallbacks) {
+// An unwritable path ends the recording only: the callbacks go on, no file appears, and the
+// recording is not tried again on later frames (a folder made afterwards stays empty).
+TEST_F(CaptureTest, AnUnwritableRecordingEndsOnlyTheRecording) {
+    TempFolder temp{"tavix-unwritable"};
+    const std::string folder = temp.path + "/made later";
+    const std::string path = folder + "/capture.mov";
     DeviceScope scope(OpenCamera());
     CallbackLog log;
-    ASSERT_TRUE(StartVideo(scope.handle, log, 0, 0, 0, "/nonexistent-folder/capture.mov"));
-    EXPECT_TRUE(WaitUntil([&] { return log.frames >= 5; }));
-    EXPECT_TRUE(TavixDeviceStopRecording(scope.handle));
+    ASSERT_TRUE(StartVideo(scope.handle, log, 0, 0, 0, path.c_str()));
+    // The camera has no sound, so the recorder opens its file on the first picture.
+    ASSERT_TRUE(WaitUntil([&] { return log.frames >= 5; }));
+    ASSERT_EQ(0, mkdir(folder.c_str(), 0755));
+    const int frames = log.frames;
+    EXPECT_TRUE(WaitUntil([&] { return log.frames >= frames + 10; }));
     EXPECT_TRUE(TavixDeviceStopCapture(scope.handle));
+    struct stat info {};
+    EXPECT_NE(0, stat(path.c_str(), &info)) << "the recording was tried again";
 }
 
 TEST_F(CaptureTest, InvalidationClearsAMatchingCallbackOrData) {
