@@ -1,0 +1,22 @@
+"""The exceptions the package raises. Every one derives from TavixError; each also derives from
+the built-in exception a Python programmer would reach for first."""
+
+
+class TavixError(Exception):
+    """Something the library refused or could not do."""
+
+
+class DeviceNotFoundError(TavixError, LookupError):
+    """No device has the name (and media type) asked for; the message lists those that exist."""
+
+
+class DeviceClosedError(TavixError):
+    """The device (or its capture session) was used after it was closed."""
+
+
+class FormatError(TavixError, ValueError):
+    """The device cannot deliver the pixel format, size or sound asked for."""
+
+
+class RecordingError(TavixError, OSError):
+    """The movie file cannot be written."""
