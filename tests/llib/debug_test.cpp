@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/mman.h>
-#include <sys/wait.h>
 #include <unistd.h>
 #include <atomic>
 #include <chrono>
@@ -15,163 +14,134 @@
 #include <vector>
 
 #include "llib/gen/debug.h"
+#include "support/process.h"
 
 namespace {
 
-// The record of the calling thread, or null.
-const LDebugThreadData* OwnRecord() {
-    const unsigned int port = LDebugCurrentThreadPort();
-    for (unsigned int i = 0; i < gnDebugThreads; ++i)
-        if (gDebugThreadData[i].dwThreadId == port)
-            return &gDebugThreadData[i];
-    return nullptr;
+// What the identity line says of the calling thread: all that follows "a-MacIntel1068-b-".
+std::string Tail() {
+    char line[260];
+    LDebugGenerateXIString(line, "a", "b");
+    const std::string text = line, head = "a-MacIntel1068-b-";
+    return text.compare(0, head.size(), head) == 0 ? text.substr(head.size()) : "?" + text;
 }
-
-std::string DefaultTag(unsigned int port) {
-    char tag[8];
-    snprintf(tag, sizeof tag, "%.4u", port % 10000);
-    return tag;
-}
-
-std::string NamedTag(const char* name, unsigned int port) {
-    char tag[8];
-    snprintf(tag, sizeof tag, "%.4s%u%u%u", name, port % 10, port % 100 / 10, port % 1000 / 100);
-    return tag;
-}
-
-// Threads that enter the table, then wait until released, then leave it.
-class Crew {
-public:
-    void Enter(int count) {
-        for (int i = 0; i < count; ++i)
-            threads.emplace_back([this] {
-                LDebugThreadDataStartThread(nullptr);
-                ++entered;
-                while (!released)
-                    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-                LDebugThreadDataStopThread();
-            });
-        while (entered < count)
-            std::this_thread::yield();
-    }
-    ~Crew() {
-        released = true;
-        for (std::thread& thread : threads)
-            thread.join();
-    }
-
-private:
-    std::vector<std::thread> threads;
-    std::atomic<int> entered{0};
-    std::atomic<bool> released{false};
-};
 
 void OnOwnThread(const std::function<void()>& body) {
     std::thread thread(body);
     thread.join();
 }
 
-TEST(DebugThreads, TagsAndRecordsOfOneThread) {
-    OnOwnThread([] {
-        const unsigned int port = LDebugCurrentThreadPort();
-        LDebugThreadDataStartThread(nullptr);
-        ASSERT_NE(nullptr, OwnRecord());
-        EXPECT_EQ(DefaultTag(port), OwnRecord()->szTag);
+// Threads that enter the table and stay until let go, the first ones first.
+class Crew {
+public:
+    explicit Crew(int count) {
+        for (int i = 0; i < count; ++i)
+            threads.emplace_back([this, i] {
+                LDebugThreadDataStartThread(nullptr);
+                ++entered;
+                while (i >= leaving)
+                    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+                LDebugThreadDataStopThread();
+                ++left;
+            });
+        while (entered < count)
+            std::this_thread::yield();
+    }
+    void LetGo(int count) {
+        leaving = count;
+        while (left < count)
+            std::this_thread::yield();
+    }
+    ~Crew() {
+        LetGo(static_cast<int>(threads.size()));
+        for (std::thread& thread : threads)
+            thread.join();
+    }
 
-        LDebugThreadSetName("LTCPListener");
-        EXPECT_EQ(NamedTag("LTCP", port), OwnRecord()->szTag);
+private:
+    std::vector<std::thread> threads;
+    std::atomic<int> entered{0}, leaving{0}, left{0};
+};
+
+TEST(DebugThreads, TagDialogAndStatusDescribeTheirOwnThread) {
+    OnOwnThread([] {
+        EXPECT_EQ("Unknown", Tail()) << "not in the table";
+        LDebugThreadDataStartThread(nullptr);
+        EXPECT_EQ("", Tail()) << "a numbered thread has no name to show";
         LDebugThreadSetLastDialog("Preferences");
-        EXPECT_EQ("Preferences" + NamedTag("", port), OwnRecord()->szLastDialog);
+        const std::string dialog = Tail();
+        ASSERT_EQ(14u, dialog.size()) << dialog;
+        // A name or dialog is followed by the units, tens and hundreds digits of the thread.
+        const std::string digits = dialog.substr(11);
+        const unsigned int port = LDebugCurrentThreadPort();
+        EXPECT_EQ(std::to_string(port % 10) + std::to_string(port / 10 % 10) +
+                      std::to_string(port / 100 % 10),
+                  digits);
+        LDebugThreadSetName("LTCPListener");
+        EXPECT_EQ("LTCP" + digits + dialog, Tail());
+        LDebugThreadStatusSet("Saving");
+        EXPECT_EQ("LTCP" + digits + dialog + "Saving", Tail());
+        LDebugThreadStatusClear();
         LDebugThreadSetLastDialog(std::string(100, 'd').c_str());
-        EXPECT_EQ(31u, strlen(OwnRecord()->szLastDialog)) << "cut to the field";
+        EXPECT_EQ("LTCP" + digits + std::string(31, 'd'), Tail()) << "cut to the field";
         LDebugThreadDataStopThread();
-        EXPECT_EQ(nullptr, OwnRecord());
+        EXPECT_EQ("Unknown", Tail());
 
         LDebugThreadDataStartThread("Worker");
-        EXPECT_STREQ("Work", OwnRecord()->szTag);
+        EXPECT_EQ("Work", Tail());
         {
             LBugReportBlockScope save("Save");
-            EXPECT_EQ(NamedTag("Save", port), OwnRecord()->szTag);
+            EXPECT_EQ("Save" + digits, Tail());
             {
                 LBugReportBlockScope inner("Load");
-                EXPECT_EQ(NamedTag("Load", port), OwnRecord()->szTag);
+                EXPECT_EQ("Load" + digits, Tail());
             }
-            EXPECT_EQ(NamedTag("Save", port), OwnRecord()->szTag);
+            EXPECT_EQ("Save" + digits, Tail());
         }
-        EXPECT_STREQ("Work", OwnRecord()->szTag);
+        EXPECT_EQ("Work", Tail());
         LDebugThreadDataStopThread();
-    });
-    // A thread that is not in the table changes nothing.
-    OnOwnThread([] {
-        const unsigned int before = gnDebugThreads;
+
+        // Out of the table, nothing puts the thread back.
         LDebugThreadSetName("Ghost");
         LDebugThreadSetLastDialog("Ghost");
         LBugReportBlockScope scope("Ghost");
-        EXPECT_EQ(0xFFFFFFFFu, scope.nIndex);
         LDebugThreadDataStopThread();
-        EXPECT_EQ(before, gnDebugThreads);
+        EXPECT_EQ("Unknown", Tail());
     });
 }
 
-TEST(DebugThreads, SixtyFourRecordsAreReusedAndTrimmedFromTheEnd) {
-    ASSERT_EQ(0u, gnDebugThreads);
+TEST(DebugThreads, SixtyFourThreadsFitAndOneLeavingMakesRoom) {
+    std::string late, next;
     {
-        Crew crew;
-        crew.Enter(64);
-        EXPECT_EQ(64u, gnDebugThreads);
-        OnOwnThread([] {
+        Crew crew(64);
+        OnOwnThread([&] {
             LDebugThreadDataStartThread("Late");
-            EXPECT_EQ(nullptr, OwnRecord()) << "the 65th thread stays out";
+            late = Tail();
         });
-    }
-    EXPECT_EQ(0u, gnDebugThreads) << "all left: trimmed to nothing";
-
-    // A, B, C: B leaving frees record 1 and keeps the count; a newcomer reuses record 1.
-    std::atomic<int> entered{0}, leave{-1}; // leave: which thread may leave now (3: all)
-    std::atomic<bool> bGone{false};
-    std::vector<std::thread> abc;
-    for (int i = 0; i < 3; ++i) {
-        abc.emplace_back([&, i] {
-            LDebugThreadDataStartThread(nullptr);
-            ++entered;
-            while (leave != i && leave != 3)
-                std::this_thread::yield();
+        crew.LetGo(1);
+        OnOwnThread([&] {
+            LDebugThreadDataStartThread("Next");
+            next = Tail();
             LDebugThreadDataStopThread();
-            if (i == 1)
-                bGone = true;
         });
-        while (entered < i + 1) // in order: records 0, 1, 2
-            std::this_thread::yield();
     }
-    leave = 1;
-    while (!bGone)
-        std::this_thread::yield();
-    EXPECT_EQ(3u, gnDebugThreads);
-    EXPECT_EQ(0xFFFFFFFFu, gDebugThreadData[1].dwThreadId);
-    OnOwnThread([] {
-        LDebugThreadDataStartThread("Reuse");
-        EXPECT_EQ(&gDebugThreadData[1], OwnRecord());
-        LDebugThreadDataStopThread();
-    });
-    leave = 3;
-    for (std::thread& thread : abc)
-        thread.join();
-    EXPECT_EQ(0u, gnDebugThreads);
+    EXPECT_EQ("Unknown", late) << "the 65th thread stays out";
+    EXPECT_EQ("Next", next) << "the record the first thread left is taken again";
 }
 
 TEST(DebugStatus, OnlyItsOwnerClearsTheStatusLineAndTracesAreCut) {
     LDebugThreadStatusSet(std::string(400, 's').c_str());
     EXPECT_EQ(259u, strlen(debugAS.szStatus));
-    EXPECT_EQ(LDebugCurrentThreadPort(), debugAS.dwThreadId);
-    OnOwnThread([] { LDebugThreadStatusClear(); });
-    EXPECT_EQ(LDebugCurrentThreadPort(), debugAS.dwThreadId) << "another thread cannot clear it";
+    LDebugThreadStatusSet("Saving");
+    EXPECT_EQ("UnknownSaving", Tail());
+    OnOwnThread([] {
+        EXPECT_EQ("Unknown", Tail()) << "the status belongs to the thread that set it";
+        LDebugThreadStatusClear();
+    });
+    EXPECT_EQ("UnknownSaving", Tail()) << "another thread cannot clear it";
     LDebugThreadStatusClear();
-    EXPECT_EQ(0u, debugAS.dwThreadId);
+    EXPECT_EQ("UnknownGloIni1", Tail());
 
-    EXPECT_EQ(1u, gwDebugCurrentCommand);
-    EXPECT_EQ(0u, gwDebugLastCommand);
-    EXPECT_EQ(static_cast<unsigned int>(getpid()), gdwMainThreadId)
-        << "the loading thread is the main thread";
     testing::internal::CaptureStderr();
     EXPECT_EQ(0, OutputDebugStringF("%s %d", "trace", 42));
     OutputDebugStringF("%s", std::string(600, 'x').c_str());
@@ -185,7 +155,7 @@ std::string Identity(const char* first, const char* second) {
     return line;
 }
 
-TEST(DebugIdentity, NamesThePlatformTheThreadAndWhatItDoes) {
+TEST(DebugIdentity, NamesThePlatformAndWhatTheMainThreadDoes) {
     ASSERT_EQ(gdwMainThreadId, LDebugCurrentThreadPort()) << "tests run on the main thread";
     EXPECT_EQ("X1-MacIntel1068-Y2-UnknownGloIni1", Identity("X1", "Y2"));
     gwDebugCurrentCommand = 0;
@@ -196,37 +166,9 @@ TEST(DebugIdentity, NamesThePlatformTheThreadAndWhatItDoes) {
     gwDebugCurrentCommand = 1;
     gwDebugLastCommand = 0;
     EXPECT_EQ(259u, Identity(std::string(300, 'l').c_str(), "b").size());
-
-    OnOwnThread([] {
-        LDebugThreadDataStartThread(nullptr);
-        if (OwnRecord()->szTag[0] < '0' || OwnRecord()->szTag[0] > '9')
-            FAIL() << "a default tag is numeric";
-        LDebugThreadSetLastDialog("Options");
-        const std::string dialog = OwnRecord()->szLastDialog; // "Options" and three digits
-        EXPECT_EQ("a-MacIntel1068-b-" + dialog, Identity("a", "b")) << "no tag, no activity";
-
-        LDebugThreadSetName("Save");
-        LDebugThreadStatusSet("Saving");
-        EXPECT_EQ("a-MacIntel1068-b-" + std::string(OwnRecord()->szTag) + dialog + "Saving",
-                  Identity("a", "b"));
-        LDebugThreadStatusClear();
-        LDebugThreadDataStopThread();
-    });
 }
 
 // Signals, in child processes.
-
-int ExitStatusOf(const std::function<void()>& body) {
-    fflush(nullptr);
-    const pid_t pid = fork();
-    if (pid == 0) {
-        body();
-        _exit(0);
-    }
-    int status = 0;
-    waitpid(pid, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 1000 + WTERMSIG(status);
-}
 
 // A real memory fault: a store into a page that may not be touched (not a null pointer, which
 // the undefined-behaviour checker would catch first).
@@ -236,11 +178,11 @@ void Fault() {
 }
 
 TEST(CrashSignals, QuitIsSwallowedAndPipeIgnored) {
-    EXPECT_EQ(3, ExitStatusOf([] {
+    EXPECT_EQ(3, ForkAndWait([] {
                   raise(SIGQUIT);
                   _exit(bLLibExceptionAlreadyTrapped == 1 ? 3 : 4);
               }));
-    EXPECT_EQ(5, ExitStatusOf([] {
+    EXPECT_EQ(5, ForkAndWait([] {
                   int ends[2];
                   if (pipe(ends) != 0)
                       _exit(1);
@@ -256,7 +198,7 @@ TEST(CrashSignals, AFaultEndsTheProcessThroughExitSoExitHandlersRun) {
     ASSERT_EQ(0, pipe(ends));
     static int reportTo;
     reportTo = ends[1];
-    EXPECT_EQ(666 & 0xFF, ExitStatusOf([] {
+    EXPECT_EQ(666 & 0xFF, ForkAndWait([] {
                   atexit([] { (void)!write(reportTo, "x", 1); });
                   Fault(); // SIGSEGV
               }));
@@ -264,20 +206,20 @@ TEST(CrashSignals, AFaultEndsTheProcessThroughExitSoExitHandlersRun) {
     char byte = 0;
     EXPECT_EQ(1, read(ends[0], &byte, 1)) << "the exit handler ran";
     close(ends[0]);
-    EXPECT_EQ(666 & 0xFF, ExitStatusOf([] { raise(SIGFPE); }));
-    EXPECT_EQ(666 & 0xFF, ExitStatusOf([] { raise(SIGBUS); }));
+    EXPECT_EQ(666 & 0xFF, ForkAndWait([] { raise(SIGFPE); }));
+    EXPECT_EQ(666 & 0xFF, ForkAndWait([] { raise(SIGBUS); }));
 }
 
 TEST(CrashSignals, OnlyTheFirstSignalIsActedOnAndAFaultNeverSpins) {
     // After a swallowed SIGQUIT, a real fault is not trapped again: the process dies of it
     // instead of repeating the faulting instruction for ever.
-    EXPECT_EQ(1000 + SIGSEGV, ExitStatusOf([] {
-                  raise(SIGQUIT);
-                  Fault();
-              }));
+    EXPECT_EQ(-SIGSEGV, ForkAndWait([] {
+        raise(SIGQUIT);
+        Fault();
+    }));
     // SIGILL is trapped but not in the exit set: the faulting instruction repeats once and the
     // second fault ends the process.
-    EXPECT_EQ(1000 + SIGILL, ExitStatusOf([] { __builtin_trap(); }));
+    EXPECT_EQ(-SIGILL, ForkAndWait([] { __builtin_trap(); }));
 }
 
 } // namespace

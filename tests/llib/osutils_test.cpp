@@ -2,7 +2,7 @@
 // groups, the process list with a real child process, resource limits.
 #include <gtest/gtest.h>
 #include <sys/resource.h>
-#include <sys/wait.h>
+#include <grp.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -11,6 +11,7 @@
 
 #include "llib/mac/genutils.h"
 #include "platform/gestalt.h"
+#include "support/process.h"
 
 namespace {
 
@@ -67,20 +68,27 @@ TEST(Users, NamesComeFromTheEnvironment) {
     setenv("USER", "root", 1);
     EXPECT_TRUE(LIsUserRoot());
     EXPECT_TRUE(LIsUserAdministrator()) << "root administers";
+    EXPECT_TRUE(LIsUserRunningAsAdministrator());
     setenv("USER", "nobody-in-particular", 1);
     EXPECT_EQ(getuid() == 0, LIsUserRoot());
-    EXPECT_EQ(LIsUserAdministrator(), LIsUserRunningAsAdministrator());
 
     setenv("LOGNAME", "no-such-user-tavix", 1);
     EXPECT_FALSE(LSwitchToUser()) << "an unknown user";
 }
 
+TEST(Users, AnOrdinaryUserWithoutTheAdminGroupIsNeitherRootNorAdministrator) {
+    // A child that drops root and every supplementary group; each answer is one bit.
+    EXPECT_EQ(0, ForkAndWait([] {
+                  if (getuid() == 0 && (setgroups(0, nullptr) != 0 || setuid(65534) != 0))
+                      _exit(8);
+                  setenv("USER", "nobody", 1);
+                  _exit(LIsUserRoot() | (LIsUserAdministrator() << 1) |
+                        (LIsUserRunningAsAdministrator() << 2));
+              }));
+}
+
 TEST(Processes, FindsARealChildByItsCommandName) {
-    const pid_t child = fork();
-    if (child == 0) {
-        execlp("sleep", "sleep", "30", static_cast<char*>(nullptr));
-        _exit(127);
-    }
+    const pid_t child = StartChild([] { execlp("sleep", "sleep", "30", nullptr); });
     ASSERT_GT(child, 0);
     // The child's command name changes to "sleep" once exec has run.
     bool found = false;
@@ -99,8 +107,7 @@ TEST(Processes, FindsARealChildByItsCommandName) {
     EXPECT_FALSE(LIsApplicationRunning("SLEEP")) << "but does here";
     EXPECT_EQ(-1, LGetBSDProcessUid("no-such-command"));
     EXPECT_FALSE(LIsApplicationRunning(std::string(300, 's').c_str()));
-    kill(child, SIGKILL);
-    waitpid(child, nullptr, 0);
+    KillChild(child);
 
     // The cached look-up: a miss is not kept, a hit is.
     gGuiUid = -1;
