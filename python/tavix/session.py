@@ -19,7 +19,7 @@ import numpy as np
 
 from . import _formats
 from ._library import AudioCallBack, VideoCallBack, lib, thread_scope
-from .errors import DeviceClosedError, TavixError
+from .errors import TavixError
 from .timecode import Timecode
 
 if TYPE_CHECKING:
@@ -381,10 +381,6 @@ class Session:
                 self._stop_capture()
             finally:
                 self._device._lock.release()
-
-    def _require_running(self) -> None:
-        if self._ended:
-            raise DeviceClosedError("the capture session has ended")
 
     def __enter__(self) -> "Session":
         return self

@@ -83,6 +83,9 @@ class Transport(enum.IntEnum):
     PLAY_FAST_FORWARD = 5
     UNAVAILABLE = 6
 
+    def __str__(self) -> str:
+        return self.name.lower()
+
     @classmethod
     def parse(cls, mode: Union["Transport", int, str]) -> "Transport":
         if isinstance(mode, str):

@@ -1,0 +1,73 @@
+"""The test deck: transport modes, and the timecode its frames carry as the tape moves."""
+
+import time
+
+import pytest
+
+import tavix
+
+
+def frame_number(timecode):
+    return ((timecode.hours * 60 + timecode.minutes) * 60 + timecode.seconds) * 25 + timecode.frames
+
+
+def latest_frame(session):
+    frame = session.read(timeout=2)
+    while True:
+        newer = session.read(timeout=0)
+        if newer is None:
+            return frame
+        frame = newer
+
+
+def test_transport_drives_the_tape_and_its_timecode(deck):
+    assert deck.has_transport
+    deck.transport = "stop"
+    assert deck.transport is tavix.Transport.STOP
+
+    with deck.capture(size=(180, 144)) as session:
+        held = latest_frame(session).timecode
+        assert held.valid and not held.running
+        time.sleep(0.3)
+        assert frame_number(latest_frame(session).timecode) == frame_number(held)
+
+        deck.transport = tavix.Transport.PLAY
+        time.sleep(0.6)
+        frames = [session.read(timeout=2) for _ in range(5)]
+        numbers = [frame_number(f.timecode) for f in frames]
+        assert numbers == list(range(numbers[0], numbers[0] + 5)), "one timecode frame a frame"
+        assert all(f.timecode.running for f in frames)
+        assert frame_number(deck.timecode) >= numbers[-1]
+        assert str(deck.timecode).count(":") == 3
+
+        # Winding shows no picture; the tape moves many times faster than playing.
+        before = frame_number(latest_frame(session).timecode)
+        deck.transport = "ff"
+        assert deck.transport is tavix.Transport.FAST_FORWARD
+        time.sleep(0.5)
+        while session.read(timeout=0) is not None:  # frames from before the wind
+            pass
+        assert session.read(timeout=0.2) is None
+        deck.transport = "play"
+        after = frame_number(session.read(timeout=2).timecode)
+        assert after - before > 50
+
+        deck.transport = "rewind"
+        assert deck.transport is tavix.Transport.REWIND
+        deck.transport = "stop"
+
+
+def test_timecode_converts_to_milliseconds():
+    timecode = tavix.Timecode(0, 1, 2, 5, type=1, flags=1)  # 25 fps
+    assert timecode.milliseconds == 62200
+    assert str(timecode) == "00:01:02:05"
+
+
+def test_transport_names_and_refusals(camera, deck):
+    assert tavix.Transport.parse("Fast Forward") is tavix.Transport.FAST_FORWARD
+    with pytest.raises(ValueError, match="unknown transport mode 'eject'"):
+        deck.transport = "eject"
+    with pytest.raises(ValueError):
+        deck.transport = tavix.Transport.UNAVAILABLE
+    with pytest.raises(tavix.TavixError, match="no transport"):
+        camera.transport = "play"

@@ -1,0 +1,42 @@
+"""Listing the devices, their formats and their state."""
+
+import tavix
+from conftest import CAMERA, DECK, MICROPHONE
+
+
+def test_lists_the_built_in_devices_by_media_type():
+    assert tavix.devices()[-3:] == [CAMERA, MICROPHONE, DECK]
+    assert tavix.devices("video")[-2:] == [CAMERA, DECK]
+    assert tavix.devices("sound")[-2:] == [MICROPHONE, DECK]
+    assert tavix.devices("muxed")[-1:] == [DECK]
+
+
+def test_formats_list_sound_first_then_video_largest_first(camera, microphone, deck):
+    camera_formats = camera.formats()
+    assert camera_formats[0] == tavix.Format("video", "2vuy", 1280, 720)
+    sizes = [f.width * f.height for f in camera_formats]
+    assert sizes == sorted(sizes, reverse=True)
+
+    assert microphone.formats() == [tavix.Format("sound", "lpcm", 0, 0)]
+
+    deck_formats = deck.formats()
+    assert deck_formats[0].media == "sound"
+    assert (deck_formats[1].width, deck_formats[1].height) == (720, 576)
+    assert all(f.media == "video" for f in deck_formats[1:])
+
+
+def test_state_of_an_idle_device(camera, deck):
+    assert camera.is_connected
+    assert not camera.in_use_by_another_application
+    assert not camera.is_capturing
+    assert camera.has_media("video") and not camera.has_media("sound")
+    assert deck.has_media("video") and deck.has_media("sound") and deck.has_media("muxed")
+    # Without transport controls, and with no frame yet, there is nothing to report.
+    assert not camera.has_transport
+    assert camera.transport is tavix.Transport.UNAVAILABLE
+    assert camera.timecode is None
+
+
+def test_a_name_matches_without_regard_to_case():
+    with tavix.Device(CAMERA.upper()) as device:
+        assert device.is_connected

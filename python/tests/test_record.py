@@ -1,0 +1,41 @@
+"""Recording to a movie file while frames and sound arrive, checked with ffprobe."""
+
+import json
+import shutil
+import subprocess
+import time
+
+import pytest
+
+from conftest import MICROPHONE
+
+ffprobe = shutil.which("ffprobe")
+
+
+def probe(path):
+    output = subprocess.run(
+        [ffprobe, "-v", "error", "-show_streams", "-show_format", "-of", "json", str(path)],
+        check=True,
+        capture_output=True,
+        text=True,
+    ).stdout
+    return json.loads(output)
+
+
+@pytest.mark.skipif(ffprobe is None, reason="ffprobe (Debian's ffmpeg package) is not installed")
+def test_records_picture_and_sound_while_frames_arrive(camera, tmp_path):
+    take = tmp_path / "take.mp4"
+    with camera.capture(size=(640, 360), audio=MICROPHONE, record=take) as session:
+        deadline = time.monotonic() + 1.5
+        frames = 0
+        while time.monotonic() < deadline:
+            frames += session.read(timeout=1) is not None
+    assert frames >= 30
+
+    info = probe(take)
+    streams = {s["codec_type"]: s for s in info["streams"]}
+    assert set(streams) == {"video", "audio"}
+    # The file keeps the camera's own picture size; the frames handed out are scaled.
+    assert (streams["video"]["width"], streams["video"]["height"]) == (1280, 720)
+    assert streams["audio"]["sample_rate"] == "48000"
+    assert float(info["format"]["duration"]) >= 1.0

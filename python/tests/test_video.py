@@ -1,0 +1,189 @@
+"""Frames from the test camera as numpy arrays: through the iterator and through on_frame, in
+each pixel format, when the consumer is slow, and when a callback fails."""
+
+import threading
+import time
+
+import numpy as np
+import pytest
+
+import tavix
+from conftest import BARS, bar_colours
+
+# Bar 1 of the pattern, yellow (191, 191, 0): its video-range luma is 161, its full-range grey
+# level 169, and its blue-difference chroma far below neutral.
+YELLOW_LUMA = 161
+YELLOW_GREY = 169
+
+
+def test_thirty_bgra_frames_show_the_colour_bars(camera):
+    frames = []
+    with camera.capture(pixel_format="BGRA") as session:
+        for frame in session:
+            frames.append(frame)
+            if len(frames) == 30:
+                break
+    assert session.frames_received >= 30
+    for frame in frames:
+        assert isinstance(frame, np.ndarray)
+        assert frame.shape == (720, 1280, 4) and frame.dtype == np.uint8
+        assert frame.pixel_format == "BGRA"
+        assert frame.timecode is None  # a camera has none
+        row = frame[400]
+        assert (row[:, 3] == 255).all()
+        np.testing.assert_allclose(bar_colours(row[:, 2::-1]), BARS, atol=8)
+    # Arrival order, arrival times, and a pattern that moves from frame to frame.
+    assert [f.index for f in frames] == sorted(f.index for f in frames)
+    assert all(a.time < b.time for a, b in zip(frames, frames[1:]))
+    assert not np.array_equal(frames[0], frames[-1])
+
+
+def test_a_frame_never_changes_once_handed_out(camera):
+    session = camera.capture(pixel_format="BGRA", size=(320, 240))
+    first = session.read(timeout=5)
+    kept = first.copy()
+    later = [session.read(timeout=5) for _ in range(10)]
+    session.stop()
+    assert np.array_equal(first, kept)
+    assert all(not np.shares_memory(first, f) for f in later)
+
+
+@pytest.mark.parametrize(
+    "pixel_format, shape, check",
+    [
+        ("BGRA", (240, 320, 4), lambda px: px[:3][::-1]),
+        ("ARGB", (240, 320, 4), lambda px: px[1:]),
+        ("RGB", (240, 320, 3), lambda px: px),
+        ("BGR", (240, 320, 3), lambda px: px[::-1]),
+        ("GRAY", (240, 320), None),
+        ("UYVY", (240, 320, 2), None),
+        ("YUYV", (240, 320, 2), None),
+        ("NV12", (360, 320), None),
+    ],
+)
+def test_each_pixel_format_has_its_shape_and_layout(camera, pixel_format, shape, check):
+    with camera.capture(pixel_format=pixel_format, size=(320, 240)) as session:
+        frame = session.read(timeout=5)
+    assert frame.shape == shape
+    x, y = 60, 200  # inside the yellow bar (40..80), below the frame counter
+    if check is not None:
+        np.testing.assert_allclose(check(frame[y, x]), [191, 191, 0], atol=8)
+    elif pixel_format == "GRAY":
+        assert abs(int(frame[y, x]) - YELLOW_GREY) <= 2
+    elif pixel_format == "UYVY":
+        assert abs(int(frame[y, x, 1]) - YELLOW_LUMA) <= 2
+    elif pixel_format == "YUYV":
+        assert abs(int(frame[y, x, 0]) - YELLOW_LUMA) <= 2
+    else:  # NV12: luma rows, then rows of interleaved Cb Cr at half the height
+        assert abs(int(frame[y, x]) - YELLOW_LUMA) <= 2
+        cb = int(frame[240 + y // 2, x & ~1])
+        assert cb < 64, "yellow has little blue"
+
+
+def test_the_library_scales_to_the_size_asked_for(camera):
+    with camera.capture(pixel_format="BGRA", size=(1920, 1080)) as session:
+        frame = session.read(timeout=5)
+    assert frame.shape == (1080, 1920, 4)
+    np.testing.assert_allclose(bar_colours(frame[700, :, 2::-1]), BARS, atol=8)
+
+
+def test_the_native_format_is_delivered_when_none_is_asked(camera):
+    with camera.capture(pixel_format=None) as session:
+        frame = session.read(timeout=5)
+    assert frame.pixel_format == "2vuy" and frame.shape == (720, 1280, 2)
+
+
+def test_a_slow_consumer_loses_the_oldest_frames_without_slowing_capture(camera):
+    session = camera.capture(pixel_format="BGRA", size=(320, 240), queue_size=3)
+    time.sleep(1.0)  # reads nothing for thirty frame times
+    received, dropped = session.frames_received, session.frames_dropped
+    assert received >= 25, "capture went on at the camera's rate"
+    assert dropped >= received - 3 - 1
+    waiting = [session.read(timeout=0) for _ in range(3)]
+    assert all(f is not None for f in waiting)
+    # The newest frames were kept, in order.
+    assert [f.index for f in waiting] == list(range(waiting[0].index, waiting[0].index + 3))
+    assert waiting[-1].index >= received - 2
+    started = time.monotonic()
+    session.stop()
+    assert time.monotonic() - started < 0.5
+    assert not camera.is_capturing
+
+
+def test_stopping_from_another_thread_ends_the_iteration_promptly(camera):
+    session = camera.capture(pixel_format="BGRA", size=(320, 240))
+    counted = []
+    ended = threading.Event()
+
+    def consume():
+        for _ in session:
+            counted.append(1)
+        ended.set()
+
+    consumer = threading.Thread(target=consume)
+    consumer.start()
+    time.sleep(0.3)
+    session.stop()
+    assert ended.wait(1.0)
+    consumer.join()
+    assert counted
+    assert session.read(timeout=0) is None
+
+
+def test_frames_go_to_on_frame_on_the_capture_thread(camera):
+    seen = []
+    arrived = threading.Event()
+
+    def on_frame(frame):
+        seen.append((frame.shape, threading.current_thread() is threading.main_thread()))
+        if len(seen) == 10:
+            arrived.set()
+
+    with camera.capture(pixel_format="BGRA", on_frame=on_frame) as session:
+        assert arrived.wait(5)
+        with pytest.raises(tavix.TavixError, match="on_frame"):
+            session.read()
+    assert seen[0] == ((720, 1280, 4), False)
+
+
+def test_a_callback_may_stop_its_own_session(camera):
+    def on_frame(frame):
+        if frame.index == 2:
+            session.stop()
+
+    session = camera.capture(pixel_format="BGRA", size=(64, 48), on_frame=on_frame)
+    deadline = time.monotonic() + 5
+    while session.running and time.monotonic() < deadline:
+        time.sleep(0.05)
+    assert not session.running
+    assert session.frames_received == 3
+    session.stop()
+
+
+def test_a_callback_exception_is_raised_by_stop_and_ends_the_calls(camera):
+    calls = []
+
+    def on_frame(frame):
+        calls.append(frame.index)
+        if len(calls) == 3:
+            raise ValueError("bad frame")
+
+    session = camera.capture(pixel_format="BGRA", size=(64, 48), on_frame=on_frame)
+    time.sleep(0.5)
+    assert isinstance(session.error, ValueError)
+    assert session.frames_received > 3, "capture carries on"
+    with pytest.raises(ValueError, match="bad frame"):
+        session.stop()
+    assert len(calls) == 3, "the failed callable is not called again"
+    session.stop()  # raised once, not again
+
+
+def test_a_callback_exception_leaving_the_device_block_is_raised_after_release():
+    def on_frame(frame):
+        raise RuntimeError("from the capture thread")
+
+    with pytest.raises(RuntimeError, match="capture thread"):
+        with tavix.Device("Tavix Test Camera") as device:
+            device.capture(size=(64, 48), on_frame=on_frame)
+            time.sleep(0.2)
+    assert not tavix.has_devices_in_use()
