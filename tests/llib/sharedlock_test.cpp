@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/sem.h>
-#include <sys/wait.h>
 #include <unistd.h>
 #include <atomic>
 #include <chrono>
@@ -12,6 +11,7 @@
 
 #include "llib/gen/sharedlock.h"
 #include "support/elapsed.h"
+#include "support/process.h"
 
 namespace {
 
@@ -20,16 +20,18 @@ TEST(SharedLock, ReadersShareAndTheLastOneLetsTheWriterIn) {
     lock.LockShared();
     lock.LockShared(); // readers never wait for each other
     EXPECT_EQ(2, lock.GetReaderCount());
+    lock.UnlockShared();
+    std::atomic<pid_t> writerId{0};
     std::atomic<bool> writing{false};
     std::thread writer([&] {
+        writerId = CurrentThreadId();
         lock.LockExclusive();
         writing = true;
         lock.Unlock();
     });
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    EXPECT_FALSE(writing);
-    lock.UnlockShared();
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    while (writerId == 0)
+        std::this_thread::yield();
+    ASSERT_TRUE(WaitUntilAsleep(writerId, [&] { return writing.load(); }));
     EXPECT_FALSE(writing) << "one reader is still in";
     lock.UnlockShared();
     writer.join();
@@ -40,23 +42,33 @@ TEST(SharedLock, ReadersShareAndTheLastOneLetsTheWriterIn) {
 TEST(SharedLock, UpgradeWaitsForOtherReadersAndKeepsNewOnesOut) {
     LLockObjectShared lock;
     lock.LockShared(); // the other reader
+    const pid_t mainId = CurrentThreadId();
+    std::atomic<pid_t> upgraderId{0};
     std::atomic<int> stage{0};
+    std::atomic<bool> readerComing{false}, readerIn{false};
     std::thread upgrader([&] {
+        upgraderId = CurrentThreadId();
         lock.LockShared();
         lock.UpgradeLock();
-        stage = 1; // exclusive now
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        stage = 1; // exclusive now, and kept until the new reader below waits
+        while (!readerComing)
+            std::this_thread::yield();
+        WaitUntilAsleep(mainId, [&] { return readerIn.load(); });
         stage = 2; // set while still exclusive, so a reader let in by the downgrade sees it
         lock.DowngradeLock();
         lock.UnlockShared();
     });
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    while (upgraderId == 0)
+        std::this_thread::yield();
+    ASSERT_TRUE(WaitUntilAsleep(upgraderId, [&] { return stage > 0; }));
     EXPECT_EQ(0, stage.load()) << "waits for the other reader";
     lock.UnlockShared();
     while (stage == 0)
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        std::this_thread::yield();
     // While the upgrader holds the lock, a new reader waits.
+    readerComing = true;
     lock.LockShared();
+    readerIn = true;
     EXPECT_EQ(2, stage.load());
     lock.UnlockShared();
     upgrader.join();
@@ -93,43 +105,28 @@ TEST(SharedLock, ManyReadersAndWritersKeepACounterConsistent) {
     EXPECT_EQ(2 * 2000, readsSeen);
 }
 
-TEST(SystemLock, KeysComeFromTheName) {
-    EXPECT_EQ(11223, LSystemLockMutex::KeyFromName(""));
-    EXPECT_EQ(11223 * 32 + 'a', LSystemLockMutex::KeyFromName("a"));
-    // Bytes above 127 count as negative.
-    EXPECT_EQ(11223 * 32 - 1, LSystemLockMutex::KeyFromName("\xff"));
-    // Seven bytes shift the seed out of 32 bits, and each pair 1, -32 adds 32 - 32: zero,
-    // which becomes 1.
-    EXPECT_EQ(1, LSystemLockMutex::KeyFromName("\x01\xe0\x01\xe0\x01\xe0\x01\xe0"));
-}
-
 // A unique name per run, so tests never meet a semaphore left by another run.
 std::string UniqueName(const char* what) {
     return std::string("tavix-test-") + what + "-" + std::to_string(getpid());
 }
 
-// Runs body in a child process; returns its exit status (or 128 + signal).
-template <class Body>
-pid_t Child(Body body) {
-    const pid_t pid = fork();
-    if (pid == 0) {
-        body();
-        _exit(0);
-    }
-    return pid;
-}
-
-int Reap(pid_t pid) {
-    int status = 0;
-    waitpid(pid, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+TEST(SystemLock, ANameIsOneLockForEveryHolderAndOtherNamesAreOthers) {
+    EXPECT_EQ(11223, LSystemLockMutex::KeyFromName(""));
+    // Key 0 would make a private semaphore that excludes nobody.
+    EXPECT_NE(IPC_PRIVATE, LSystemLockMutex::KeyFromName("\x01\xe0\x01\xe0\x01\xe0\x01\xe0"));
+    const std::string name = UniqueName("names");
+    LSystemLockMutex holder(name.c_str()), same(name.c_str()), other((name + "x").c_str());
+    ASSERT_TRUE(holder.Lock(0));
+    EXPECT_FALSE(same.Lock(0)) << "not recursive, not even within its own process";
+    EXPECT_TRUE(other.Lock(0));
+    // Destroyed without an unlock, each removes its semaphore.
 }
 
 TEST(SystemLock, ExcludesOtherProcessesAndIsFreedWhenTheHolderDies) {
     const std::string name = UniqueName("dies");
     int ready[2];
     ASSERT_EQ(0, pipe(ready));
-    const pid_t holder = Child([&] {
+    const pid_t holder = StartChild([&] {
         LSystemLockMutex lock(name.c_str());
         if (!lock.Lock(1000))
             _exit(1);
@@ -150,7 +147,7 @@ TEST(SystemLock, ExcludesOtherProcessesAndIsFreedWhenTheHolderDies) {
     EXPECT_GE(MillisecondsSince(start), 29);
 
     kill(holder, SIGKILL);
-    EXPECT_EQ(128 + SIGKILL, Reap(holder));
+    EXPECT_EQ(-SIGKILL, WaitForChild(holder));
     EXPECT_TRUE(lock.Lock(1000)) << "the system released the dead holder's lock";
     lock.Unlock();
     EXPECT_EQ(-1, lock.semId) << "a released object forgets the semaphore";
@@ -176,7 +173,7 @@ TEST(SystemLock, SerialisesWorkAcrossProcesses) {
     // Each child appends "<" and ">" around a pause inside the lock; interleaving would show.
     std::vector<pid_t> children;
     for (int i = 0; i < 3; ++i)
-        children.push_back(Child([&] {
+        children.push_back(StartChild([&] {
             LSystemLockMutex lock(name.c_str());
             lock.LockForever();
             FILE* file = fopen(path, "a");
@@ -188,7 +185,7 @@ TEST(SystemLock, SerialisesWorkAcrossProcesses) {
             lock.Unlock();
         }));
     for (pid_t child : children)
-        EXPECT_EQ(0, Reap(child));
+        EXPECT_EQ(0, WaitForChild(child));
     FILE* file = fopen(path, "r");
     char text[16] = {};
     ASSERT_NE(nullptr, fgets(text, sizeof text, file));
