@@ -1,4 +1,6 @@
 #include "llib/gen/mutex.h"
+#include "support/elapsed.h"
+#include "support/process.h"
 
 #include <atomic>
 #include <cerrno>
@@ -50,17 +52,12 @@ TEST(Sleep, SleepsTheWholeTimeEvenWhenInterrupted) {
     action.sa_handler = IgnoreAlarm;
     struct sigaction previous {};
     sigaction(SIGALRM, &action, &previous);
-    const pthread_t sleeper = pthread_self();
-    std::thread interrupter([sleeper] {
-        for (int i = 0; i < 5; ++i) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(50));
-            pthread_kill(sleeper, SIGALRM);
-        }
-    });
-    const auto begin = std::chrono::steady_clock::now();
-    Sleep(500);
-    const auto elapsed = std::chrono::steady_clock::now() - begin;
-    interrupter.join();
+    const auto begin = Clock::now();
+    {
+        Interrupter interrupter(SIGALRM);
+        Sleep(500);
+    }
+    const double elapsed = MillisecondsSince(begin);
     sigaction(SIGALRM, &previous, nullptr);
-    EXPECT_GE(elapsed, std::chrono::milliseconds(495));
+    EXPECT_GE(elapsed, 495);
 }

@@ -1,5 +1,6 @@
 #include "llib/gen/signalobject.h"
 #include "support/elapsed.h"
+#include "support/process.h"
 
 #include <chrono>
 #include <csignal>
@@ -13,9 +14,12 @@
 
 namespace {
 
-void SignalLater(const LSignalObjectRef& signal, int ms) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(ms));
-    signal.Signal();
+// Signals once the calling thread sleeps, so that it is signalled during its wait.
+std::thread SignalDuringTheWait(LSignalObjectRef signal) {
+    return std::thread([signal, waiter = CurrentThreadId()] {
+        WaitUntilAsleep(waiter);
+        signal.Signal();
+    });
 }
 
 } // namespace
@@ -46,10 +50,8 @@ TEST(SignalObject, WaitsTimeOutOrEndWhenSignalledBeforeOrDuring) {
     EXPECT_GE(elapsed, 245);
     EXPECT_LT(elapsed, 3000);
 
-    std::thread signaller(SignalLater, LSignalObjectRef(signal), 100);
-    begin = Clock::now();
+    std::thread signaller = SignalDuringTheWait(signal);
     EXPECT_TRUE(signal.WaitSignal(0xFFFFFFFFu));
-    EXPECT_GE(MillisecondsSince(begin), 95);
     signaller.join();
     begin = Clock::now();
     EXPECT_TRUE(signal.WaitSignal(5000)) << "still set from before the wait";
@@ -64,7 +66,7 @@ TEST(SignalObject, DualAndTripleWakeOnAnyMember) {
     EXPECT_TRUE(first.WaitSignalDualForever(second));
     second.Reset();
     EXPECT_FALSE(first.WaitSignalTriple(second, third, 50));
-    std::thread signaller(SignalLater, LSignalObjectRef(third), 50);
+    std::thread signaller = SignalDuringTheWait(third);
     EXPECT_TRUE(first.WaitSignalTriple(second, third, 0xFFFFFFFFu));
     signaller.join();
 }
@@ -75,14 +77,12 @@ TEST(SignalObject, AnInterruptedWaitReportsTrue) {
     struct sigaction previous {};
     sigaction(SIGUSR1, &action, &previous);
     LSignalObject signal;
-    const pthread_t waiter = pthread_self();
-    std::thread interrupter([waiter] {
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
-        pthread_kill(waiter, SIGUSR1);
-    });
     const auto begin = Clock::now();
-    const bool woke = signal.WaitSignal(10000);
-    interrupter.join();
+    bool woke = false;
+    {
+        Interrupter interrupter(SIGUSR1);
+        woke = signal.WaitSignal(10000);
+    }
     sigaction(SIGUSR1, &previous, nullptr);
     EXPECT_TRUE(woke);
     EXPECT_LT(MillisecondsSince(begin), 9000);
@@ -126,7 +126,7 @@ TEST(SignalObjectGroup, WakesOnAnyMemberAndCanBeWaitedAgain) {
     EXPECT_TRUE(group.Select(0));
     EXPECT_TRUE(group.Select(0)) << "the group must be unchanged by a wait";
     b.Reset();
-    std::thread signaller(SignalLater, LSignalObjectRef(a), 50);
+    std::thread signaller = SignalDuringTheWait(a);
     EXPECT_TRUE(group.Select(0xFFFFFFFFu));
     signaller.join();
 
