@@ -7,6 +7,8 @@ from typing import Dict, NamedTuple, Optional, Tuple
 
 import numpy as np
 
+from .errors import FormatError
+
 
 def fourcc(text: str) -> int:
     return int.from_bytes(text.encode("ascii"), "big")
@@ -59,11 +61,11 @@ def pixel_format(name: str) -> PixelFormat:
     if found is not None:
         return found
     if name.lower() in _UNSUPPORTED:
-        raise ValueError(_UNSUPPORTED[name.lower()])
+        raise FormatError(_UNSUPPORTED[name.lower()])
     choices = ", ".join(
         f.name + (f" ({'/'.join(f.aliases)})" if f.aliases else "") for f in PIXEL_FORMATS
     )
-    raise ValueError(f"pixel format {name!r} is not one the library delivers; choose one of {choices}")
+    raise FormatError(f"pixel format {name!r} is not one the library delivers; choose one of {choices}")
 
 
 def frame_shape(code: int, width: int, height: int) -> Optional[Tuple[int, ...]]:
@@ -87,7 +89,7 @@ def frame_shape(code: int, width: int, height: int) -> Optional[Tuple[int, ...]]
 
 def check_frame_size(format_: PixelFormat, size: Tuple[int, int]) -> None:
     if format_.name == "420v" and (size[0] % 2 or size[1] % 2):
-        raise ValueError(f"'420v' frames need an even width and height, not {size[0]} x {size[1]}")
+        raise FormatError(f"'420v' frames need an even width and height, not {size[0]} x {size[1]}")
 
 
 class SampleType(NamedTuple):
@@ -113,7 +115,7 @@ def sample_type(dtype: object) -> SampleType:
         key = str(dtype)
     found = SAMPLE_TYPES.get(key)
     if found is None:
-        raise ValueError(
+        raise FormatError(
             f"sample type {dtype!r} is not one the library converts to; choose one of "
             + ", ".join(SAMPLE_TYPES)
         )

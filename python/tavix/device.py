@@ -24,7 +24,7 @@ from .timecode import Timecode, Transport
 
 _MEDIA_TYPES = {None: 0, "any": 0, "sound": 1, "audio": 1, "video": 2, "muxed": 3}
 _LARGEST_SIDE = 16384  # the library's limit for a frame's width and height
-_SAMPLE_RATES = (1000, 384000)
+_SAMPLE_RATES = (8000, 384000)  # the telephone rate to the highest studio rate
 _CHANNELS = (1, 32)
 
 
