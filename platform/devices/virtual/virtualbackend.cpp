@@ -174,6 +174,10 @@ void SetOpenable(const std::string& uniqueId, bool openable) {
     Change_(uniqueId, [openable](VirtualDevice& device) { device.openable = openable; });
 }
 
+void SetStalled(const std::string& uniqueId, bool stalled) {
+    Change_(uniqueId, [stalled](VirtualDevice& device) { device.stalled = stalled; });
+}
+
 void SetUnthrottled(bool unthrottled) {
     TheRegistry().unthrottled = unthrottled;
 }

@@ -54,6 +54,11 @@ public:
     Result Read(int timeoutMs, platform::CapturedSample& sample) override {
         if (!device->IsConnected())
             return Result::Gone;
+        if (device->stalled.load()) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(timeoutMs));
+            SkipTo(platform::MonotonicSeconds());
+            return Result::Timeout;
+        }
         const double due = NextDue();
         if (!VirtualDevicesUnthrottled()) {
             const double now = platform::MonotonicSeconds();
@@ -70,6 +75,13 @@ public:
     }
 
 private:
+    // Moves the stream's clock on, so what fell due while stalled is never delivered.
+    void SkipTo(double now) {
+        const double due = NextDue();
+        if (due < now)
+            start += now - due;
+    }
+
     double NextDue() const {
         if (pattern != nullptr)
             return start + static_cast<double>(videoFrames) / videoMode.frameRate;

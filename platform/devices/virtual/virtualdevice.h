@@ -29,6 +29,7 @@ public:
     TapeTransport transport;
     std::atomic<bool> connected, inUse, openable;
     std::atomic<bool> removed{false};
+    std::atomic<bool> stalled{false};
     std::atomic<uint64_t> delivered{0};
     std::atomic<int> openStreams{0};
 };

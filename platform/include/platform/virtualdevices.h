@@ -53,6 +53,9 @@ void Reset();
 void SetConnected(const std::string& uniqueId, bool connected);
 void SetInUseByAnotherApplication(const std::string& uniqueId, bool inUse);
 void SetOpenable(const std::string& uniqueId, bool openable);
+// A stalled device stays connected but delivers nothing, as a stuck driver does; its stream
+// takes up where the clock is when the stall ends.
+void SetStalled(const std::string& uniqueId, bool stalled);
 
 // Devices deliver as fast as they can instead of at their frame rate (benchmarks).
 void SetUnthrottled(bool unthrottled);
