@@ -10,6 +10,9 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   clang clang-format libclang-rt-14-dev
   ffmpeg valgrind python3
+  # The Python package, its tests and its offline install check, from Debian (no Python package
+  # index is reachable).
+  python3-numpy python3-pytest python3-setuptools python3-pip python3-venv
 )
 # Tests against the kernel's virtual capture drivers boot a small VM.
 vm_packages=(qemu-system-x86 busybox-static kmod v4l-utils alsa-utils)
