@@ -2,6 +2,7 @@
 // capture, tone frequency and overrun recovery against the loopback card where it exists
 // (snd-aloop, inside scripts/devvm.sh).
 #include "platform/devices/alsa/alsacapture.h"
+#include "support/realdevices.h"
 
 #include <gtest/gtest.h>
 
@@ -85,20 +86,6 @@ TEST(AlsaListing, ListsQuicklyAndNothingFailsWithoutCards) {
     EXPECT_FALSE(capture.isRunning());
 }
 
-const char* kLoopbackCapture = "hw:CARD=Loopback,DEV=1";
-
-bool HaveLoopback() {
-    for (const AlsaDeviceInfo& device : AlsaListDevices())
-        if (device.pcmName == kLoopbackCapture)
-            return true;
-    return false;
-}
-
-#define REQUIRE_LOOPBACK()                                                                         \
-    if (!HaveLoopback()) {                                                                         \
-        GTEST_SKIP() << "no loopback sound card (scripts/devvm.sh loads snd-aloop)";               \
-    }
-
 // Collects what a capture delivers, 16-bit stereo.
 struct Recorder {
     std::mutex mutex;
@@ -124,7 +111,7 @@ struct Recorder {
 };
 
 TEST(AlsaCapturing, LoopbackNativeFormatIsLinearPcm) {
-    REQUIRE_LOOPBACK();
+    REQUIRE_LOOPBACK(input);
     AlsaNativeFormat format;
     bool busy = true;
     ASSERT_TRUE(AlsaProbeNativeFormat(kLoopbackCapture, format, &busy));
@@ -135,7 +122,7 @@ TEST(AlsaCapturing, LoopbackNativeFormatIsLinearPcm) {
 }
 
 TEST(AlsaCapturing, OverrunIsRecoveredAndCaptureGoesOn) {
-    REQUIRE_LOOPBACK();
+    REQUIRE_LOOPBACK(input);
     Recorder recorder;
     AlsaCapture capture;
     // The second delivery stalls far longer than the 200 ms buffer holds.
@@ -149,7 +136,7 @@ TEST(AlsaCapturing, OverrunIsRecoveredAndCaptureGoesOn) {
 }
 
 TEST(AlsaCapturing, SecondOpenOfAHardwareDeviceIsBusy) {
-    REQUIRE_LOOPBACK();
+    REQUIRE_LOOPBACK(input);
     AlsaCapture first;
     ASSERT_EQ(AlsaCapture::Status::Ok,
               first.start(kLoopbackCapture, {SND_PCM_FORMAT_S16_LE, 48000, 2}, nullptr, nullptr));

@@ -24,7 +24,9 @@
 #include "platform/devices/v4l2/v4l2camera.h"
 #include "platform/pixelformats.h"
 #include "support/ffprobe.h"
+#include "support/realdevices.h"
 #include "support/tavix_helpers.h"
+#include "support/tone.h"
 #include "support/vivid.h"
 
 namespace {
@@ -53,24 +55,9 @@ TEST(RealDevices, AreListedBeforeTheBuiltInOnes) {
         EXPECT_NE(names.end(), std::find(names.begin(), names.end(), camera.displayName));
 }
 
-// The first camera offering a V4L2 format, by display name; empty when there is none.
-std::string CameraOffering(uint32_t fourcc) {
-    for (const V4L2DeviceInfo& device : V4L2ListDevices())
-        for (const V4L2Format& format : device.formats)
-            if (format.fourcc == fourcc)
-                return device.displayName;
-    return {};
-}
-
-#define REQUIRE_CAMERA(name, fourcc)                                                               \
-    const std::string name = CameraOffering(fourcc);                                               \
-    if (name.empty()) {                                                                            \
-        GTEST_SKIP() << "no V4L2 camera offering this format (scripts/devvm.sh has one)";          \
-    }
-
 TEST(RealDevices, ACameraDeliversEachFormatAndSizeAsked) {
     REQUIRE_CAMERA(camera, V4L2_PIX_FMT_YUYV);
-    DeviceScope scope(TavixDeviceGet(camera.c_str(), TavixDeviceMediaTypeVideo));
+    DeviceScope scope(TavixDeviceGet(camera.displayName.c_str(), TavixDeviceMediaTypeVideo));
     ASSERT_NE(0u, scope.handle);
     ASSERT_TRUE(TavixDeviceOpen(scope.handle));
     const OSType formats[] = {kCVPixelFormatType_422YpCbCr8_yuvs,
@@ -120,7 +107,7 @@ void KeepMapping(const unsigned char* pixels, unsigned long, unsigned long, unsi
 
 TEST(RealDevices, WhatTheDriverDeliversReachesTheHostWithoutACopy) {
     REQUIRE_CAMERA(camera, V4L2_PIX_FMT_YUYV);
-    DeviceScope scope(TavixDeviceGet(camera.c_str(), TavixDeviceMediaTypeVideo));
+    DeviceScope scope(TavixDeviceGet(camera.displayName.c_str(), TavixDeviceMediaTypeVideo));
     ASSERT_TRUE(TavixDeviceOpen(scope.handle));
     // vivid offers YUYV at 640 x 480: asked for exactly that, the host reads the driver's
     // mapped buffer.
@@ -138,7 +125,7 @@ TEST(RealDevices, ACameraRecordsWhatTheCallbackSees) {
     REQUIRE_CAMERA(camera, V4L2_PIX_FMT_YUYV);
     if (!HaveFFprobe())
         GTEST_SKIP() << "ffprobe is not installed";
-    DeviceScope scope(TavixDeviceGet(camera.c_str(), TavixDeviceMediaTypeVideo));
+    DeviceScope scope(TavixDeviceGet(camera.displayName.c_str(), TavixDeviceMediaTypeVideo));
     ASSERT_TRUE(TavixDeviceOpen(scope.handle));
     const std::string path = ::testing::TempDir() + "vivid.mov";
     CallbackLog log;
@@ -153,20 +140,13 @@ TEST(RealDevices, ACameraRecordsWhatTheCallbackSees) {
     EXPECT_NEAR(log.frames.load(), movie.Find("video")->frames, 1);
 }
 
-std::string NodeOf(const std::string& displayName) {
-    for (const V4L2DeviceInfo& device : V4L2ListDevices())
-        if (device.displayName == displayName)
-            return device.path;
-    return {};
-}
-
 TEST(RealDevices, ACameraStreamingInAnotherProcessIsInUse) {
     REQUIRE_CAMERA(camera, V4L2_PIX_FMT_YUYV);
-    DeviceScope scope(TavixDeviceGet(camera.c_str(), TavixDeviceMediaTypeVideo));
+    DeviceScope scope(TavixDeviceGet(camera.displayName.c_str(), TavixDeviceMediaTypeVideo));
     EXPECT_FALSE(TavixDeviceIsUsedByAnotherApplication(scope.handle));
     int ready[2];
     ASSERT_EQ(0, pipe(ready));
-    const std::string node = NodeOf(camera);
+    const std::string node = camera.path;
     const pid_t other = fork();
     if (other == 0) {
         V4L2Camera owner;
@@ -190,9 +170,9 @@ TEST(RealDevices, ACameraStreamingInAnotherProcessIsInUse) {
 
 TEST(RealDevices, AnUnpluggedCameraStopsItsFramesAndReportsItself) {
     REQUIRE_CAMERA(camera, V4L2_PIX_FMT_YUYV);
-    DeviceScope scope(TavixDeviceGet(camera.c_str(), TavixDeviceMediaTypeVideo));
+    DeviceScope scope(TavixDeviceGet(camera.displayName.c_str(), TavixDeviceMediaTypeVideo));
     ASSERT_TRUE(TavixDeviceOpen(scope.handle));
-    const std::string node = NodeOf(camera);
+    const std::string node = camera.path;
     CallbackLog log;
     ASSERT_TRUE(TavixDeviceStartCapture(scope.handle, LogFrame, DataOf(log), 0, 0, 0, nullptr, 0, 0,
                                         0, 0, 0, nullptr));
@@ -214,16 +194,6 @@ TEST(RealDevices, AnUnpluggedCameraStopsItsFramesAndReportsItself) {
     // vivid comes back once the last handle is closed.
     EXPECT_TRUE(
         WaitUntil([&] { return TavixDeviceIsConnected(scope.handle); }, std::chrono::seconds(10)));
-}
-
-const char* kLoopbackCapture = "hw:CARD=Loopback,DEV=1";
-const char* kLoopbackPlayback = "hw:CARD=Loopback,DEV=0";
-
-std::string LoopbackInputName() {
-    for (const AlsaDeviceInfo& device : AlsaListDevices())
-        if (device.pcmName == kLoopbackCapture)
-            return device.displayName;
-    return {};
 }
 
 // Plays a 16-bit stereo sine into the loopback card until `stop` is set.
@@ -264,9 +234,7 @@ void KeepSound(const unsigned char* samples, unsigned int, unsigned long sampleR
 }
 
 TEST(RealDevices, ASoundInputCapturesAToneAtItsFrequency) {
-    const std::string input = LoopbackInputName();
-    if (input.empty())
-        GTEST_SKIP() << "no loopback sound card (scripts/devvm.sh loads snd-aloop)";
+    REQUIRE_LOOPBACK(input);
     DeviceScope scope(TavixDeviceGet(input.c_str(), TavixDeviceMediaTypeSound));
     ASSERT_NE(0u, scope.handle);
     ASSERT_TRUE(TavixDeviceOpen(scope.handle));
@@ -287,25 +255,18 @@ TEST(RealDevices, ASoundInputCapturesAToneAtItsFrequency) {
     ASSERT_TRUE(enough);
     EXPECT_EQ(44100u, log.rate);
     // Frequency from rising zero crossings over the second half (past any start-up silence).
-    const std::vector<int16_t> s(log.left.begin() + static_cast<long>(log.left.size() / 2),
-                                 log.left.end());
-    size_t first = 0, last = 0, crossings = 0;
-    for (size_t n = 1; n < s.size(); ++n)
-        if (s[n - 1] < 0 && s[n] >= 0) {
-            if (crossings++ == 0)
-                first = n;
-            last = n;
-        }
-    ASSERT_GT(crossings, 10u) << "silence";
-    EXPECT_NEAR(440.0, (crossings - 1) * 44100.0 / static_cast<double>(last - first), 5);
+    const ToneFigures tone =
+        MeasureTone(std::vector<double>(log.left.begin() + static_cast<long>(log.left.size() / 2),
+                                        log.left.end()),
+                    44100);
+    ASSERT_GT(tone.crossings, 10u) << "silence";
+    EXPECT_NEAR(440.0, tone.hz, 5);
 }
 
 TEST(RealDevices, ACameraTakesItsSoundFromAnAlsaCompanion) {
     REQUIRE_CAMERA(camera, V4L2_PIX_FMT_YUYV);
-    const std::string input = LoopbackInputName();
-    if (input.empty())
-        GTEST_SKIP() << "no loopback sound card (scripts/devvm.sh loads snd-aloop)";
-    DeviceScope scope(TavixDeviceGet(camera.c_str(), TavixDeviceMediaTypeVideo));
+    REQUIRE_LOOPBACK(input);
+    DeviceScope scope(TavixDeviceGet(camera.displayName.c_str(), TavixDeviceMediaTypeVideo));
     ASSERT_TRUE(TavixDeviceOpen(scope.handle));
     std::atomic<bool> stop{false};
     std::thread player(PlayTone, 1000.0, std::cref(stop));

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <vector>
 
+#include "support/tone.h"
 #include "tavix/tavixdeviceformat.h"
 
 namespace {
@@ -137,17 +138,9 @@ void Measure(const Result& r, const Format& f, UInt32 channel, double& hz, doubl
     std::vector<double> s(frames);
     for (size_t n = 0; n < frames; ++n)
         s[n] = Get(&r.bytes[(n * f.channels + channel) * f.bytes], f);
-    size_t first = 0, last = 0, crossings = 0;
-    peak = 0;
-    for (size_t n = 1; n < frames; ++n) {
-        peak = std::max(peak, std::fabs(s[n]));
-        if (s[n - 1] < 0 && s[n] >= 0) {
-            if (crossings++ == 0)
-                first = n;
-            last = n;
-        }
-    }
-    hz = crossings > 1 ? (crossings - 1) * f.rate / static_cast<double>(last - first) : 0;
+    const ToneFigures tone = MeasureTone(s, f.rate);
+    hz = tone.hz;
+    peak = tone.peak;
 }
 
 TEST(AudioConversion, ASineKeepsItsPitchAndLevelAcrossFormats) {

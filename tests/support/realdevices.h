@@ -1,0 +1,29 @@
+// Finding the kernel's virtual devices (vivid cameras, the snd-aloop loopback card) for the
+// device tests, which skip themselves, saying why, on a machine without them.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "platform/devices/v4l2/v4l2camera.h"
+
+// The first V4L2 capture node offering `fourcc`; an empty path when there is none.
+V4L2DeviceInfo FindCameraOffering(uint32_t fourcc);
+
+#define REQUIRE_CAMERA(info, fourcc)                                                               \
+    const V4L2DeviceInfo info = FindCameraOffering(fourcc);                                        \
+    if (info.path.empty()) {                                                                       \
+        GTEST_SKIP() << "no V4L2 camera offering this format (scripts/devvm.sh has one)";          \
+    }
+
+// The loopback card's capture side (what is played into kLoopbackPlayback comes out here).
+extern const char* const kLoopbackCapture;
+extern const char* const kLoopbackPlayback;
+// The loopback capture side's display name; empty when the card is not there.
+std::string LoopbackInputName();
+
+#define REQUIRE_LOOPBACK(name)                                                                     \
+    const std::string name = LoopbackInputName();                                                  \
+    if (name.empty()) {                                                                            \
+        GTEST_SKIP() << "no loopback sound card (scripts/devvm.sh loads snd-aloop)";               \
+    }
