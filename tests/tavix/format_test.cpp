@@ -25,7 +25,6 @@ TEST(FormatSet, KeepsDistinctRecordsUpToSixtyFour) {
     EXPECT_EQ(64u, set.dwCount);
     EXPECT_FALSE(set.Add({3, 1, 1, 0})) << "the 65th record";
     EXPECT_EQ(64u, set.dwCount);
-    EXPECT_EQ(0u, set.Formats[64].dwFormat) << "the spare record stays zero";
 }
 
 TEST(FormatSet, SortsLargestFrameFirstThenSmallerFormat) {
@@ -148,11 +147,31 @@ protected:
 
 using Sizes = std::vector<std::pair<unsigned int, unsigned int>>;
 
+// A camera reports its probed frame, in the probed format, then the sizes of the table below
+// it that are smaller in both dimensions.
 TEST_F(DiscoveryTest, ACameraReportsItsProbedFrameAndSmallerTableSizes) {
-    const Recorder camera = Enumerate(virtualdevices::kTestCameraName, TavixDeviceMediaTypeVideo);
-    EXPECT_EQ((Sizes{{1280, 720}, {640, 480}, {352, 288}, {320, 240}, {160, 120}}), camera.Sizes());
-    for (const auto& entry : camera.seen)
-        EXPECT_EQ(k2vuy, entry.second.dwFormat);
+    const struct Case {
+        const char* name;
+        size_t width, height;
+        Sizes expected;
+    } cases[] = {
+        {virtualdevices::kTestCameraName,
+         1280,
+         720,
+         {{1280, 720}, {640, 480}, {352, 288}, {320, 240}, {160, 120}}},
+        {"Wide Camera", 640, 360, {{640, 360}, {352, 288}, {320, 240}, {160, 120}}},
+        {"CIF Camera", 352, 288, {{352, 288}, {320, 240}, {160, 120}}},
+        {"Tiny Camera", 160, 120, {{160, 120}}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        if (c.name != virtualdevices::kTestCameraName)
+            AddCamera(c.name, c.width, c.height);
+        const Recorder camera = Enumerate(c.name, TavixDeviceMediaTypeVideo);
+        EXPECT_EQ(c.expected, camera.Sizes());
+        for (const auto& entry : camera.seen)
+            EXPECT_EQ(k2vuy, entry.second.dwFormat);
+    }
 }
 
 TEST_F(DiscoveryTest, ADeckReportsTheDVSizeInTheFallbackFormatAndItsSound) {
@@ -168,17 +187,10 @@ TEST_F(DiscoveryTest, ADeckReportsTheDVSizeInTheFallbackFormatAndItsSound) {
     EXPECT_FALSE(mic.seen[0].first);
 }
 
-TEST_F(DiscoveryTest, TableSizesEqualInOneDimensionAreNotOffered) {
-    AddCamera("Wide Camera", 640, 360);
-    const Recorder wide = Enumerate("Wide Camera", TavixDeviceMediaTypeVideo);
-    EXPECT_EQ((Sizes{{640, 360}, {352, 288}, {320, 240}, {160, 120}}), wide.Sizes());
-    EXPECT_EQ(k2vuy, wide.seen[0].second.dwFormat) << "the probed frame's format";
-}
-
 TEST_F(DiscoveryTest, TheAnswerIsCachedPerDeviceForTheProcess) {
     const std::string id = AddCamera("Cached Camera", 352, 288);
     const Sizes first = Enumerate("Cached Camera", TavixDeviceMediaTypeVideo).Sizes();
-    EXPECT_EQ((Sizes{{352, 288}, {320, 240}, {160, 120}}), first);
+    ASSERT_EQ(3u, first.size());
     // The device can no longer be opened: the answer comes from the cache.
     virtualdevices::SetOpenable(id, false);
     EXPECT_EQ(first, Enumerate("Cached Camera", TavixDeviceMediaTypeVideo).Sizes());
