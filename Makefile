@@ -33,6 +33,15 @@ tsan: deps
 	cmake --build build-tsan -j $(JOBS)
 	ctest --test-dir build-tsan --output-on-failure -j $(JOBS)
 
+# The whole suite STRESS_RUNS times in a row beside four busy loops, in the normal and the
+# ThreadSanitizer builds (scripts/stress.sh); stops at the first failing run.
+STRESS_RUNS ?= 10
+stress: deps build
+	cmake -S . -B build-tsan -DTAVIX_SANITIZE=thread -DTAVIX_BUILD_BENCH=OFF $(CMAKE_FLAGS)
+	cmake --build build-tsan -j $(JOBS)
+	bash scripts/stress.sh build $(STRESS_RUNS)
+	bash scripts/stress.sh build-tsan $(STRESS_RUNS)
+
 # The main job: records five seconds from the built-in test camera and microphone into a
 # QuickTime movie, writes a PNG snapshot and prints the summary (files in build/demo/).
 demo: deps tool

@@ -1,0 +1,27 @@
+#!/usr/bin/env bash
+# Runs the whole test suite of a build folder RUNS times in a row with four busy loops beside it
+# (a loaded machine), and stops at the first run that fails.
+#   scripts/stress.sh BUILD_FOLDER [RUNS]
+set -euo pipefail
+build="$1"
+runs="${2:-10}"
+jobs="$(nproc)"
+
+busy=()
+stop_busy() { [ ${#busy[@]} -eq 0 ] || kill "${busy[@]}" 2>/dev/null || true; }
+trap stop_busy EXIT
+for _ in 1 2 3 4; do
+  sh -c 'while :; do :; done' &
+  busy+=($!)
+done
+
+for run in $(seq 1 "$runs"); do
+  started=$(date +%s)
+  if ! ctest --test-dir "$build" --output-on-failure -j "$jobs" > "$build/stress-run.log" 2>&1; then
+    cat "$build/stress-run.log"
+    echo "stress: $build run $run of $runs failed"
+    exit 1
+  fi
+  echo "stress: $build run $run of $runs passed ($(( $(date +%s) - started )) s)"
+done
+echo "stress: $build: $runs passed, 0 failed"
