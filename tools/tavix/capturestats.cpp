@@ -17,17 +17,26 @@ void CountVideoFrame(const unsigned char* pixels, unsigned long pixelFormat, uns
                      long data) {
     CaptureStats& stats = *reinterpret_cast<CaptureStats*>(data);
     const double now = MonotonicSeconds();
+    if (stats.firstFrameTime == 0)
+        stats.firstFrameTime = now;
     if (stats.lastFrameTime > 0) {
+        // The interval learns only from gaps near it: a stall (a long gap) and the burst of
+        // late frames after it (short gaps) say nothing of the device's rate.
         const double gap = now - stats.lastFrameTime;
-        if (stats.frameInterval > 0 && gap > 1.5 * stats.frameInterval)
-            stats.droppedFrames +=
-                static_cast<uint64_t>(std::lround(gap / stats.frameInterval)) - 1;
-        else
-            stats.frameInterval =
-                stats.frameInterval > 0 ? 0.9 * stats.frameInterval + 0.1 * gap : gap;
+        if (stats.frameInterval == 0)
+            stats.frameInterval = gap;
+        else if (gap > 0.5 * stats.frameInterval && gap < 1.5 * stats.frameInterval)
+            stats.frameInterval = 0.9 * stats.frameInterval + 0.1 * gap;
     }
     stats.lastFrameTime = now;
-    ++stats.frames;
+    const uint64_t frames = ++stats.frames;
+    // Dropped: the frames the time since the first one should have brought and did not. Frames
+    // that only came late, in a burst after a stall, are not dropped.
+    if (stats.frameInterval > 0) {
+        const double due = (now - stats.firstFrameTime) / stats.frameInterval + 1;
+        const double missing = std::floor(due + 0.5) - static_cast<double>(frames);
+        stats.droppedFrames = missing > 0 ? static_cast<uint64_t>(missing) : 0;
+    }
     stats.width = width;
     stats.height = height;
     stats.pixelFormat = pixelFormat;

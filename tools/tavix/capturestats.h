@@ -10,7 +10,7 @@
 
 struct CaptureStats {
     std::atomic<uint64_t> frames{0};
-    std::atomic<uint64_t> droppedFrames{0}; // gaps of more than 1.5 frame intervals, in frames
+    std::atomic<uint64_t> droppedFrames{0}; // frames due by the time passed that never came
     std::atomic<uint64_t> sampleFrames{0};
     std::atomic<float> peakLevel{0}; // of the latest sound buffer, 0 to 1
     std::atomic<bool> hasTimecode{false};
@@ -18,6 +18,7 @@ struct CaptureStats {
     std::atomic<unsigned long> width{0}, height{0}, pixelFormat{0};
 
     // Frame timing, on the video thread only.
+    double firstFrameTime = 0;
     double lastFrameTime = 0;
     double frameInterval = 0; // smoothed
 
