@@ -4,13 +4,13 @@
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdlib>
 #include <string>
 
 #include "llib/gen/hangdetector.h"
+#include "support/process.h"
 
 namespace {
 
@@ -40,15 +40,13 @@ protected:
         int ready[2];
         if (pipe(ready) != 0)
             return -1;
-        const pid_t child = fork();
-        if (child == 0) {
+        const pid_t child = StartChild([&] {
             gLHangDetector.file.Close(); // not the parent's handle
             LDebugHangDetectorInit();
             const char held = gLHangDetector.file.IsValid() ? 1 : 0;
             (void)!write(ready[1], &held, 1);
             pause();
-            _exit(0);
-        }
+        });
         char held = 0;
         if (read(ready[0], &held, 1) != 1 || held != 1)
             ADD_FAILURE() << "the child could not create the marker";
@@ -72,9 +70,7 @@ TEST_F(HangDetectorTest, ALiveRunHoldsAnEightByteMarkerUntilShutdown) {
 }
 
 TEST_F(HangDetectorTest, AKilledRunLeavesAMarkerTheNextRunClears) {
-    const pid_t child = HoldingChild();
-    kill(child, SIGKILL);
-    waitpid(child, nullptr, 0);
+    KillChild(HoldingChild());
     EXPECT_TRUE(MarkerExists()) << "a killed run never reaches exit";
 
     LDebugHangDetectorInit();
@@ -92,14 +88,12 @@ TEST_F(HangDetectorTest, ASecondProcessLeavesALiveMarkerAlone) {
     EXPECT_TRUE(MarkerExists());
     EXPECT_FALSE(gLHangDetector.file.IsValid());
     gLHangDetector.szPath[0] = 0; // not ours to delete at the end of the test
-    kill(child, SIGKILL);
-    waitpid(child, nullptr, 0);
+    KillChild(child);
 }
 
 TEST_F(HangDetectorTest, ExitDeletesTheMarkerEvenAfterAFault) {
     for (bool fault : {false, true}) {
-        const pid_t child = fork();
-        if (child == 0) {
+        const int status = ForkAndWait([fault] {
             gLHangDetector.file.Close();
             LDebugHangDetectorInit();
             if (!gLHangDetector.file.IsValid())
@@ -108,11 +102,9 @@ TEST_F(HangDetectorTest, ExitDeletesTheMarkerEvenAfterAFault) {
                 *static_cast<volatile int*>(
                     mmap(nullptr, 4096, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0)) = 1;
             exit(0);
-        }
-        int status = 0;
-        waitpid(child, &status, 0);
-        ASSERT_TRUE(WIFEXITED(status)) << "signal " << WTERMSIG(status);
-        EXPECT_NE(3, WEXITSTATUS(status));
+        });
+        ASSERT_GE(status, 0) << "ended by signal " << -status;
+        EXPECT_NE(3, status);
         EXPECT_FALSE(MarkerExists()) << (fault ? "after a fault" : "after exit");
     }
 }

@@ -5,7 +5,6 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -14,6 +13,7 @@
 
 #include "llib/gen/signalobjectnamed.h"
 #include "support/tempfolder.h"
+#include "support/process.h"
 
 namespace {
 
@@ -37,20 +37,13 @@ protected:
 // A child process that signals name every 20 ms until killed (the waiter may not be listening
 // yet when it starts).
 pid_t StartSignaller(const char* name) {
-    const pid_t child = fork();
-    if (child == 0) {
+    return StartChild([name] {
         LSignalObjectNamed signal(name);
         for (;;) {
             signal.Signal();
             usleep(20000);
         }
-    }
-    return child;
-}
-
-void Stop(pid_t child) {
-    kill(child, SIGKILL);
-    waitpid(child, nullptr, 0);
+    });
 }
 
 } // namespace
@@ -63,7 +56,7 @@ TEST_F(NamedSignal, AnotherProcessWakesTheWaiter) {
     EXPECT_TRUE(waiter.WaitSignal(10000));
     EXPECT_NE(waiter.connection, -1);
     waiter.Reset(); // returns once the signaller has closed its end
-    Stop(child);
+    KillChild(child);
     EXPECT_TRUE(Exists("capture-ready"));
 }
 
@@ -89,7 +82,7 @@ TEST_F(NamedSignal, TimeOutsAndStaleFilesLeaveNothingBehind) {
         LSignalObjectNamed waiter("stale");
         const pid_t child = StartSignaller("stale");
         EXPECT_TRUE(waiter.WaitSignal(10000));
-        Stop(child);
+        KillChild(child);
     }
     EXPECT_FALSE(Exists("stale"));
 
@@ -105,17 +98,13 @@ TEST_F(NamedSignal, TimeOutsAndStaleFilesLeaveNothingBehind) {
 TEST_F(NamedSignal, CheckingAWaiterIsAliveDoesNotWakeIt) {
     int report[2];
     ASSERT_EQ(pipe(report), 0);
-    const pid_t waiter = fork();
-    ASSERT_GE(waiter, 0);
-    if (waiter == 0) {
+    const pid_t waiter = StartChild([&] {
         close(report[0]);
-        {
-            LSignalObjectNamed named("in-use");
-            const char answer = named.WaitSignal(20000) ? 'T' : 'F';
-            (void)!write(report[1], &answer, 1);
-        }
-        _exit(0);
-    }
+        LSignalObjectNamed named("in-use");
+        const char answer = named.WaitSignal(20000) ? 'T' : 'F';
+        (void)!write(report[1], &answer, 1);
+    });
+    ASSERT_GE(waiter, 0);
     close(report[1]);
     auto Answer = [&](int ms) {
         struct pollfd wait = {report[0], POLLIN, 0};
@@ -140,6 +129,6 @@ TEST_F(NamedSignal, CheckingAWaiterIsAliveDoesNotWakeIt) {
 
     LSignalObjectNamed("in-use").Signal();
     EXPECT_EQ(Answer(10000), 'T') << "a real signal still wakes it";
-    Stop(waiter);
+    KillChild(waiter);
     close(report[0]);
 }

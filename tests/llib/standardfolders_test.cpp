@@ -4,7 +4,6 @@
 
 #include <pwd.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -14,6 +13,7 @@
 #include "llib/gen/file.h"
 #include "llib/mac/genutils.h"
 #include "support/tempfolder.h"
+#include "support/process.h"
 
 namespace {
 
@@ -187,16 +187,11 @@ TEST_F(StandardFolders, OldLocationAnswerIsKeptFromTheFirstCall) {
     // The answer lives for the process, and this one has asked already: a fresh copy of the
     // test program answers (see kOldLocationChild) and exits.
     EXPECT_FALSE(LApplicationIsOldApplicationDataLocation("OrvelCapture"));
-    const pid_t child = fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-        setenv("TAVIX_OLD_LOCATION_CHILD", "1", 1);
-        execl("/proc/self/exe", "old-location-child", static_cast<char*>(nullptr));
-        _exit(127);
-    }
-    int status = 0;
-    waitpid(child, &status, 0);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    EXPECT_EQ(0, ForkAndWait([] {
+                  setenv("TAVIX_OLD_LOCATION_CHILD", "1", 1);
+                  execl("/proc/self/exe", "old-location-child", static_cast<char*>(nullptr));
+                  _exit(127);
+              }));
 }
 
 TEST_F(StandardFolders, TheBundleIsTheProgramsFolderAndTheCurrentFolderMoves) {
