@@ -6,7 +6,7 @@ set -euo pipefail
 packages=(
   build-essential cmake pkg-config git
   libavformat-dev libavcodec-dev libswscale-dev libswresample-dev libavutil-dev
-  libasound2-dev zlib1g-dev
+  libasound2-dev zlib1g-dev libyuv-dev libturbojpeg0-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   clang clang-format libclang-rt-14-dev
   ffmpeg valgrind python3

@@ -35,6 +35,7 @@ CVReturn CVPixelBufferCreate(void*, size_t width, size_t height, OSType pixelFor
     buffer->width = width;
     buffer->height = height;
     buffer->layout = layout;
+    buffer->colour = DefaultColour(pixelFormat);
     buffer->storage.resize(layout.totalSize);
     buffer->base = buffer->storage.data();
     *out = buffer;
@@ -71,6 +72,7 @@ CVReturn CVPixelBufferCreateWithBytes(void*, size_t width, size_t height, OSType
     buffer->width = width;
     buffer->height = height;
     buffer->layout = layout;
+    buffer->colour = DefaultColour(pixelFormat);
     buffer->base = static_cast<unsigned char*>(baseAddress);
     buffer->releaseCallback = releaseCallback;
     buffer->releaseContext = releaseRefCon;

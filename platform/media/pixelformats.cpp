@@ -13,20 +13,36 @@ constexpr uint32_t V4L2FourCC(char a, char b, char c, char d) {
            static_cast<uint32_t>(static_cast<unsigned char>(d)) << 24;
 }
 
+constexpr uint8_t kLibyuvAll = kLibyuvReads | kLibyuvWrites | kLibyuvScales;
+constexpr uint8_t kLibyuvConverts = kLibyuvReads | kLibyuvWrites;
+
+// libyuv has no scaler for packed 4:2:2 or 24-bit pixels, and grey ('L008') is full-range
+// luma, which libyuv neither reads nor writes as such.
 const PixelFormatInfo kFormats[] = {
-    {kCVPixelFormatType_422YpCbCr8, V4L2FourCC('U', 'Y', 'V', 'Y'), AV_PIX_FMT_UYVY422, "2vuy"},
-    {kCVPixelFormatType_422YpCbCr8_yuvs, V4L2FourCC('Y', 'U', 'Y', 'V'), AV_PIX_FMT_YUYV422,
-     "yuvs"},
-    // V4L2's ABGR32 is stored B, G, R, A; its ARGB32 is stored A, R, G, B.
-    {kCVPixelFormatType_32BGRA, V4L2FourCC('A', 'R', '2', '4'), AV_PIX_FMT_BGRA, "BGRA"},
-    {kCVPixelFormatType_32ARGB, V4L2FourCC('B', 'A', '2', '4'), AV_PIX_FMT_ARGB, "ARGB"},
+    {kCVPixelFormatType_422YpCbCr8, V4L2FourCC('U', 'Y', 'V', 'Y'), AV_PIX_FMT_UYVY422, "2vuy",
+     true, false, kLibyuvConverts},
+    {kCVPixelFormatType_422YpCbCr8_yuvs, V4L2FourCC('Y', 'U', 'Y', 'V'), AV_PIX_FMT_YUYV422, "yuvs",
+     true, false, kLibyuvConverts},
+    // V4L2's ABGR32 is stored B, G, R, A; its ARGB32 is stored A, R, G, B; RGBA32 R, G, B, A.
+    {kCVPixelFormatType_32BGRA, V4L2FourCC('A', 'R', '2', '4'), AV_PIX_FMT_BGRA, "BGRA", false,
+     false, kLibyuvAll},
+    {kCVPixelFormatType_32ARGB, V4L2FourCC('B', 'A', '2', '4'), AV_PIX_FMT_ARGB, "ARGB", false,
+     false, kLibyuvAll},
+    {kCVPixelFormatType_32RGBA, V4L2FourCC('A', 'B', '2', '4'), AV_PIX_FMT_RGBA, "RGBA", false,
+     false, kLibyuvAll},
     {kCVPixelFormatType_420YpCbCr8BiPlanarVideoRange, V4L2FourCC('N', 'V', '1', '2'),
-     AV_PIX_FMT_NV12, "420v"},
+     AV_PIX_FMT_NV12, "420v", true, false, kLibyuvAll},
+    // V4L2 gives the range separately, so NV12 maps to '420v' above.
+    {kCVPixelFormatType_420YpCbCr8BiPlanarFullRange, 0, AV_PIX_FMT_NV12, "420f", true, true,
+     kLibyuvAll},
     {kCVPixelFormatType_420YpCbCr8Planar, V4L2FourCC('Y', 'U', '1', '2'), AV_PIX_FMT_YUV420P,
-     "y420"},
-    {kCVPixelFormatType_24RGB, V4L2FourCC('R', 'G', 'B', '3'), AV_PIX_FMT_RGB24, "24RG"},
-    {kCVPixelFormatType_24BGR, V4L2FourCC('B', 'G', 'R', '3'), AV_PIX_FMT_BGR24, "24BG"},
-    {kCVPixelFormatType_OneComponent8, V4L2FourCC('G', 'R', 'E', 'Y'), AV_PIX_FMT_GRAY8, "L008"},
+     "y420", true, false, kLibyuvAll},
+    {kCVPixelFormatType_24RGB, V4L2FourCC('R', 'G', 'B', '3'), AV_PIX_FMT_RGB24, "24RG", false,
+     false, kLibyuvConverts},
+    {kCVPixelFormatType_24BGR, V4L2FourCC('B', 'G', 'R', '3'), AV_PIX_FMT_BGR24, "24BG", false,
+     false, kLibyuvConverts},
+    {kCVPixelFormatType_OneComponent8, V4L2FourCC('G', 'R', 'E', 'Y'), AV_PIX_FMT_GRAY8, "L008",
+     false, false, 0},
 };
 
 size_t Align(size_t value, size_t alignment) {
@@ -54,6 +70,20 @@ const PixelFormatInfo* FindPixelFormatByV4L2(uint32_t v4l2Format) {
     return nullptr;
 }
 
+const PixelFormatInfo* FindPixelFormatByFFmpeg(int ffmpegFormat) {
+    for (const PixelFormatInfo& info : kFormats)
+        if (info.ffmpegFormat == ffmpegFormat)
+            return &info;
+    return nullptr;
+}
+
+YCbCrColour DefaultColour(OSType pixelFormat) {
+    const PixelFormatInfo* info = FindPixelFormat(pixelFormat);
+    YCbCrColour colour;
+    colour.fullRange = info != nullptr && info->fullRange;
+    return colour;
+}
+
 bool GetPixelFormatLayout(OSType pixelFormat, size_t width, size_t height, size_t alignment,
                           PixelFormatLayout& layout) {
     layout = PixelFormatLayout();
@@ -70,6 +100,7 @@ bool GetPixelFormatLayout(OSType pixelFormat, size_t width, size_t height, size_
         break;
     case kCVPixelFormatType_32BGRA:
     case kCVPixelFormatType_32ARGB:
+    case kCVPixelFormatType_32RGBA:
         layout.planeCount = 1;
         layout.bytesPerRow[0] = Align(width * 4, alignment);
         layout.planeWidth[0] = width;
@@ -86,6 +117,7 @@ bool GetPixelFormatLayout(OSType pixelFormat, size_t width, size_t height, size_
         layout.planeWidth[0] = width;
         break;
     case kCVPixelFormatType_420YpCbCr8BiPlanarVideoRange:
+    case kCVPixelFormatType_420YpCbCr8BiPlanarFullRange:
         layout.planeCount = 2;
         layout.bytesPerRow[0] = Align(width, alignment);
         layout.bytesPerRow[1] = Align(chromaWidth * 2, alignment);

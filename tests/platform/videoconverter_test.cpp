@@ -1,7 +1,12 @@
 // The video converter: the source itself when nothing changes, correct pixels in every format it
-// converts between, scaling, pooled buffers, and a defined answer for what it cannot convert.
+// converts between, in the source's matrix and range, through libyuv and libswscale alike,
+// scaling, pooled buffers, and a defined answer for what it cannot convert.
 #include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
 #include <cstdlib>
+#include <tuple>
 #include <vector>
 
 #include "platform/devices/virtual/testpattern.h"
@@ -133,6 +138,283 @@ TEST(VideoConverter, RefusesWhatItCannotConvert) {
         << "a size no buffer can have";
     EXPECT_EQ(nullptr, converter.Convert(nullptr, kCVPixelFormatType_32BGRA, 0, 0));
     CVPixelBufferRelease(source);
+}
+
+// Every format the converter reads and writes through one library or the other.
+const OSType kFormats[] = {
+    kCVPixelFormatType_422YpCbCr8,
+    kCVPixelFormatType_422YpCbCr8_yuvs,
+    kCVPixelFormatType_32BGRA,
+    kCVPixelFormatType_32ARGB,
+    kCVPixelFormatType_32RGBA,
+    kCVPixelFormatType_24RGB,
+    kCVPixelFormatType_24BGR,
+    kCVPixelFormatType_420YpCbCr8BiPlanarVideoRange,
+    kCVPixelFormatType_420YpCbCr8BiPlanarFullRange,
+    kCVPixelFormatType_420YpCbCr8Planar,
+};
+const OSType kYCbCrFormats[] = {
+    kCVPixelFormatType_422YpCbCr8,
+    kCVPixelFormatType_422YpCbCr8_yuvs,
+    kCVPixelFormatType_420YpCbCr8BiPlanarVideoRange,
+    kCVPixelFormatType_420YpCbCr8BiPlanarFullRange,
+    kCVPixelFormatType_420YpCbCr8Planar,
+};
+
+// 75% colour bars, in the top half left to right and in the bottom half right to left, so
+// there are edges across and down; every edge falls on an even pixel, a chroma site's edge.
+void BarColour(size_t width, size_t height, size_t x, size_t y, uint8_t rgb[3]) {
+    static const uint8_t kBars[8][3] = {{191, 191, 191}, {191, 191, 0}, {0, 191, 191}, {0, 191, 0},
+                                        {191, 0, 191},   {191, 0, 0},   {0, 0, 191},   {0, 0, 0}};
+    size_t bar = std::min<size_t>(7, (x & ~size_t(1)) * 8 / width);
+    if (y >= height / 2)
+        bar = 7 - bar;
+    std::copy(kBars[bar], kBars[bar] + 3, rgb);
+}
+
+// The Y'CbCr codes of a colour, computed from the standards' equations.
+void Encode(const uint8_t rgb[3], YCbCrColour colour, uint8_t ycbcr[3]) {
+    const double kr = colour.matrix == YCbCrMatrix::BT709    ? 0.2126
+                      : colour.matrix == YCbCrMatrix::BT2020 ? 0.2627
+                                                             : 0.299;
+    const double kb = colour.matrix == YCbCrMatrix::BT709    ? 0.0722
+                      : colour.matrix == YCbCrMatrix::BT2020 ? 0.0593
+                                                             : 0.114;
+    const double r = rgb[0] / 255.0, g = rgb[1] / 255.0, b = rgb[2] / 255.0;
+    const double y = kr * r + (1 - kr - kb) * g + kb * b;
+    const double cb = (b - y) / (2 * (1 - kb)), cr = (r - y) / (2 * (1 - kr));
+    const double luma = colour.fullRange ? 255 * y : 16 + 219 * y;
+    const double chroma = colour.fullRange ? 255 : 224;
+    ycbcr[0] = static_cast<uint8_t>(std::lround(luma));
+    ycbcr[1] = static_cast<uint8_t>(std::clamp(std::lround(128 + chroma * cb), 0L, 255L));
+    ycbcr[2] = static_cast<uint8_t>(std::clamp(std::lround(128 + chroma * cr), 0L, 255L));
+}
+
+// Where the components of pixel (x, y) sit in a buffer, and the order of R, G, B (or Y, Cb,
+// Cr) among them.
+std::vector<unsigned char*> Components(CVPixelBufferRef buffer, size_t x, size_t y) {
+    const PixelFormatLayout& l = buffer->layout;
+    auto at = [&](int plane, size_t column, size_t row) {
+        return buffer->base + l.planeOffset[plane] + row * l.bytesPerRow[plane] + column;
+    };
+    switch (buffer->pixelFormat) {
+    case kCVPixelFormatType_422YpCbCr8: // U Y V Y
+        return {at(0, x * 2 + 1, y), at(0, (x & ~size_t(1)) * 2, y),
+                at(0, (x & ~size_t(1)) * 2 + 2, y)};
+    case kCVPixelFormatType_422YpCbCr8_yuvs: // Y U Y V
+        return {at(0, x * 2, y), at(0, (x & ~size_t(1)) * 2 + 1, y),
+                at(0, (x & ~size_t(1)) * 2 + 3, y)};
+    case kCVPixelFormatType_420YpCbCr8BiPlanarVideoRange:
+    case kCVPixelFormatType_420YpCbCr8BiPlanarFullRange:
+        return {at(0, x, y), at(1, x / 2 * 2, y / 2), at(1, x / 2 * 2 + 1, y / 2)};
+    case kCVPixelFormatType_420YpCbCr8Planar:
+        return {at(0, x, y), at(1, x / 2, y / 2), at(2, x / 2, y / 2)};
+    case kCVPixelFormatType_32BGRA:
+        return {at(0, x * 4 + 2, y), at(0, x * 4 + 1, y), at(0, x * 4, y)};
+    case kCVPixelFormatType_32ARGB:
+        return {at(0, x * 4 + 1, y), at(0, x * 4 + 2, y), at(0, x * 4 + 3, y)};
+    case kCVPixelFormatType_32RGBA:
+        return {at(0, x * 4, y), at(0, x * 4 + 1, y), at(0, x * 4 + 2, y)};
+    case kCVPixelFormatType_24RGB:
+        return {at(0, x * 3, y), at(0, x * 3 + 1, y), at(0, x * 3 + 2, y)};
+    case kCVPixelFormatType_24BGR:
+        return {at(0, x * 3 + 2, y), at(0, x * 3 + 1, y), at(0, x * 3, y)};
+    }
+    return {};
+}
+
+// A buffer of colour bars in any format, Y'CbCr ones encoded in `colour`.
+CVPixelBufferRef Bars(OSType format, size_t width, size_t height, YCbCrColour colour) {
+    CVPixelBufferRef buffer = nullptr;
+    EXPECT_EQ(kCVReturnSuccess,
+              CVPixelBufferCreate(nullptr, width, height, format, nullptr, &buffer));
+    const bool ycbcr = FindPixelFormat(format)->isYCbCr;
+    if (ycbcr)
+        buffer->colour = colour;
+    for (size_t y = 0; y < height; ++y)
+        for (size_t x = 0; x < width; ++x) {
+            uint8_t values[3];
+            BarColour(width, height, x, y, values);
+            if (ycbcr) {
+                const uint8_t rgb[3] = {values[0], values[1], values[2]};
+                Encode(rgb, colour, values);
+            }
+            std::vector<unsigned char*> components = Components(buffer, x, y);
+            for (int i = 0; i < 3; ++i)
+                *components[i] = values[i];
+            if (format == kCVPixelFormatType_32BGRA || format == kCVPixelFormatType_32RGBA)
+                components[0][format == kCVPixelFormatType_32BGRA ? 1 : 3] = 255;
+            if (format == kCVPixelFormatType_32ARGB)
+                components[0][-1] = 255;
+        }
+    return buffer;
+}
+
+// The largest difference, over every pixel, between a buffer and the bars it should show: as
+// R, G, B for RGB formats, as Y'CbCr codes in the buffer's own colour otherwise.
+int WorstBarsError(CVPixelBufferRef buffer) {
+    const bool ycbcr = FindPixelFormat(buffer->pixelFormat)->isYCbCr;
+    int worst = 0;
+    for (size_t y = 0; y < buffer->height; ++y)
+        for (size_t x = 0; x < buffer->width; ++x) {
+            uint8_t expected[3];
+            BarColour(buffer->width, buffer->height, x, y, expected);
+            if (ycbcr) {
+                const uint8_t rgb[3] = {expected[0], expected[1], expected[2]};
+                Encode(rgb, buffer->colour, expected);
+            }
+            std::vector<unsigned char*> components = Components(buffer, x, y);
+            for (int i = 0; i < 3; ++i)
+                worst = std::max(worst, std::abs(*components[i] - expected[i]));
+        }
+    return worst;
+}
+
+struct Case {
+    size_t width, height;
+    YCbCrColour colour;
+};
+
+// SD pictures in BT.601 and HD ones in BT.709, as V4L2 drivers report them, in both ranges;
+// and BT.2020.
+const Case kCases[] = {
+    {720, 480, {YCbCrMatrix::BT601, false}},   {720, 480, {YCbCrMatrix::BT601, true}},
+    {1280, 720, {YCbCrMatrix::BT709, false}},  {1280, 720, {YCbCrMatrix::BT709, true}},
+    {1280, 720, {YCbCrMatrix::BT2020, false}},
+};
+
+// Y'CbCr bars in every matrix and range come out as the right colours in every RGB format,
+// within two levels, at every pixel (so chroma is not smeared across the edges), through
+// libyuv and through libswscale alike.
+TEST(VideoConverter, YCbCrBarsBecomeTheRightColoursInEveryMatrixAndRange) {
+    const OSType rgbFormats[] = {kCVPixelFormatType_32BGRA, kCVPixelFormatType_32ARGB,
+                                 kCVPixelFormatType_32RGBA, kCVPixelFormatType_24RGB,
+                                 kCVPixelFormatType_24BGR};
+    for (const Case& c : kCases)
+        for (OSType from : kYCbCrFormats) {
+            if (FindPixelFormat(from)->fullRange && !c.colour.fullRange)
+                continue;
+            CVPixelBufferRef source = Bars(from, c.width, c.height, c.colour);
+            for (OSType to : rgbFormats)
+                for (auto engine :
+                     {VideoConverter::Engine::Fastest, VideoConverter::Engine::Swscale}) {
+                    SCOPED_TRACE(testing::Message()
+                                 << c.width << "x" << c.height << " matrix " << int(c.colour.matrix)
+                                 << " full " << c.colour.fullRange << " "
+                                 << FindPixelFormat(from)->name << " to "
+                                 << FindPixelFormat(to)->name
+                                 << (engine == VideoConverter::Engine::Swscale ? " swscale" : ""));
+                    VideoConverter converter(engine);
+                    CVPixelBufferRef out = converter.Convert(source, to, 0, 0);
+                    ASSERT_NE(nullptr, out);
+                    EXPECT_EQ(engine == VideoConverter::Engine::Swscale ? ConversionPath::Swscale
+                                                                        : ConversionPath::Libyuv,
+                              converter.LastPath());
+                    EXPECT_LE(WorstBarsError(out), 2);
+                    CVPixelBufferRelease(out);
+                }
+            CVPixelBufferRelease(source);
+        }
+}
+
+// libswscale's unscaled copies between Y'CbCr formats leave the codes as they are when the
+// range changes, so it is not compared there.
+bool SwscaleChangesRange(OSType from, OSType to) {
+    return FindPixelFormat(from)->isYCbCr && FindPixelFormat(to)->isYCbCr &&
+           FindPixelFormat(from)->fullRange != FindPixelFormat(to)->fullRange;
+}
+
+// RGB bars become the right Y'CbCr codes (BT.601, in the target's range) in every Y'CbCr
+// format; between Y'CbCr formats of one range the codes, matrix included, stay as they were,
+// and across ranges they are re-encoded.
+TEST(VideoConverter, BarsBecomeTheRightYCbCrCodes) {
+    for (OSType from : kFormats)
+        for (OSType to : kYCbCrFormats) {
+            if (from == to)
+                continue;
+            for (auto engine : {VideoConverter::Engine::Fastest, VideoConverter::Engine::Swscale}) {
+                if (engine == VideoConverter::Engine::Swscale && SwscaleChangesRange(from, to))
+                    continue;
+                const YCbCrColour hd{YCbCrMatrix::BT709, FindPixelFormat(from)->fullRange};
+                CVPixelBufferRef source = Bars(from, 1280, 720, hd);
+                SCOPED_TRACE(testing::Message()
+                             << FindPixelFormat(from)->name << " to " << FindPixelFormat(to)->name
+                             << (engine == VideoConverter::Engine::Swscale ? " swscale" : ""));
+                VideoConverter converter(engine);
+                CVPixelBufferRef out = converter.Convert(source, to, 0, 0);
+                ASSERT_NE(nullptr, out);
+                EXPECT_EQ(FindPixelFormat(to)->fullRange, out->colour.fullRange);
+                const bool keepsCodes = FindPixelFormat(from)->isYCbCr &&
+                                        hd.fullRange == FindPixelFormat(to)->fullRange;
+                EXPECT_EQ(keepsCodes ? YCbCrMatrix::BT709 : YCbCrMatrix::BT601, out->colour.matrix);
+                EXPECT_LE(WorstBarsError(out), 2);
+                CVPixelBufferRelease(out);
+                CVPixelBufferRelease(source);
+            }
+        }
+}
+
+// libyuv and libswscale give the same pictures, within two levels, for every pair both handle.
+TEST(VideoConverter, LibyuvAndLibswscaleAgree) {
+    for (OSType from : kFormats)
+        for (OSType to : kFormats) {
+            if (from == to || SwscaleChangesRange(from, to))
+                continue;
+            SCOPED_TRACE(testing::Message()
+                         << FindPixelFormat(from)->name << " to " << FindPixelFormat(to)->name);
+            CVPixelBufferRef source = Bars(from, 320, 240, DefaultColour(from));
+            VideoConverter fast, reference(VideoConverter::Engine::Swscale);
+            CVPixelBufferRef a = fast.Convert(source, to, 0, 0);
+            CVPixelBufferRef b = reference.Convert(source, to, 0, 0);
+            ASSERT_NE(nullptr, a);
+            ASSERT_NE(nullptr, b);
+            EXPECT_EQ(ConversionPath::Libyuv, fast.LastPath());
+            int worst = 0;
+            for (size_t i = 0; i < a->layout.totalSize; ++i)
+                worst = std::max(worst, std::abs(a->base[i] - b->base[i]));
+            EXPECT_LE(worst, 2);
+            for (CVPixelBufferRef buffer : {source, a, b})
+                CVPixelBufferRelease(buffer);
+        }
+}
+
+// The table sends grey and the scaling of formats libyuv cannot scale to libswscale.
+TEST(VideoConverter, ThePixelFormatTableChoosesThePath) {
+    const OSType grey = kCVPixelFormatType_OneComponent8;
+    const OSType uyvy = kCVPixelFormatType_422YpCbCr8, bgra = kCVPixelFormatType_32BGRA;
+    EXPECT_EQ(ConversionPath::Identity, ChooseConversionPath(uyvy, 64, 48, uyvy, 64, 48));
+    EXPECT_EQ(ConversionPath::Libyuv, ChooseConversionPath(uyvy, 64, 48, bgra, 64, 48));
+    EXPECT_EQ(ConversionPath::Libyuv, ChooseConversionPath(uyvy, 64, 48, bgra, 32, 24));
+    EXPECT_EQ(ConversionPath::Swscale, ChooseConversionPath(bgra, 64, 48, uyvy, 32, 24));
+    EXPECT_EQ(ConversionPath::Swscale, ChooseConversionPath(grey, 64, 48, bgra, 64, 48));
+    EXPECT_EQ(ConversionPath::Swscale, ChooseConversionPath(bgra, 64, 48, grey, 64, 48));
+    EXPECT_EQ(ConversionPath::Impossible, ChooseConversionPath(0x3F3F3F3F, 64, 48, bgra, 64, 48));
+
+    VideoConverter converter;
+    CVPixelBufferRef source = Pattern(uyvy, 64, 48, 0);
+    CVPixelBufferRef out = converter.Convert(source, grey, 0, 0);
+    ASSERT_NE(nullptr, out);
+    EXPECT_EQ(ConversionPath::Swscale, converter.LastPath());
+    CVPixelBufferRelease(out);
+    CVPixelBufferRelease(source);
+}
+
+// Scaling in every format keeps a bar's colour away from its edges, whichever library scales.
+TEST(VideoConverter, ScalesEveryFormat) {
+    for (OSType format : kFormats) {
+        SCOPED_TRACE(FindPixelFormat(format)->name);
+        CVPixelBufferRef source = Bars(format, 1280, 720, YCbCrColour());
+        VideoConverter converter;
+        CVPixelBufferRef small = converter.Convert(source, kCVPixelFormatType_32BGRA, 320, 180);
+        ASSERT_NE(nullptr, small);
+        uint8_t expected[3];
+        BarColour(1280, 720, 80, 100, expected);
+        std::vector<unsigned char*> p = Components(small, 20, 25);
+        for (int i = 0; i < 3; ++i)
+            EXPECT_NEAR(expected[i], *p[i], 3);
+        CVPixelBufferRelease(small);
+        CVPixelBufferRelease(source);
+    }
 }
 
 } // namespace

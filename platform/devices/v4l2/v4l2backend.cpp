@@ -10,6 +10,7 @@
 #include <mutex>
 
 #include "platform/devices/v4l2/mjpegdecoder.h"
+#include "platform/devices/v4l2/v4l2colour.h"
 #include "platform/devices/v4l2/v4l2negotiation.h"
 #include "platform/pixelformats.h"
 
@@ -58,7 +59,10 @@ void RequeueFrame(void* frame, const void*) {
 class V4L2Stream : public platform::DeviceStream {
 public:
     V4L2Stream(std::unique_ptr<V4L2Camera> camera, OSType pixelFormat)
-        : camera(std::move(camera)), pixelFormat(pixelFormat) {}
+        : camera(std::move(camera)), pixelFormat(pixelFormat) {
+        const V4L2Camera::StreamFormat& format = this->camera->format();
+        colour = V4L2Colour(format.colorspace, format.ycbcrEncoding, format.quantization);
+    }
 
     ~V4L2Stream() override {
         camera->stop();
@@ -106,6 +110,7 @@ private:
             RequeueFrame(held, nullptr);
             return nullptr;
         }
+        buffer->colour = colour;
         return buffer;
     }
 
@@ -145,6 +150,7 @@ private:
 
     std::unique_ptr<V4L2Camera> camera;
     OSType pixelFormat; // of the driver's frames, for wrapped buffers
+    YCbCrColour colour; // of the driver's frames, as it reports them
     MjpegDecoder decoder;
     SwsContext* scaler = nullptr;
     CVPixelBufferPool* pool = nullptr; // of decoded pictures

@@ -271,6 +271,9 @@ V4L2Camera::Status V4L2Camera::open(const std::string& path) {
         current.height = format.fmt.pix.height;
         current.bytesPerLine = format.fmt.pix.bytesperline;
         current.imageSize = format.fmt.pix.sizeimage;
+        current.colorspace = format.fmt.pix.colorspace;
+        current.ycbcrEncoding = format.fmt.pix.ycbcr_enc;
+        current.quantization = format.fmt.pix.quantization;
     }
     return Status::Ok;
 }
@@ -292,6 +295,9 @@ V4L2Camera::Status V4L2Camera::setFormat(uint32_t fourcc, uint32_t width, uint32
     current.height = format.fmt.pix.height;
     current.bytesPerLine = format.fmt.pix.bytesperline;
     current.imageSize = format.fmt.pix.sizeimage;
+    current.colorspace = format.fmt.pix.colorspace;
+    current.ycbcrEncoding = format.fmt.pix.ycbcr_enc;
+    current.quantization = format.fmt.pix.quantization;
     current.interval = {};
 
     v4l2_streamparm parameters{};

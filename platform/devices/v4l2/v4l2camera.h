@@ -139,7 +139,10 @@ public:
         uint32_t height = 0;
         uint32_t bytesPerLine = 0;
         uint32_t imageSize = 0;
-        V4L2Fraction interval; // empty when the driver does not say
+        V4L2Fraction interval;      // empty when the driver does not say
+        uint32_t colorspace = 0;    // V4L2_COLORSPACE_*
+        uint32_t ycbcrEncoding = 0; // V4L2_YCBCR_ENC_*, 0 for the colorspace's default
+        uint32_t quantization = 0;  // V4L2_QUANTIZATION_*, 0 for the colorspace's default
     };
 
     V4L2Camera() = default;

@@ -31,6 +31,7 @@ public:
     size_t width = 0, height = 0;
     PixelFormatLayout layout;
     unsigned char* base = nullptr; // first byte of the first plane; planes follow in one block
+    YCbCrColour colour;            // matrix and range of Y'CbCr pixels, as the producer says
     std::atomic<int> lockCount{0};
 
 protected:

@@ -1,6 +1,6 @@
 // One table for the pixel formats: Core Video four-character codes, their V4L2 and FFmpeg
-// equivalents, and how a frame of each is laid out in memory. Every backend and the
-// conversion code use it.
+// equivalents, what libyuv can do with each (which decides the path of every conversion), and
+// how a frame of each is laid out in memory. Every backend and the conversion code use it.
 #pragma once
 
 #include <cstddef>
@@ -13,7 +13,9 @@ enum : OSType {
     kCVPixelFormatType_422YpCbCr8_yuvs = 0x79757673,              // 'yuvs': Y U Y V
     kCVPixelFormatType_32BGRA = 0x42475241,                       // 'BGRA'
     kCVPixelFormatType_32ARGB = 0x00000020,                       // 32: A R G B
+    kCVPixelFormatType_32RGBA = 0x52474241,                       // 'RGBA'
     kCVPixelFormatType_420YpCbCr8BiPlanarVideoRange = 0x34323076, // '420v': Y plane, CbCr plane
+    kCVPixelFormatType_420YpCbCr8BiPlanarFullRange = 0x34323066,  // '420f': as '420v', 0-255
     kCVPixelFormatType_420YpCbCr8Planar = 0x79343230,             // 'y420': Y, Cb, Cr planes
     kCVPixelFormatType_24RGB = 0x00000018,                        // 24: R G B
     kCVPixelFormatType_24BGR = 0x32344247,                        // '24BG'
@@ -33,19 +35,47 @@ struct PixelFormatLayout {
     size_t totalSize = 0;
 };
 
+// How a picture's Y'CbCr codes stand for colours: the matrix and the range of the codes. RGB
+// formats ignore it.
+enum class YCbCrMatrix : uint8_t { BT601, BT709, BT2020 };
+struct YCbCrColour {
+    YCbCrMatrix matrix = YCbCrMatrix::BT601;
+    bool fullRange = false; // codes 0-255 (JPEG) rather than 16-235 and 16-240 (video)
+    bool operator==(const YCbCrColour& other) const {
+        return matrix == other.matrix && fullRange == other.fullRange;
+    }
+    bool operator!=(const YCbCrColour& other) const { return !(*this == other); }
+};
+
+// What libyuv does with a format. A same-size conversion takes libyuv when the source reads
+// and the target writes through it; scaling takes libyuv when, besides, the target scales.
+// libswscale does the rest.
+enum LibyuvAbility : uint8_t {
+    kLibyuvReads = 1,  // to BGRA, honouring the matrix and range
+    kLibyuvWrites = 2, // from BGRA
+    kLibyuvScales = 4,
+};
+
 struct PixelFormatInfo {
     OSType pixelFormat;  // Core Video code
     uint32_t v4l2Format; // V4L2_PIX_FMT_* value, 0 when V4L2 has none
     int ffmpegFormat;    // AVPixelFormat value
     const char* name;
+    bool isYCbCr;   // codes are Y'CbCr, so matrix and range apply
+    bool fullRange; // a Y'CbCr format whose range is fixed at 0-255 ('420f')
+    uint8_t libyuv; // LibyuvAbility bits
 };
 
 // The entry for a Core Video code ('ARGB' text is taken as 32-bit ARGB); null when unknown.
 const PixelFormatInfo* FindPixelFormat(OSType pixelFormat);
 // The entry for a V4L2 pixel format; null when unknown.
 const PixelFormatInfo* FindPixelFormatByV4L2(uint32_t v4l2Format);
+// The entry for an FFmpeg pixel format (AVPixelFormat); null when unknown.
+const PixelFormatInfo* FindPixelFormatByFFmpeg(int ffmpegFormat);
 // The Core Video code a host's request stands for ('ARGB' text becomes 32).
 OSType CanonicalPixelFormat(OSType pixelFormat);
+// The colour a fresh buffer of the format has: BT.601, in the format's range.
+YCbCrColour DefaultColour(OSType pixelFormat);
 
 // Lays out a width x height frame with rows aligned to `alignment` bytes (a power of two);
 // false for an unknown format or an empty or absurd size (over 16384 on a side).

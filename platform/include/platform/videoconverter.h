@@ -1,14 +1,27 @@
-// Converts and scales pixel buffers with libswscale into buffers from its own pool. Used by one
-// capture thread at a time.
+// Converts and scales pixel buffers into buffers from its own pool: libyuv for the pairs the
+// pixel-format table says it handles (near memory speed), libswscale for the rest. Both honour
+// the source's matrix and range. Used by one capture thread at a time.
 #pragma once
 
 #include <memory>
 
 #include "platform/corevideo.h"
 
+// Which library converts a pair of formats and sizes.
+enum class ConversionPath { Impossible, Identity, Libyuv, Swscale };
+
+// The path a frame of `from` at fromWidth x fromHeight takes to `to` at toWidth x toHeight,
+// from the libyuv abilities in the pixel-format table.
+ConversionPath ChooseConversionPath(OSType from, size_t fromWidth, size_t fromHeight, OSType to,
+                                    size_t toWidth, size_t toHeight);
+
 class VideoConverter {
 public:
-    VideoConverter();
+    // Swscale sends every conversion through libswscale: for comparisons in tests and the
+    // benchmark.
+    enum class Engine { Fastest, Swscale };
+
+    explicit VideoConverter(Engine engine = Engine::Fastest);
     ~VideoConverter();
     VideoConverter(const VideoConverter&) = delete;
     VideoConverter& operator=(const VideoConverter&) = delete;
@@ -17,11 +30,15 @@ public:
     // at width x height (0: the source's): the source itself, retained, when it already is
     // that (no pixel is copied); otherwise a converted buffer from the pool. Null when the
     // conversion is impossible (an unknown format or size). The caller releases the result.
+    // A Y'CbCr result keeps the source's matrix when only the packing changes; otherwise it is
+    // BT.601, in the range of its format ('420f' full, the others video).
     CVPixelBufferRef Convert(CVPixelBufferRef source, OSType pixelFormat, size_t width,
                              size_t height);
 
     // Buffers the pool has made, for tests of reuse.
     size_t PooledBufferCount() const;
+    // The path the last conversion took.
+    ConversionPath LastPath() const;
 
 private:
     struct Implementation;
@@ -32,3 +49,10 @@ private:
 // pixelFormat at width x height (0 meaning "as it is").
 bool VideoConversionIsIdentity(OSType sourceFormat, size_t sourceWidth, size_t sourceHeight,
                                OSType pixelFormat, size_t width, size_t height);
+
+// Writes a planar Y'CbCr picture of target's size into target through libyuv: chroma planes
+// subsampled by 2^chromaShiftX across and 2^chromaShiftY down (4:2:2 is 1, 0; 4:2:0 1, 1;
+// 4:4:4 0, 0), or luma alone when planes[1] is null. False when libyuv cannot read that
+// subsampling or write target's format.
+bool ConvertPlanarYCbCr(const uint8_t* const planes[3], const int strides[3], int chromaShiftX,
+                        int chromaShiftY, YCbCrColour colour, CVPixelBufferRef target);
