@@ -113,10 +113,8 @@ TEST_F(NamedSignal, CheckingAWaiterIsAliveDoesNotWakeIt) {
             answer = '?';
         return answer;
     };
-    // The waiter listens once its socket file is there.
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (!Exists("in-use") && std::chrono::steady_clock::now() < deadline)
-        usleep(1000);
+    // The socket file appears before the waiter listens; it listens once it sleeps in its wait.
+    ASSERT_TRUE(WaitUntilAsleep(waiter));
     ASSERT_TRUE(Exists("in-use"));
 
     {

@@ -52,10 +52,10 @@ pid_t CurrentThreadId() {
 
 namespace {
 
-// The state letter of /proc/self/task/<id>/stat, which follows the parenthesised command name;
-// 0 when the thread is gone.
+// The state letter of /proc/<id>/stat, which follows the parenthesised command name; 0 when the
+// thread is gone. Any thread's id names it there, as a process's id names its first thread.
 char ThreadState(pid_t thread) {
-    std::ifstream file("/proc/self/task/" + std::to_string(thread) + "/stat");
+    std::ifstream file("/proc/" + std::to_string(thread) + "/stat");
     std::string line;
     std::getline(file, line);
     const size_t end = line.rfind(')');
@@ -70,7 +70,7 @@ bool WaitUntilAsleep(pid_t thread, const std::function<bool()>& done) {
         if (done())
             return true;
         const char state = ThreadState(thread);
-        if (state == 'S' || state == 0)
+        if (state == 'S' || state == 'Z' || state == 0)
             return true;
         if (std::chrono::steady_clock::now() > end)
             return false;

@@ -28,8 +28,9 @@ CommandOutput RunCommand(const std::string& command);
 
 // The kernel's identifier of the calling thread.
 pid_t CurrentThreadId();
-// Waits until thread `thread` of this process sleeps in the kernel, as a blocking wait does, or
-// until done() holds (the wait it was to block in has already returned). False after 10 s.
+// Waits until thread `thread` (of this process, or a child process's only thread) sleeps in the
+// kernel, as a blocking wait does, or ends, or until done() holds (the wait it was to block in
+// has already returned). False after 10 s.
 bool WaitUntilAsleep(
     pid_t thread, const std::function<bool()>& done = [] { return false; });
 
