@@ -11,6 +11,7 @@ from __future__ import annotations
 
 import collections
 import ctypes
+import sys
 import threading
 import time
 from typing import TYPE_CHECKING, Any, Callable, Deque, Iterator, Optional, Tuple
@@ -71,14 +72,49 @@ class Sound(np.ndarray):
         self.time = getattr(source, "time", 0.0)
 
 
-def _copy_rows(shape: Tuple[int, ...], address: int, bytes_per_row: int) -> Frame:
-    """A new frame holding rows of the shape copied from a buffer whose rows are bytes_per_row
-    apart; one copy, whole when the rows are not padded."""
-    frame = np.ndarray.__new__(Frame, shape, np.uint8)
-    rows = shape[0]
-    row_bytes = frame.nbytes // rows if rows else 0
+def _references_of_an_unheld_item() -> int:
+    # What sys.getrefcount reports for an item of a list that nothing else refers to, read the
+    # same way the pool reads it (interpreters differ in the references they count).
+    held = [object()]
+    return sys.getrefcount(held[0])
+
+
+_UNHELD = _references_of_an_unheld_item()
+
+
+class _FramePool:
+    """Frame buffers used again once Python holds no reference to them.
+
+    A fresh 8 MB array for every 1080p frame costs the kernel's page faults on each one, which
+    is half as much again as the copy itself. A buffer goes back into use only when its sole
+    reference is the pool's own: every frame, slice or view handed out refers to its buffer, so
+    a frame that Python code can still reach is never written again."""
+
+    def __init__(self, limit: int) -> None:
+        self._limit = limit
+        self._buffers: list = []
+        self._shape: Tuple[int, ...] = ()
+
+    def take(self, shape: Tuple[int, ...]) -> np.ndarray:
+        if shape != self._shape:
+            self._buffers = []
+            self._shape = shape
+        for index in range(len(self._buffers)):
+            if sys.getrefcount(self._buffers[index]) == _UNHELD:
+                return self._buffers[index]
+        buffer = np.empty(shape, np.uint8)
+        if len(self._buffers) < self._limit:
+            self._buffers.append(buffer)
+        return buffer
+
+
+def _copy_rows(target: np.ndarray, address: int, bytes_per_row: int) -> Frame:
+    """A frame over the target buffer, holding its rows copied from a buffer whose rows are
+    bytes_per_row apart; one copy, whole when the rows are not padded."""
+    rows = target.shape[0]
+    row_bytes = target.nbytes // rows if rows else 0
     if bytes_per_row == row_bytes:
-        _memmove(frame.ctypes.data, address, frame.nbytes)
+        _memmove(target.ctypes.data, address, target.nbytes)
     else:
         span = bytes_per_row * (rows - 1) + row_bytes
         source = np.ndarray(
@@ -87,8 +123,8 @@ def _copy_rows(shape: Tuple[int, ...], address: int, bytes_per_row: int) -> Fram
             buffer=(ctypes.c_ubyte * span).from_address(address),
             strides=(bytes_per_row, 1),
         )
-        np.copyto(frame.reshape(rows, row_bytes), source)
-    return frame
+        np.copyto(target.reshape(rows, row_bytes), source)
+    return target.view(Frame)
 
 
 class Session:
@@ -145,6 +181,8 @@ class Session:
         self.sound_frames_received = 0
         self.sound_frames_dropped = 0
         self._frame_shapes: dict = {}
+        # Enough buffers for a full queue, the frame being read and a few kept a little longer.
+        self._pool = _FramePool(queue_size + 4)
 
         self._stopping = False  # callbacks return at once from here on
         self._ended = False  # the library's session is stopped
@@ -193,7 +231,7 @@ class Session:
             if shape is None:
                 shape = _formats.frame_shape(code, width, height) or (height, bytes_per_row)
                 self._frame_shapes[key] = shape
-            frame = _copy_rows(shape, pixels, bytes_per_row)
+            frame = _copy_rows(self._pool.take(shape), pixels, bytes_per_row)
             frame.timecode = Timecode._from_c(time_.contents) if time_ else None
             frame.time = arrival
             frame.index = self.frames_received

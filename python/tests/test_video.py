@@ -39,13 +39,19 @@ def test_thirty_bgra_frames_show_the_colour_bars(camera):
 
 
 def test_a_frame_never_changes_once_handed_out(camera):
-    session = camera.capture(pixel_format="BGRA", size=(320, 240))
+    # Frame buffers are used again for later frames once nothing refers to them: a frame, or
+    # only a slice of one, that is still held must keep its pixels.
+    session = camera.capture(pixel_format="BGRA", size=(320, 240), queue_size=2)
     first = session.read(timeout=5)
     kept = first.copy()
-    later = [session.read(timeout=5) for _ in range(10)]
+    corner = session.read(timeout=5)[16:40, 16:120]  # the frame counter's digits
+    kept_corner = corner.copy()
+    later = [session.read(timeout=5) for _ in range(12)]
     session.stop()
     assert np.array_equal(first, kept)
-    assert all(not np.shares_memory(first, f) for f in later)
+    assert np.array_equal(corner, kept_corner)
+    assert all(not np.shares_memory(first, f) and not np.shares_memory(corner, f) for f in later)
+    assert not np.array_equal(later[-1][16:40, 16:120], kept_corner), "the counter moved on"
 
 
 @pytest.mark.parametrize(
