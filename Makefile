@@ -58,7 +58,7 @@ FUZZ_SECONDS ?= 60
 fuzz:
 	cmake -S fuzz -B build-fuzz -DCMAKE_CXX_COMPILER=clang++
 	cmake --build build-fuzz -j $(JOBS)
-	for target in utf8 paths match csv commandline; do \
+	for target in utf8 paths match csv commandline mjpeg; do \
 		mkdir -p build-fuzz/corpus/$$target && \
 		build-fuzz/fuzz_$$target build-fuzz/corpus/$$target -max_total_time=$(FUZZ_SECONDS) \
 			-max_len=12000 -timeout=10 || exit 1; \

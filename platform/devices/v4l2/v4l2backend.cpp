@@ -1,6 +1,7 @@
 // V4L2 cameras as capture devices: every video capture node that can stream, its formats in
 // the platform's pixel formats, and a stream that hands out the driver's mapped buffers
-// themselves (no pixel copy) or, for Motion-JPEG cameras, decoded pictures.
+// themselves (no pixel copy) or, for Motion-JPEG cameras, pictures decoded straight into the
+// format the outputs asked for.
 #include "platform/devices/v4l2/v4l2backend.h"
 
 #include <linux/videodev2.h>
@@ -14,11 +15,6 @@
 #include "platform/devices/v4l2/v4l2negotiation.h"
 #include "platform/pixelformats.h"
 
-extern "C" {
-#include <libavutil/frame.h>
-#include <libswscale/swscale.h>
-}
-
 namespace {
 
 // Enough buffers that a capture thread busy for a frame time or two drops nothing at 30 fps.
@@ -26,7 +22,8 @@ constexpr unsigned kStreamBuffers = 6;
 // What a camera is asked for when the outputs leave the choice to it.
 constexpr uint32_t kDefaultWidth = 1280, kDefaultHeight = 720;
 constexpr double kWantedRate = 30;
-// Decoded Motion-JPEG pictures are delivered as '2vuy', which every output converts from.
+// Motion-JPEG is listed as '2vuy', which every output converts from; a stream decodes it into
+// the format its outputs ask for when the decoder writes that.
 constexpr OSType kDecodedFormat = kCVPixelFormatType_422YpCbCr8;
 
 bool IsMjpeg(uint32_t fourcc) {
@@ -58,8 +55,9 @@ void RequeueFrame(void* frame, const void*) {
 
 class V4L2Stream : public platform::DeviceStream {
 public:
-    V4L2Stream(std::unique_ptr<V4L2Camera> camera, OSType pixelFormat)
-        : camera(std::move(camera)), pixelFormat(pixelFormat) {
+    V4L2Stream(std::unique_ptr<V4L2Camera> camera, OSType pixelFormat, OSType requested)
+        : camera(std::move(camera)), pixelFormat(pixelFormat),
+          decodedFormat(MjpegDecoder::DeliveredFormat(requested)) {
         const V4L2Camera::StreamFormat& format = this->camera->format();
         colour = V4L2Colour(format.colorspace, format.ycbcrEncoding, format.quantization);
     }
@@ -67,11 +65,6 @@ public:
     ~V4L2Stream() override {
         camera->stop();
         camera->close();
-        if (pool != nullptr) {
-            pool->Invalidate();
-            pool->release();
-        }
-        sws_freeContext(scaler);
     }
 
     Result Read(int timeoutMs, platform::CapturedSample& sample) override {
@@ -115,46 +108,16 @@ private:
     }
 
     CVPixelBufferRef Decode(V4L2Frame& frame) {
-        const AVFrame* picture = decoder.decode(frame.data, frame.bytesUsed);
+        CVPixelBufferRef picture = decoder.Decode(frame.data, frame.bytesUsed, decodedFormat);
         frame.requeue();
-        if (picture == nullptr)
-            return nullptr;
-        const size_t width = static_cast<size_t>(picture->width);
-        const size_t height = static_cast<size_t>(picture->height);
-        if (pool == nullptr || width != poolWidth || height != poolHeight) {
-            if (pool != nullptr) {
-                pool->Invalidate();
-                pool->release();
-            }
-            pool = new CVPixelBufferPool(kDecodedFormat, width, height);
-            poolWidth = width;
-            poolHeight = height;
-        }
-        scaler = sws_getCachedContext(scaler, picture->width, picture->height,
-                                      static_cast<AVPixelFormat>(picture->format), picture->width,
-                                      picture->height, AV_PIX_FMT_UYVY422, SWS_POINT, nullptr,
-                                      nullptr, nullptr);
-        CVPixelBufferRef buffer = pool->CreatePixelBuffer();
-        if (scaler == nullptr || buffer == nullptr) {
-            CVPixelBufferRelease(buffer);
-            return nullptr;
-        }
-        CVPixelBufferLockBaseAddress(buffer, 0);
-        uint8_t* planes[4] = {static_cast<uint8_t*>(CVPixelBufferGetBaseAddress(buffer)), nullptr,
-                              nullptr, nullptr};
-        int strides[4] = {static_cast<int>(CVPixelBufferGetBytesPerRow(buffer)), 0, 0, 0};
-        sws_scale(scaler, picture->data, picture->linesize, 0, picture->height, planes, strides);
-        CVPixelBufferUnlockBaseAddress(buffer, 0);
-        return buffer;
+        return picture;
     }
 
     std::unique_ptr<V4L2Camera> camera;
-    OSType pixelFormat; // of the driver's frames, for wrapped buffers
-    YCbCrColour colour; // of the driver's frames, as it reports them
+    OSType pixelFormat;   // of the driver's frames, for wrapped buffers
+    YCbCrColour colour;   // of the driver's frames, as it reports them
+    OSType decodedFormat; // of Motion-JPEG pictures
     MjpegDecoder decoder;
-    SwsContext* scaler = nullptr;
-    CVPixelBufferPool* pool = nullptr; // of decoded pictures
-    size_t poolWidth = 0, poolHeight = 0;
 };
 
 class V4L2Device : public platform::BackendDevice {
@@ -226,7 +189,7 @@ public:
         const OSType delivered = PlatformFormatOf(camera->format().fourcc);
         if (delivered == 0 || camera->start(kStreamBuffers) != V4L2Camera::Status::Ok)
             return nullptr;
-        return std::make_unique<V4L2Stream>(std::move(camera), delivered);
+        return std::make_unique<V4L2Stream>(std::move(camera), delivered, request.pixelFormat);
     }
 
 private:
