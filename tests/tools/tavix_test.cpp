@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <fstream>
 #include <string>
+#include <thread>
 
 #include "support/process.h"
 #include "support/tempfolder.h"
@@ -106,6 +107,42 @@ TEST_F(TavixCommand, CtrlCStopsCleanlyAndKeepsTheRecording) {
     ASSERT_TRUE(probed.readable);
     EXPECT_GT(probed.duration, 0.5);
     EXPECT_LT(probed.duration, seconds + 3) << "the recording ended at Ctrl-C";
+}
+
+// A known stall of the whole process (a second, stopped by SIGSTOP): the test camera delivers
+// the late frames when it resumes, so none is lost and none may be counted as dropped; the
+// summary's frame count covers the whole time.
+TEST_F(TavixCommand, AStallIsNotCountedAsDroppedFramesWhenTheFramesCameLate) {
+    int output[2];
+    ASSERT_EQ(0, pipe(output));
+    const pid_t child = StartChild([&] {
+        dup2(output[1], STDOUT_FILENO);
+        execl(kTavix.c_str(), "tavix", "capture", "Tavix Test Camera", "--seconds", "4",
+              static_cast<char*>(nullptr));
+        _exit(127);
+    });
+    close(output[1]);
+    FILE* lines = fdopen(output[0], "r");
+    char line[512];
+    double seconds = 0;
+    unsigned long frames = 0, dropped = 0;
+    while (seconds < 1 && fgets(line, sizeof line, lines) != nullptr)
+        sscanf(line, "%lf s frames %lu", &seconds, &frames);
+    kill(child, SIGSTOP);
+    std::this_thread::sleep_for(std::chrono::seconds(1));
+    kill(child, SIGCONT);
+    std::string rest;
+    while (fgets(line, sizeof line, lines) != nullptr)
+        rest += line;
+    fclose(lines);
+    ASSERT_EQ(0, WaitForChild(child));
+    const size_t at = rest.find("video ");
+    ASSERT_NE(std::string::npos, at) << rest;
+    ASSERT_EQ(2, sscanf(rest.c_str() + at, "video %lu frames (%*f per second), %lu dropped",
+                        &frames, &dropped))
+        << rest;
+    EXPECT_LE(dropped, 1u) << rest;
+    EXPECT_GE(frames, 4u * 30 - 6) << rest;
 }
 
 TEST_F(TavixCommand, DrivesATapeDeck) {
