@@ -3,11 +3,12 @@
 import os
 import shutil
 import subprocess
-import sys
 import venv
 from pathlib import Path
 
 import pytest
+
+import tavix
 
 SOURCE = Path(__file__).resolve().parent.parent
 
@@ -27,15 +28,18 @@ def test_installs_offline_into_a_virtual_environment(tmp_path):
         check=True,
         env={**os.environ, "PIP_DISABLE_PIP_VERSION_CHECK": "1"},
     )
-    # Imported from elsewhere, so the installed copy is the one found.
+    # Imported from elsewhere, so the installed copy is the one found, loading the same library.
+    environ = {k: v for k, v in os.environ.items() if k != "PYTHONPATH"}
+    if os.sep in tavix.library_path:
+        environ["TAVIX_LIBRARY"] = os.path.abspath(tavix.library_path)
     result = subprocess.run(
         [python, "-c", "import tavix; print(tavix.__file__); print(tavix.devices('video')[-1])"],
-        check=True,
         capture_output=True,
         text=True,
         cwd=tmp_path,
-        env={k: v for k, v in os.environ.items() if k != "PYTHONPATH"},
+        env=environ,
     )
+    assert result.returncode == 0, result.stderr
     location, device = result.stdout.splitlines()
     assert location.startswith(str(environment))
     assert device == "Tavix Test Deck"
