@@ -227,15 +227,15 @@ class Session:
         self._in_callback.active = True
         try:
             key = (code, width, height)
-            shape = self._frame_shapes.get(key)
-            if shape is None:
+            known = self._frame_shapes.get(key)
+            if known is None:
                 shape = _formats.frame_shape(code, width, height) or (height, bytes_per_row)
-                self._frame_shapes[key] = shape
-            frame = _copy_rows(self._pool.take(shape), pixels, bytes_per_row)
+                known = self._frame_shapes[key] = (shape, _formats.fourcc_text(code))
+            frame = _copy_rows(self._pool.take(known[0]), pixels, bytes_per_row)
             frame.timecode = Timecode._from_c(time_.contents) if time_ else None
             frame.time = arrival
             frame.index = self.frames_received
-            frame.pixel_format = _formats.fourcc_text(code)
+            frame.pixel_format = known[1]
             self.frames_received += 1
             if self._on_frame is not None:
                 self._call_user(self._on_frame, frame, "_on_frame")
