@@ -638,6 +638,27 @@ ConversionPath VideoConverter::LastPath() const {
     return implementation->lastPath;
 }
 
+bool ConvertPlanesWithLibyuv(OSType from, const uint8_t* const planes[], const int strides[],
+                             YCbCrColour colour, OSType to, uint8_t* const targetPlanes[],
+                             const int targetStrides[], size_t width, size_t height) {
+    from = CanonicalPixelFormat(from);
+    to = CanonicalPixelFormat(to);
+    if (from == to ||
+        ChooseConversionPath(from, width, height, to, width, height) != ConversionPath::Libyuv)
+        return false;
+    Planes source, target;
+    for (int plane = 0; plane < 3; ++plane) {
+        source.data[plane] = const_cast<uint8_t*>(planes[plane]);
+        source.stride[plane] = strides[plane];
+        target.data[plane] = targetPlanes[plane];
+        target.stride[plane] = targetStrides[plane];
+    }
+    thread_local Scratch scratch, rows;
+    YCbCrColour written;
+    return LibyuvConvert(from, source, colour, to, target, static_cast<int>(width),
+                         static_cast<int>(height), written, scratch, rows);
+}
+
 bool ConvertPlanarYCbCr(const uint8_t* const planes[3], const int strides[3], int chromaShiftX,
                         int chromaShiftY, YCbCrColour colour, CVPixelBufferRef target) {
     const PixelFormatInfo* info =

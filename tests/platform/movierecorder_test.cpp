@@ -3,6 +3,7 @@
 #include <chrono>
 #include <cmath>
 #include <csignal>
+#include <cstring>
 #include <cstdlib>
 #include <gtest/gtest.h>
 #include <string>
@@ -13,10 +14,14 @@
 #include <unistd.h>
 #include <vector>
 
-#include "support/tempfolder.h"
+#include "platform/devices/virtual/testpattern.h"
+#include "platform/videoconverter.h"
 #include "support/ffprobe.h"
+#include "support/tempfolder.h"
 
 extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavformat/avformat.h>
 #include <libavutil/pixfmt.h>
 }
 
@@ -228,4 +233,99 @@ TEST_F(MovieRecorderTest, AProcessKilledWhileRecordingLeavesAPlayableFile) {
     ASSERT_TRUE(movie.readable);
     ASSERT_TRUE(movie.Find("video"));
     EXPECT_GE(movie.Find("video")->frames, 30) << "at least a second survives";
+}
+
+namespace {
+
+// The first picture of a recording, decoded, as 'BGRA'; null when there is none.
+CVPixelBufferRef FirstPicture(const std::string& path) {
+    AVFormatContext* format = nullptr;
+    if (avformat_open_input(&format, path.c_str(), nullptr, nullptr) != 0)
+        return nullptr;
+    CVPixelBufferRef result = nullptr;
+    const AVCodec* codec = nullptr;
+    const int stream = av_find_best_stream(format, AVMEDIA_TYPE_VIDEO, -1, -1, &codec, 0);
+    AVCodecContext* context = codec != nullptr ? avcodec_alloc_context3(codec) : nullptr;
+    AVPacket* packet = av_packet_alloc();
+    AVFrame* frame = av_frame_alloc();
+    if (stream >= 0 && context != nullptr &&
+        avcodec_parameters_to_context(context, format->streams[stream]->codecpar) == 0 &&
+        avcodec_open2(context, codec, nullptr) == 0) {
+        bool decoded = false;
+        while (!decoded && av_read_frame(format, packet) == 0) {
+            if (packet->stream_index == stream && avcodec_send_packet(context, packet) == 0)
+                decoded = avcodec_receive_frame(context, frame) == 0;
+            av_packet_unref(packet);
+        }
+        if (!decoded && avcodec_send_packet(context, nullptr) == 0)
+            decoded = avcodec_receive_frame(context, frame) == 0;
+        CVPixelBufferRef planar = nullptr;
+        if (decoded && frame->format == AV_PIX_FMT_YUV420P &&
+            CVPixelBufferCreate(nullptr, size_t(frame->width), size_t(frame->height),
+                                kCVPixelFormatType_420YpCbCr8Planar, nullptr,
+                                &planar) == kCVReturnSuccess) {
+            for (int plane = 0; plane < 3; ++plane)
+                for (int row = 0; row < int(planar->layout.planeHeight[plane]); ++row)
+                    memcpy(planar->base + planar->layout.planeOffset[plane] +
+                               size_t(row) * planar->layout.bytesPerRow[plane],
+                           frame->data[plane] + row * frame->linesize[plane],
+                           planar->layout.planeWidth[plane]);
+            VideoConverter converter;
+            result = converter.Convert(planar, kCVPixelFormatType_32BGRA, 0, 0);
+            CVPixelBufferRelease(planar);
+        }
+    }
+    av_frame_free(&frame);
+    av_packet_free(&packet);
+    avcodec_free_context(&context);
+    avformat_close_input(&format);
+    return result;
+}
+
+} // namespace
+
+// The recorder converts each pixel format it is handed to what the encoder takes with the
+// picture's colours: the test camera's bars come back from the file, within what H.264 loses.
+TEST_F(MovieRecorderTest, PicturesKeepTheirColoursInEveryInputFormat) {
+    for (OSType pixelFormat :
+         {kCVPixelFormatType_422YpCbCr8, kCVPixelFormatType_422YpCbCr8_yuvs,
+          kCVPixelFormatType_32BGRA, kCVPixelFormatType_24RGB,
+          kCVPixelFormatType_420YpCbCr8BiPlanarVideoRange, kCVPixelFormatType_420YpCbCr8Planar}) {
+        const PixelFormatInfo* info = FindPixelFormat(pixelFormat);
+        SCOPED_TRACE(info->name);
+        const std::string path = folder + "/colours-" + info->name + ".mkv";
+        MovieVideoSettings video = Video(320, 240, 30);
+        video.pixelFormat = info->ffmpegFormat;
+        auto recorder = MovieRecorder::Create(path, &video, nullptr);
+        ASSERT_NE(nullptr, recorder);
+        CVPixelBufferRef picture = nullptr;
+        ASSERT_EQ(kCVReturnSuccess,
+                  CVPixelBufferCreate(nullptr, 320, 240, pixelFormat, nullptr, &picture));
+        TestPattern(pixelFormat, 320, 240).Draw(picture, 0);
+        const uint8_t* planes[4] = {nullptr, nullptr, nullptr, nullptr};
+        int strides[4] = {0, 0, 0, 0};
+        for (int plane = 0; plane < picture->layout.planeCount; ++plane) {
+            planes[plane] = picture->base + picture->layout.planeOffset[plane];
+            strides[plane] = int(picture->layout.bytesPerRow[plane]);
+        }
+        for (int frame = 0; frame < 5; ++frame)
+            while (!recorder->AppendVideo(planes, strides, frame / 30.0))
+                std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        recorder->Finish();
+        CVPixelBufferRelease(picture);
+
+        CVPixelBufferRef decoded = FirstPicture(path);
+        ASSERT_NE(nullptr, decoded);
+        // The middle of each bar, below the frame counter.
+        for (size_t bar = 0; bar < 8; ++bar) {
+            const size_t x = (2 * bar + 1) * 320 / 16, y = 200;
+            uint8_t rgb[3];
+            TestPattern::Pixel(320, 240, 0, x, y, rgb);
+            const uint8_t* p = decoded->base + y * decoded->layout.bytesPerRow[0] + x * 4;
+            EXPECT_NEAR(rgb[0], p[2], 6) << "bar " << bar;
+            EXPECT_NEAR(rgb[1], p[1], 6) << "bar " << bar;
+            EXPECT_NEAR(rgb[2], p[0], 6) << "bar " << bar;
+        }
+        CVPixelBufferRelease(decoded);
+    }
 }

@@ -50,6 +50,13 @@ private:
 bool VideoConversionIsIdentity(OSType sourceFormat, size_t sourceWidth, size_t sourceHeight,
                                OSType pixelFormat, size_t width, size_t height);
 
+// Converts one width x height picture between planes the caller owns, through libyuv, when the
+// pixel-format table gives the pair to libyuv (as the converter does; `colour` is the source's).
+// False otherwise, the target untouched. Any thread.
+bool ConvertPlanesWithLibyuv(OSType from, const uint8_t* const planes[], const int strides[],
+                             YCbCrColour colour, OSType to, uint8_t* const targetPlanes[],
+                             const int targetStrides[], size_t width, size_t height);
+
 // Writes a planar Y'CbCr picture of target's size into target through libyuv: chroma planes
 // subsampled by 2^chromaShiftX across and 2^chromaShiftY down (4:2:2 is 1, 0; 4:2:0 1, 1;
 // 4:4:4 0, 0), or luma alone when planes[1] is null. False when libyuv cannot read that
