@@ -230,7 +230,8 @@ TEST_F(FSSpecTest, APathIsCutToTheBufferItIsGiven) {
     spec.GetString(out, 32);
     EXPECT_EQ(path.substr(0, 31), std::string(out, strnlen(out, 32)));
     EXPECT_EQ(std::string(8, '#'), std::string(guarded.data(), 8));
-    EXPECT_EQ(std::string(guarded.size() - 40, '#'), std::string(guarded.data() + 40))
+    EXPECT_EQ(std::string(guarded.size() - 40, '#'),
+              std::string(guarded.data() + 40, guarded.size() - 40))
         << "written past the size";
 
     // The end of the path: a character is left out whole rather than cut in two.
