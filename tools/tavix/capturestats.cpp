@@ -12,6 +12,34 @@ double MonotonicSeconds() {
     return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
 }
 
+void GapHistogram::Add(double seconds) {
+    const double slot = seconds / kSlotSeconds;
+    const size_t i = slot < kSlots - 1 ? static_cast<size_t>(slot) : kSlots - 1;
+    ++counts[i];
+    sums[i] += seconds;
+    ++count;
+}
+
+double GapHistogram::Interval() const {
+    uint64_t seen = 0;
+    size_t median = kSlots;
+    for (size_t i = 0; i < kSlots && median == kSlots; ++i) {
+        seen += counts[i];
+        if (count > 0 && 2 * seen >= count)
+            median = i;
+    }
+    if (median == kSlots || median == kSlots - 1)
+        return 0;
+    // The mean of the gaps near the median is exact where one slot is coarse.
+    double sum = 0;
+    uint64_t near = 0;
+    for (size_t i = median / 2; i <= median + median / 2 && i < kSlots - 1; ++i) {
+        sum += sums[i];
+        near += counts[i];
+    }
+    return near > 0 ? sum / static_cast<double>(near) : 0;
+}
+
 void CountVideoFrame(const unsigned char* pixels, unsigned long pixelFormat, unsigned long width,
                      unsigned long height, unsigned long bytesPerRow, const SMPTETime* time,
                      long data) {
@@ -19,21 +47,17 @@ void CountVideoFrame(const unsigned char* pixels, unsigned long pixelFormat, uns
     const double now = MonotonicSeconds();
     if (stats.firstFrameTime == 0)
         stats.firstFrameTime = now;
-    if (stats.lastFrameTime > 0) {
-        // The interval learns only from gaps near it: a stall (a long gap) and the burst of
-        // late frames after it (short gaps) say nothing of the device's rate.
-        const double gap = now - stats.lastFrameTime;
-        if (stats.frameInterval == 0)
-            stats.frameInterval = gap;
-        else if (gap > 0.5 * stats.frameInterval && gap < 1.5 * stats.frameInterval)
-            stats.frameInterval = 0.9 * stats.frameInterval + 0.1 * gap;
-    }
+    if (stats.lastFrameTime > 0)
+        stats.gaps.Add(now - stats.lastFrameTime);
     stats.lastFrameTime = now;
     const uint64_t frames = ++stats.frames;
-    // Dropped: the frames the time since the first one should have brought and did not. Frames
-    // that only came late, in a burst after a stall, are not dropped.
-    if (stats.frameInterval > 0) {
-        const double due = (now - stats.firstFrameTime) / stats.frameInterval + 1;
+    // Dropped: the frames the time since the first one should have brought at the device's
+    // rate, and did not. The rate comes from the gaps near the median: a stall (one long gap)
+    // and the burst of late frames after it (short gaps) do not move it, so frames that only
+    // came late are not counted, while frames a device lost are.
+    const double interval = stats.gaps.Interval();
+    if (interval > 0) {
+        const double due = (now - stats.firstFrameTime) / interval + 1;
         const double missing = std::floor(due + 0.5) - static_cast<double>(frames);
         stats.droppedFrames = missing > 0 ? static_cast<uint64_t>(missing) : 0;
     }

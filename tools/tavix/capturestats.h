@@ -3,10 +3,24 @@
 #pragma once
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <mutex>
 
 #include "png.h"
+
+// Gaps between frames in half-millisecond slots up to half a second.
+struct GapHistogram {
+    static constexpr size_t kSlots = 1000;
+    static constexpr double kSlotSeconds = 0.0005;
+    void Add(double seconds);
+    // The mean of the gaps between half and one and a half times the median gap: the frame
+    // interval, whatever stalls and bursts there were. 0 before the first gap.
+    double Interval() const;
+    uint64_t counts[kSlots] = {};
+    double sums[kSlots] = {};
+    uint64_t count = 0;
+};
 
 struct CaptureStats {
     std::atomic<uint64_t> frames{0};
@@ -20,7 +34,7 @@ struct CaptureStats {
     // Frame timing, on the video thread only.
     double firstFrameTime = 0;
     double lastFrameTime = 0;
-    double frameInterval = 0; // smoothed
+    GapHistogram gaps;
 
     // A copy of one frame when asked for.
     std::atomic<bool> snapshotWanted{false};
