@@ -6,7 +6,10 @@ NSString* const kCVPixelBufferHeightKey = NSConstantString("Height");
 
 namespace {
 constexpr size_t kRowAlignment = 64;
-}
+// Room after the last row: some of libyuv's vector row functions (seen with AVX-512, with
+// 24-bit RGB) store a few bytes past the end of the picture they write.
+constexpr size_t kWriteSlack = 64;
+} // namespace
 
 CVPixelBuffer::~CVPixelBuffer() {
     if (releaseCallback != nullptr)
@@ -36,7 +39,7 @@ CVReturn CVPixelBufferCreate(void*, size_t width, size_t height, OSType pixelFor
     buffer->height = height;
     buffer->layout = layout;
     buffer->colour = DefaultColour(pixelFormat);
-    buffer->storage.resize(layout.totalSize);
+    buffer->storage.resize(layout.totalSize + kWriteSlack);
     buffer->base = buffer->storage.data();
     *out = buffer;
     return kCVReturnSuccess;

@@ -80,13 +80,16 @@ bool IsVideoBT601(YCbCrColour colour) {
 // Reusable memory for intermediate rows.
 class Scratch {
 public:
+    // With room after the bytes asked for, as the pixel buffers have: libyuv's vector row
+    // functions may store a little past the end of what they write.
     uint8_t* Get(size_t bytes) {
-        if (memory.size() < bytes)
-            memory.resize(bytes);
+        if (memory.size() < bytes + kSlack)
+            memory.resize(bytes + kSlack);
         return memory.data();
     }
 
 private:
+    static constexpr size_t kSlack = 64;
     std::vector<uint8_t> memory;
 };
 
