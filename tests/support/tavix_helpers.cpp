@@ -36,3 +36,19 @@ DeviceScope::~DeviceScope() {
     for (int i = 0; i < 100 && TavixDeviceRelease(handle); ++i) {
     }
 }
+
+virtualdevices::DeviceSpec MicrophoneSpec(const std::string& name) {
+    virtualdevices::DeviceSpec mic;
+    mic.name = name;
+    mic.sound = true;
+    mic.audio = {48000,
+                 kAudioFormatLinearPCM,
+                 kAudioFormatFlagIsFloat | kAudioFormatFlagIsPacked,
+                 8,
+                 1,
+                 8,
+                 2,
+                 32,
+                 0};
+    return mic;
+}

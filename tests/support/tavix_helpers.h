@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "llib/mac/tavix.h"
+#include "platform/virtualdevices.h"
 
 // Waits up to `limit` for predicate to hold.
 template <class Predicate>
@@ -42,6 +43,9 @@ void LogSound(const unsigned char* samples, unsigned int formatFlags, unsigned l
 inline long DataOf(CallbackLog& log) {
     return reinterpret_cast<long>(&log);
 }
+
+// A virtual microphone like the test microphone (48 kHz stereo float), to add under `name`.
+virtualdevices::DeviceSpec MicrophoneSpec(const std::string& name);
 
 // Stops, closes and releases a handle, and resets the virtual devices, at the end of a scope.
 class DeviceScope {

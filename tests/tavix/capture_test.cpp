@@ -255,18 +255,7 @@ TEST_F(CaptureTest, CompanionMicrophoneGivesACameraSoundUntilItIsClosed) {
 }
 
 TEST_F(CaptureTest, AnUnopenableCompanionLeavesCaptureWithoutSound) {
-    virtualdevices::DeviceSpec mic;
-    mic.name = "Capture Test Mic";
-    mic.sound = true;
-    mic.audio = {48000,
-                 kAudioFormatLinearPCM,
-                 kAudioFormatFlagIsFloat | kAudioFormatFlagIsPacked,
-                 8,
-                 1,
-                 8,
-                 2,
-                 32,
-                 0};
+    virtualdevices::DeviceSpec mic = MicrophoneSpec("Capture Test Mic");
     mic.openable = false;
     virtualdevices::Add(mic);
     DeviceScope scope(OpenCamera());

@@ -182,18 +182,7 @@ TEST_F(RecordingTest, PathsWithSpacesAndNonASCIINamesRecord) {
 // The recorder waits a second for the sound of a companion that never delivers, then records the
 // pictures alone; what came during the wait is not in the file.
 TEST_F(RecordingTest, ASoundStreamThatNeverComesLeavesAPictureOnlyRecording) {
-    virtualdevices::DeviceSpec mic;
-    mic.name = "Silent Microphone";
-    mic.sound = true;
-    mic.audio = {48000,
-                 kAudioFormatLinearPCM,
-                 kAudioFormatFlagIsFloat | kAudioFormatFlagIsPacked,
-                 8,
-                 1,
-                 8,
-                 2,
-                 32,
-                 0};
+    virtualdevices::DeviceSpec mic = MicrophoneSpec("Silent Microphone");
     const std::string micId = virtualdevices::Add(mic);
     virtualdevices::SetStalled(micId, true);
     const std::string path = temp / "pictures only.mov";
