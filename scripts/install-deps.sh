@@ -10,6 +10,7 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   clang clang-format libclang-rt-14-dev
   ffmpeg valgrind python3
+  libsdl2-dev xvfb xdotool imagemagick
   # The Python package, its tests and its offline install check, from Debian (no Python package
   # index is reachable).
   python3-numpy python3-pytest python3-setuptools python3-pip python3-venv

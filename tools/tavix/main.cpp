@@ -6,6 +6,7 @@
 #include "devices.h"
 #include "llib/mac/tavix.h"
 #include "options.h"
+#include "preview.h"
 
 namespace {
 
@@ -14,7 +15,8 @@ void PrintUsage() {
            "  list                         capture devices, their media types and state\n"
            "  formats NAME                 the formats device NAME delivers\n"
            "  capture NAME [OPTIONS]       captures, shows a live status, records, snapshots\n"
-           "  transport NAME ACTION        play, stop, rewind, ff or status of a tape deck\n\n"
+           "  transport NAME ACTION        play, stop, rewind, ff or status of a tape deck\n"
+           "  preview NAME [OPTIONS]       a live window: picture, level, timecode, transport\n\n"
            "tavix COMMAND --help tells more.\n");
 }
 
@@ -40,8 +42,11 @@ int main(int argc, char** argv) {
         status = CaptureCommand(argc - 1, argv + 1);
     else if (strcmp(command, "transport") == 0)
         status = TransportCommand(argc - 1, argv + 1);
+    else if (strcmp(command, "preview") == 0)
+        status = PreviewCommand(argc - 1, argv + 1);
     else {
-        PrintError("unknown command \"%s\" (list, formats, capture or transport)", command);
+        PrintError("unknown command \"%s\" (list, formats, capture, transport or preview)",
+                   command);
         return kExitUsage;
     }
     fflush(stdout);

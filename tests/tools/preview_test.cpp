@@ -1,0 +1,402 @@
+// `tavix preview` used as a person uses it, on a virtual X server: the picture in the window, a
+// window resized, keys that drive a deck, record and quit, and the refusal without a display.
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/ffprobe.h"
+#include "support/process.h"
+#include "support/tempfolder.h"
+
+namespace {
+
+const std::string kTavix = std::string(TAVIX_BINARY_DIR) + "/tavix";
+
+using Clock = std::chrono::steady_clock;
+
+// Checks condition every 50 ms until it holds or `seconds` pass.
+bool Eventually(const std::function<bool()>& condition, double seconds) {
+    const auto deadline = Clock::now() + std::chrono::duration<double>(seconds);
+    while (!condition()) {
+        if (Clock::now() > deadline)
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    return true;
+}
+
+bool Contains(const std::string& text, const std::string& part) {
+    return text.find(part) != std::string::npos;
+}
+
+// An X server of the test's own, on a display number it picks itself.
+class VirtualDisplay {
+public:
+    VirtualDisplay() {
+        int ready[2];
+        if (pipe(ready) != 0)
+            return;
+        server = StartChild([&] {
+            prctl(PR_SET_PDEATHSIG, SIGTERM);
+            close(ready[0]);
+            const std::string fd = std::to_string(ready[1]);
+            execlp("Xvfb", "Xvfb", "-displayfd", fd.c_str(), "-screen", "0", "1024x768x24",
+                   "-nolisten", "tcp", static_cast<char*>(nullptr));
+            _exit(127);
+        });
+        close(ready[1]);
+        // The server writes its display number once it accepts clients.
+        pollfd wait = {ready[0], POLLIN, 0};
+        char number[16] = {};
+        if (poll(&wait, 1, 15000) == 1 && read(ready[0], number, sizeof number - 1) > 0)
+            name = ":" + std::string(number, strcspn(number, "\n"));
+        close(ready[0]);
+    }
+    ~VirtualDisplay() {
+        if (server > 0) {
+            kill(server, SIGTERM);
+            WaitForChild(server);
+        }
+    }
+    // A shell command run against this display.
+    CommandOutput Run(const std::string& command) const {
+        return RunCommand("DISPLAY=" + name + " " + command);
+    }
+
+    pid_t server = -1;
+    std::string name; // ":N"; empty when the server did not start
+};
+
+// A screenshot as 8-bit RGB.
+struct Picture {
+    int width = 0, height = 0;
+    std::vector<unsigned char> rgb;
+    bool Has(int x, int y) const { return x >= 0 && x < width && y >= 0 && y < height; }
+    const unsigned char* At(int x, int y) const { return &rgb[(y * width + x) * 3]; }
+};
+
+Picture Screenshot(const VirtualDisplay& display, const std::string& window) {
+    Picture picture;
+    FILE* pipe = popen(
+        ("DISPLAY=" + display.name + " import -window " + window + " -depth 8 ppm:- 2>/dev/null")
+            .c_str(),
+        "r");
+    if (pipe == nullptr)
+        return picture;
+    int width = 0, height = 0, maximum = 0;
+    if (fscanf(pipe, "P6 %d %d %d", &width, &height, &maximum) == 3 && maximum == 255 &&
+        width > 0 && height > 0 && fgetc(pipe) != EOF) {
+        picture.rgb.resize(static_cast<size_t>(width) * height * 3);
+        if (fread(picture.rgb.data(), 1, picture.rgb.size(), pipe) == picture.rgb.size()) {
+            picture.width = width;
+            picture.height = height;
+        }
+    }
+    pclose(pipe);
+    return picture;
+}
+
+// Where a frame of frameWidth x frameHeight lands in a window: scaled to fit, centred.
+struct PictureArea {
+    PictureArea(const Picture& window, int frameWidth, int frameHeight)
+        : scale(std::min(static_cast<double>(window.width) / frameWidth,
+                         static_cast<double>(window.height) / frameHeight)),
+          left((window.width - frameWidth * scale) / 2),
+          top((window.height - frameHeight * scale) / 2) {}
+    int X(double frameX) const { return static_cast<int>(left + frameX * scale); }
+    int Y(double frameY) const { return static_cast<int>(top + frameY * scale); }
+    double scale, left, top;
+};
+
+// The test pattern's 75% colour bars, left to right.
+const unsigned char kBars[8][3] = {{191, 191, 191}, {191, 191, 0}, {0, 191, 191}, {0, 191, 0},
+                                   {191, 0, 191},   {191, 0, 0},   {0, 0, 191},   {0, 0, 0}};
+
+bool Near(const unsigned char* pixel, const unsigned char* colour, int tolerance = 40) {
+    for (int c = 0; c < 3; ++c)
+        if (std::abs(pixel[c] - colour[c]) > tolerance)
+            return false;
+    return true;
+}
+
+// Every bar shows its colour at 40% of the picture's height, away from the frame counter and
+// the overlay. Each bar is looked at in two places, as the moving white bar may cover one.
+bool ShowsColourBars(const Picture& window, int frameWidth, int frameHeight) {
+    if (window.width == 0)
+        return false;
+    const PictureArea area(window, frameWidth, frameHeight);
+    const int y = area.Y(0.4 * frameHeight);
+    for (int bar = 0; bar < 8; ++bar) {
+        bool seen = false;
+        for (double within : {0.3, 0.7}) {
+            const int x = area.X((bar + within) * frameWidth / 8);
+            seen = seen || (window.Has(x, y) && Near(window.At(x, y), kBars[bar]));
+        }
+        if (!seen)
+            return false;
+    }
+    return true;
+}
+
+// The pixels of the frame counter the test pattern burns in at its top left.
+std::vector<unsigned char> Counter(const Picture& window, int frameWidth, int frameHeight) {
+    std::vector<unsigned char> pixels;
+    if (window.width == 0)
+        return pixels;
+    const PictureArea area(window, frameWidth, frameHeight);
+    const int scale = std::max(2, frameHeight / 120 & ~1);
+    for (int y = area.Y(16); y < area.Y(16 + 9 * scale); ++y)
+        for (int x = area.X(16); x < area.X(16 + 49 * scale); ++x)
+            if (window.Has(x, y))
+                pixels.insert(pixels.end(), window.At(x, y), window.At(x, y) + 3);
+    return pixels;
+}
+
+// A running `tavix preview`, its output (standard error too) gathered as it comes.
+class Preview {
+public:
+    Preview(const VirtualDisplay& display, const std::string& folder,
+            const std::vector<std::string>& arguments)
+        : display(display) {
+        int output[2];
+        if (pipe(output) != 0)
+            return;
+        child = StartChild([&] {
+            // A test that dies must not leave the program running.
+            prctl(PR_SET_PDEATHSIG, SIGTERM);
+            dup2(output[1], STDOUT_FILENO);
+            dup2(output[1], STDERR_FILENO);
+            close(output[0]);
+            if (chdir(folder.c_str()) != 0)
+                _exit(126);
+            setenv("DISPLAY", display.name.c_str(), 1);
+            unsetenv("WAYLAND_DISPLAY");
+            std::vector<char*> argv = {const_cast<char*>("tavix"), const_cast<char*>("preview")};
+            for (const std::string& argument : arguments)
+                argv.push_back(const_cast<char*>(argument.c_str()));
+            argv.push_back(nullptr);
+            execv(kTavix.c_str(), argv.data());
+            _exit(127);
+        });
+        close(output[1]);
+        reader = std::thread([this, fd = output[0]] {
+            char buffer[4096];
+            ssize_t got;
+            while ((got = read(fd, buffer, sizeof buffer)) > 0) {
+                std::lock_guard<std::mutex> locked(mutex);
+                text.append(buffer, static_cast<size_t>(got));
+            }
+            close(fd);
+        });
+    }
+    ~Preview() {
+        if (child > 0 && status == kRunning)
+            KillChild(child);
+        if (reader.joinable())
+            reader.join();
+    }
+
+    std::string Output() {
+        std::lock_guard<std::mutex> locked(mutex);
+        return text;
+    }
+    bool WaitForOutput(const std::string& part, double seconds = 15) {
+        return Eventually([&] { return Contains(Output(), part); }, seconds);
+    }
+    // The window's id, once the window is there.
+    std::string FindWindow(const std::string& title) {
+        Eventually(
+            [&] {
+                const CommandOutput found =
+                    display.Run("xdotool search --name '^" + title + "$' 2>/dev/null");
+                window = found.output.substr(0, found.output.find('\n'));
+                return found.status == 0 && !window.empty();
+            },
+            20);
+        return window;
+    }
+    void Key(const std::string& key) { display.Run("xdotool key --window " + window + " " + key); }
+    void Resize(int width, int height) {
+        display.Run("xdotool windowsize " + window + " " + std::to_string(width) + " " +
+                    std::to_string(height));
+    }
+    Picture Screenshot() { return ::Screenshot(display, window); }
+    // The exit status once the program ends within `seconds`, else kRunning.
+    int Exited(double seconds = 15) {
+        Eventually(
+            [&] {
+                int raw = 0;
+                if (waitpid(child, &raw, WNOHANG) == child)
+                    status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -WTERMSIG(raw);
+                return status != kRunning;
+            },
+            seconds);
+        return status;
+    }
+
+    static constexpr int kRunning = -1000;
+    std::string window;
+
+private:
+    const VirtualDisplay& display;
+    pid_t child = -1;
+    int status = kRunning;
+    std::thread reader;
+    std::mutex mutex;
+    std::string text;
+};
+
+class PreviewWindow : public ::testing::Test {
+protected:
+    void SetUp() override {
+#if defined(__SANITIZE_THREAD__)
+        GTEST_SKIP() << "SDL and the X client libraries are not instrumented, so "
+                        "ThreadSanitizer cannot follow their threads";
+#endif
+#if defined(__SANITIZE_ADDRESS__)
+        // The X client libraries keep allocations for the life of the process.
+        setenv("ASAN_OPTIONS", "detect_leaks=0", 1);
+#endif
+        if (display.name.empty())
+            GTEST_SKIP() << "Xvfb cannot start (is the xvfb package installed?)";
+    }
+
+    VirtualDisplay display;
+    TempFolder temp{"tavix-preview"};
+};
+
+TEST_F(PreviewWindow, ShowsTheLivePictureThroughAResizeAndQuitsOnQ) {
+    Preview preview(display, temp.path, {"Tavix Test Camera"});
+    ASSERT_FALSE(preview.FindWindow("Tavix Test Camera").empty())
+        << "no window titled with the device's name\n"
+        << preview.Output();
+
+    Picture first;
+    ASSERT_TRUE(Eventually(
+        [&] {
+            first = preview.Screenshot();
+            return ShowsColourBars(first, 1280, 720);
+        },
+        15))
+        << "the colour bars never showed in a " << first.width << " x " << first.height
+        << " window";
+    const std::vector<unsigned char> counter = Counter(first, 1280, 720);
+    EXPECT_TRUE(Eventually([&] { return Counter(preview.Screenshot(), 1280, 720) != counter; }, 10))
+        << "the burnt-in frame counter did not change: the picture is not live";
+
+    preview.Resize(500, 400);
+    Picture resized;
+    EXPECT_TRUE(Eventually(
+        [&] {
+            resized = preview.Screenshot();
+            return resized.width == 500 && resized.height == 400 &&
+                   ShowsColourBars(resized, 1280, 720);
+        },
+        15))
+        << "after the resize: " << resized.width << " x " << resized.height;
+
+    preview.Key("s");
+    ASSERT_TRUE(preview.WaitForOutput("snapshot ")) << preview.Output();
+    const std::string output = preview.Output();
+    const size_t name = output.find("snapshot ") + 9;
+    const std::string png = ReadFile(temp / output.substr(name, output.find('\n', name) - name));
+    EXPECT_EQ(std::string("\x89PNG\r\n\x1a\n", 8), png.substr(0, 8));
+
+    preview.Key("q");
+    EXPECT_EQ(0, preview.Exited()) << preview.Output();
+}
+
+TEST_F(PreviewWindow, SpacePlaysTheDeckAndRTwiceLeavesAPlayableRecording) {
+    Preview preview(display, temp.path, {"Tavix Test Deck"});
+    ASSERT_FALSE(preview.FindWindow("Tavix Test Deck").empty()) << preview.Output();
+    Picture stopped;
+    ASSERT_TRUE(Eventually(
+        [&] {
+            stopped = preview.Screenshot();
+            return ShowsColourBars(stopped, 720, 576);
+        },
+        15));
+
+    preview.Key("space");
+    ASSERT_TRUE(preview.WaitForOutput("Tavix Test Deck: playing")) << preview.Output();
+    const std::vector<unsigned char> counter = Counter(stopped, 720, 576);
+    EXPECT_TRUE(Eventually([&] { return Counter(preview.Screenshot(), 720, 576) != counter; }, 10))
+        << "the tape's frame counter did not move";
+
+    preview.Key("r");
+    ASSERT_TRUE(preview.WaitForOutput("recording to ")) << preview.Output();
+    std::string output = preview.Output();
+    const size_t name = output.find("recording to ") + 13;
+    const std::string movie = temp / output.substr(name, output.find('\n', name) - name);
+    // Some pictures and sound go into the file before it ends.
+    EXPECT_TRUE(Eventually([&] { return ReadFile(movie).size() > 2000000; }, 15));
+    preview.Key("r");
+    ASSERT_TRUE(preview.WaitForOutput("recording ended")) << preview.Output();
+
+    preview.Key("q");
+    EXPECT_EQ(0, preview.Exited()) << preview.Output();
+    output = preview.Output();
+    EXPECT_TRUE(Contains(output, "timecode   last ")) << output;
+    EXPECT_FALSE(Contains(output, "last 00:00:00:00")) << "the timecode never ran\n" << output;
+
+    if (!HaveFFprobe())
+        GTEST_SKIP() << "ffprobe is not installed";
+    const ProbedMovie probed = ProbeMovie(movie);
+    ASSERT_TRUE(probed.readable) << movie;
+    ASSERT_NE(nullptr, probed.Find("video"));
+    EXPECT_GT(probed.Find("video")->frames, 10);
+    EXPECT_NE(nullptr, probed.Find("audio"));
+}
+
+TEST_F(PreviewWindow, ASoundOnlyDeviceShowsItsWaveAndHasNoTransport) {
+    Preview preview(display, temp.path, {"Tavix Test Microphone"});
+    ASSERT_FALSE(preview.FindWindow("Tavix Test Microphone").empty()) << preview.Output();
+    const unsigned char waveGreen[3] = {60, 210, 80};
+    EXPECT_TRUE(Eventually(
+        [&] {
+            const Picture window = preview.Screenshot();
+            return window.Has(window.width - 2, window.height / 3) &&
+                   Near(window.At(window.width - 2, window.height / 3), waveGreen, 10);
+        },
+        15))
+        << "no waveform at the right edge, where the newest sound goes";
+    preview.Key("space");
+    EXPECT_TRUE(preview.WaitForOutput("has no transport controls")) << preview.Output();
+    preview.Key("Escape");
+    EXPECT_EQ(0, preview.Exited()) << preview.Output();
+}
+
+TEST(PreviewCommand, WithoutADisplaySaysSoInOneLineAndSuggestsCapture) {
+    const CommandOutput run =
+        RunCommand("env -u DISPLAY -u WAYLAND_DISPLAY " + kTavix + " preview 'Tavix Test Camera'");
+    EXPECT_EQ(2, run.status);
+    EXPECT_TRUE(Contains(run.output, "tavix capture")) << run.output;
+    EXPECT_EQ(run.output.size() - 1, run.output.find('\n')) << "one line:\n" << run.output;
+
+    // A display that is named but not there.
+    const CommandOutput unreachable =
+        RunCommand("DISPLAY=:4093 " + kTavix + " preview 'Tavix Test Camera'");
+    EXPECT_EQ(2, unreachable.status) << unreachable.output;
+    EXPECT_TRUE(Contains(unreachable.output, "tavix capture")) << unreachable.output;
+}
+
+TEST(PreviewCommand, HelpListsTheKeys) {
+    const CommandOutput help = RunCommand(kTavix + " preview --help");
+    EXPECT_EQ(0, help.status);
+    for (const char* key : {"Space", "Left, Right", "Shift", " R ", " S ", " F ", "Escape"})
+        EXPECT_TRUE(Contains(help.output, key)) << key << "\n" << help.output;
+}
+
+} // namespace

@@ -1,0 +1,159 @@
+// `tavix preview NAME [--audio NAME] [--format FOURCC] [--size WxH] [--record FILE]`
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+#include "preview.h"
+
+#include "capturestats.h"
+#include "options.h"
+#include "previewsession.h"
+#ifdef TAVIX_HAVE_SDL2
+#include "previewwindow.h"
+#endif
+
+namespace {
+
+void PrintUsage() {
+    printf("usage: tavix preview NAME [--audio NAME] [--format FOURCC] [--size WxH]\n"
+           "                          [--record FILE]\n\n"
+           "Opens a window with the live picture of device NAME (and sound from --audio NAME),\n"
+           "its timecode, frame rate, dropped frames, sound level and recording. A sound-only\n"
+           "device shows its level and a scrolling waveform.\n"
+           "  --format FOURCC    asks for a pixel format the window shows as it comes:\n"
+           "                     2vuy, yuvs, 420v, 420f, y420, BGRA, ARGB, RGBA, 24RG, 24BG\n"
+           "  --size WxH         asks for a frame size, e.g. 640x480\n"
+           "  --record FILE      where R records (.mov, .mp4 or .mkv); later recordings are\n"
+           "                     numbered beside it (FILE-2.mov). Without it, R records to\n"
+           "                     tavix-YYYYMMDD-HHMMSS.mov in the current folder\n\n"
+           "Keys:\n"
+           "  Space              play or stop a tape deck\n"
+           "  Left, Right        rewind, fast forward\n"
+           "  Shift+Left/Right   play fast in reverse, forward\n"
+           "  R                  start or end a recording\n"
+           "  S                  write the current frame as tavix-YYYYMMDD-HHMMSS.png\n"
+           "  F                  full screen on or off\n"
+           "  Q, Escape          quit (a running recording is kept)\n\n"
+           "Needs a display (DISPLAY or WAYLAND_DISPLAY); tavix capture works without one.\n");
+}
+
+// Returns kExitOK, or the exit status after printing what is wrong.
+int ParseArguments(int argc, char** argv, PreviewOptions& arguments, bool& help) {
+    help = false;
+    for (int i = 1; i < argc; ++i) {
+        const std::string argument = argv[i];
+        if (argument == "--help" || argument == "-h") {
+            help = true;
+            return kExitOK;
+        }
+        const bool takesValue = argument == "--audio" || argument == "--record" ||
+                                argument == "--format" || argument == "--size";
+        if (takesValue && i + 1 >= argc) {
+            PrintError("%s needs a value", argument.c_str());
+            return kExitUsage;
+        }
+        if (argument == "--audio") {
+            arguments.audioDevice = argv[++i];
+        } else if (argument == "--record") {
+            arguments.recordPath = argv[++i];
+        } else if (argument == "--format") {
+            if (!ParseFourCC(argv[++i], arguments.pixelFormat)) {
+                PrintError("bad pixel format \"%s\" (four characters, such as 2vuy or BGRA)",
+                           argv[i]);
+                return kExitUsage;
+            }
+        } else if (argument == "--size") {
+            if (!ParseSize(argv[++i], arguments.width, arguments.height)) {
+                PrintError("bad size \"%s\" (WIDTHxHEIGHT, such as 640x480)", argv[i]);
+                return kExitUsage;
+            }
+        } else if (!argument.empty() && argument[0] == '-') {
+            PrintError("unknown option %s", argument.c_str());
+            return kExitUsage;
+        } else if (arguments.device.empty()) {
+            arguments.device = argument;
+        } else {
+            PrintError("unexpected argument \"%s\"", argument.c_str());
+            return kExitUsage;
+        }
+    }
+    if (arguments.device.empty()) {
+        PrintError("preview needs a device name (see tavix list)");
+        return kExitUsage;
+    }
+    return kExitOK;
+}
+
+bool HasDisplay() {
+    const char* x11 = getenv("DISPLAY");
+    const char* wayland = getenv("WAYLAND_DISPLAY");
+    return (x11 != nullptr && *x11 != '\0') || (wayland != nullptr && *wayland != '\0');
+}
+
+#ifdef TAVIX_HAVE_SDL2
+void PrintSummary(PreviewSession& session, double seconds) {
+    const CaptureStats& stats = session.Feed().stats;
+    printf("\nPreviewed %.1f s from \"%s\"\n", seconds, session.DeviceName().c_str());
+    if (session.HasVideo())
+        printf("  video      %llu frames, %llu dropped, %lu x %lu %s\n",
+               static_cast<unsigned long long>(stats.frames.load()),
+               static_cast<unsigned long long>(stats.droppedFrames.load()), stats.width.load(),
+               stats.height.load(), FourCCText(stats.pixelFormat).c_str());
+    if (stats.hasTimecode) {
+        const uint32_t packed = stats.timecode;
+        printf("  timecode   last %02u:%02u:%02u:%02u\n", packed >> 24, (packed >> 16) & 0xFF,
+               (packed >> 8) & 0xFF, packed & 0xFF);
+    }
+    if (session.HasSound())
+        printf("  audio      %llu sample frames\n",
+               static_cast<unsigned long long>(stats.sampleFrames.load()));
+    for (const std::string& path : session.Recordings())
+        printf("  recording  %s (%s)\n", path.c_str(), FileSizeText(path).c_str());
+}
+#endif
+
+} // namespace
+
+int PreviewCommand(int argc, char** argv) {
+    PreviewOptions arguments;
+    bool help = false;
+    const int parsed = ParseArguments(argc, argv, arguments, help);
+    if (help || parsed != kExitOK) {
+        if (help)
+            PrintUsage();
+        return parsed;
+    }
+    const std::string instead =
+        "tavix capture \"" + arguments.device + "\" shows the same figures on the terminal";
+#ifndef TAVIX_HAVE_SDL2
+    PrintError("this tavix was built without a window (SDL2 was missing); %s", instead.c_str());
+    return kExitUsage;
+#else
+    if (!HasDisplay()) {
+        PrintError("no display to open a window on (neither DISPLAY nor WAYLAND_DISPLAY is "
+                   "set); %s",
+                   instead.c_str());
+        return kExitUsage;
+    }
+    if (arguments.pixelFormat != 0 && !WindowShowsPixelFormat(arguments.pixelFormat)) {
+        PrintError("the window cannot show pixel format %s (it shows %s)",
+                   FourCCText(arguments.pixelFormat).c_str(), WindowPixelFormatList().c_str());
+        return kExitUsage;
+    }
+    std::string error;
+    if (!ConnectToDisplay(error)) {
+        PrintError("cannot open a window (%s); %s", error.c_str(), instead.c_str());
+        return kExitUsage;
+    }
+    PreviewSession session(arguments);
+    if (!session.Start())
+        return kExitFailure;
+    const double begin = MonotonicSeconds();
+    if (!RunPreviewWindow(session, error)) {
+        PrintError("cannot open a window (%s); %s", error.c_str(), instead.c_str());
+        return kExitUsage;
+    }
+    PrintSummary(session, MonotonicSeconds() - begin);
+    return kExitOK;
+#endif
+}

@@ -1,0 +1,4 @@
+// `tavix preview`: a live window on a capture device.
+#pragma once
+
+int PreviewCommand(int argc, char** argv);
