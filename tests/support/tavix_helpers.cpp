@@ -23,6 +23,8 @@ void LogSound(const unsigned char*, unsigned int formatFlags, unsigned long samp
     log.bytesPerSample = bytesPerSample;
     if (sampleFrames > log.maxSampleFrames)
         log.maxSampleFrames = sampleFrames;
+    int unset = -1;
+    log.framesAtFirstSound.compare_exchange_strong(unset, log.frames.load());
     log.sampleFrames += static_cast<long>(sampleFrames);
 }
 

@@ -32,6 +32,7 @@ struct CallbackLog {
     std::atomic<bool> sawTimecode{false};
     std::atomic<long> lastData{0};
     std::atomic<unsigned long> maxSampleFrames{0};
+    std::atomic<int> framesAtFirstSound{-1}; // pictures seen before the first sound came
 };
 
 void LogFrame(const unsigned char* pixels, unsigned long pixelFormat, unsigned long width,
