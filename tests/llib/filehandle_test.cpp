@@ -5,7 +5,6 @@
 
 #include <atomic>
 #include <cerrno>
-#include <chrono>
 #include <cstring>
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -240,16 +239,13 @@ TEST_F(Files, LengthPrefixedStringsAndLittleEndianRecords) {
     EXPECT_EQ(0xAB, file.ReadIntLE<unsigned char>());
     EXPECT_EQ(0x12345678u, file.ReadIntLE<unsigned int>());
     char text[520];
-    EXPECT_TRUE(file.ReadStringLenUTF8(text));
-    EXPECT_EQ(s254, text);
-    EXPECT_TRUE(file.ReadStringLenUTF8(text));
-    EXPECT_EQ(s255, text);
-    EXPECT_TRUE(file.ReadStringLenUTF8(text));
-    EXPECT_EQ(std::string(519, 'c'), text) << "the first 519 bytes, the position after all";
-    EXPECT_TRUE(file.ReadStringLenUTF8(text));
-    EXPECT_STREQ("", text);
+    auto Next = [&] { return file.ReadStringLenUTF8(text) ? std::string(text) : "(none)"; };
+    EXPECT_EQ(s254, Next());
+    EXPECT_EQ(s255, Next());
+    EXPECT_EQ(std::string(519, 'c'), Next()) << "the first 519 bytes, the position after all";
+    EXPECT_EQ("", Next());
     // Past the end: nothing, and zeros.
-    EXPECT_FALSE(file.ReadStringLenUTF8(text));
+    EXPECT_EQ("(none)", Next());
     EXPECT_EQ(0u, file.ReadIntLE<unsigned int>());
     EXPECT_EQ(0u, file.ReadStringUTF8(text, 10));
     EXPECT_STREQ("", text);
@@ -436,7 +432,6 @@ TEST_F(Files, LockFilesMarkADocumentInUse) {
     {
         LLockFile lock;
         EXPECT_TRUE(lock.Lock(document.c_str()));
-        EXPECT_EQ(lockPath, lock.szPath);
         EXPECT_EQ(0, access(lockPath.c_str(), F_OK));
         // Another process cannot lock the same document.
         EXPECT_EQ(0, ForkAndWait([&] { _exit(LLockFile().Lock(document.c_str()) ? 1 : 0); }));

@@ -17,7 +17,6 @@ namespace {
 class FinderTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        ASSERT_FALSE(temp.path.empty());
         char resolved[PATH_MAX];
         ASSERT_NE(nullptr, realpath(temp.path.c_str(), resolved));
         folder = resolved;
@@ -125,7 +124,6 @@ TEST_F(FinderTest, WebPagesAreHandedToTheOpener) {
     OpenOrvelWebPage("+buy now");
     LCFURL url;
     url.GotoURL("https://example.com/a%20b?q=1");
-    EXPECT_EQ(nullptr, url.URL);
     const std::vector<std::string> expected = {"http://support.orvelsoftware.com/kb/7.html",
                                                "http://www.orvelsoftware.com/buy%20now.html",
                                                "https://example.com/a%20b?q=1"};

@@ -1,6 +1,5 @@
-// Work carried to the main thread through the main event queue, and the waits that keep that
-// queue flowing: posting from workers, withdrawal, reference counts, the notification codes of
-// a worker's reports, and how each wait ends.
+// Work carried to the main thread through its event queue: posting from workers, withdrawal,
+// reference counts, a worker's reports, and how the waits that keep the queue flowing end.
 #include <gtest/gtest.h>
 #include <atomic>
 #include <chrono>

@@ -5,8 +5,8 @@
 #include <grp.h>
 #include <unistd.h>
 
-#include <csignal>
 #include <cstdlib>
+#include <optional>
 #include <string>
 
 #include "llib/mac/genutils.h"
@@ -15,25 +15,23 @@
 
 namespace {
 
+// Puts an environment variable back as it was, set or not, at the end of a scope.
 class EnvironmentScope {
 public:
     explicit EnvironmentScope(const char* name) : name(name) {
-        const char* value = getenv(name);
-        had = value != nullptr;
-        if (had)
+        if (const char* value = getenv(name))
             saved = value;
     }
     ~EnvironmentScope() {
-        if (had)
-            setenv(name, saved.c_str(), 1);
+        if (saved)
+            setenv(name, saved->c_str(), 1);
         else
             unsetenv(name);
     }
 
 private:
     const char* name;
-    bool had = false;
-    std::string saved;
+    std::optional<std::string> saved;
 };
 
 TEST(OSInfo, VersionAsTwoDecimalNumbers) {

@@ -2,7 +2,6 @@
 #include "support/elapsed.h"
 #include "support/process.h"
 
-#include <chrono>
 #include <csignal>
 #include <fcntl.h>
 #include <gtest/gtest.h>

@@ -7,7 +7,6 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cstdlib>
 #include <string>
 
@@ -50,14 +49,12 @@ pid_t StartSignaller(const char* name) {
 
 TEST_F(NamedSignal, AnotherProcessWakesTheWaiter) {
     LSignalObjectNamed waiter("capture-ready");
-    EXPECT_STREQ(waiter.address.sun_path, (temp / "capture-ready").c_str());
     const pid_t child = StartSignaller("capture-ready");
     ASSERT_GT(child, 0);
     EXPECT_TRUE(waiter.WaitSignal(10000));
-    EXPECT_NE(waiter.connection, -1);
     waiter.Reset(); // returns once the signaller has closed its end
     KillChild(child);
-    EXPECT_TRUE(Exists("capture-ready"));
+    EXPECT_TRUE(Exists("capture-ready")) << "the socket file lies in the data folder";
 }
 
 TEST_F(NamedSignal, TimeOutsAndStaleFilesLeaveNothingBehind) {
@@ -88,7 +85,6 @@ TEST_F(NamedSignal, TimeOutsAndStaleFilesLeaveNothingBehind) {
 
     // A name that makes the path too long for a socket address.
     LSignalObjectNamed tooLong(std::string(200, 'n').c_str());
-    EXPECT_EQ(tooLong.address.sun_path[0], 0);
     EXPECT_FALSE(tooLong.WaitSignal(0xFFFFFFFF));
     tooLong.Signal();
 }

@@ -2,10 +2,8 @@
 // UTF-8 tag, on real files.
 #include <gtest/gtest.h>
 #include <sys/xattr.h>
-#include <unistd.h>
 
 #include <cstdlib>
-#include <fstream>
 #include <string>
 
 #include "support/tempfolder.h"
@@ -25,11 +23,16 @@ protected:
     static std::string Text(const LStringLongTemplate<char>& text) {
         return text.pData != nullptr ? text.pData : "";
     }
+    // What a loader reads into a string that held other text.
+    using Loader = bool (*)(const char*, LStringLongTemplate<char>&);
+    static std::string Load(Loader load, const std::string& path) {
+        LStringLongTemplate<char> text;
+        text = "stale";
+        return load(path.c_str(), text) ? Text(text) : "(not loaded)";
+    }
     TempFolder temp{"tavix-textfiles"};
     std::string folder = temp.path;
 };
-
-using Loader = bool (*)(const char*, LStringLongTemplate<char>&);
 
 TEST_F(TextFilesTest, EachLoaderReadsMarksItsOwnWay) {
     const std::string bigEndian = Write("be", std::string("\xFE\xFF\x00\x41\x00\x42", 6));
@@ -38,52 +41,37 @@ TEST_F(TextFilesTest, EachLoaderReadsMarksItsOwnWay) {
                                          "a");
     const std::string markOnly = Write("mark", "\xEF\xBB\xBF");
     const std::string plain = Write("plain", "caf\xC3\xA9");
-    LStringLongTemplate<char> text;
-
     for (Loader load : {LLoadTextUnicode, LLoadTextAutoChar}) {
-        ASSERT_TRUE(load(bigEndian.c_str(), text));
-        EXPECT_EQ("AB", Text(text));
-        ASSERT_TRUE(load(littleEndian.c_str(), text));
-        EXPECT_EQ("AB", Text(text));
+        EXPECT_EQ("AB", Load(load, bigEndian));
+        EXPECT_EQ("AB", Load(load, littleEndian));
     }
     // Native order, mark kept: FFFE, 4100, 4200 as UTF-8.
-    ASSERT_TRUE(LLoadTextAsUTF16(bigEndian.c_str(), text));
-    EXPECT_EQ("\xEF\xBF\xBE\xE4\x84\x80\xE4\x88\x80", Text(text));
-    ASSERT_TRUE(LLoadTextAsUTF16(littleEndian.c_str(), text));
+    EXPECT_EQ("\xEF\xBF\xBE\xE4\x84\x80\xE4\x88\x80", Load(LLoadTextAsUTF16, bigEndian));
     EXPECT_EQ("\xEF\xBB\xBF"
               "AB",
-              Text(text))
+              Load(LLoadTextAsUTF16, littleEndian))
         << "the mark stays as U+FEFF";
 
-    ASSERT_TRUE(LLoadTextAutoChar(utf8.c_str(), text));
-    EXPECT_EQ("a", Text(text));
-    ASSERT_TRUE(LLoadText(utf8.c_str(), text));
+    EXPECT_EQ("a", Load(LLoadTextAutoChar, utf8));
     EXPECT_EQ("\xEF\xBB\xBF"
               "a",
-              Text(text));
-    ASSERT_TRUE(LLoadTextAutoChar(markOnly.c_str(), text));
-    EXPECT_EQ("", Text(text));
-    ASSERT_TRUE(LLoadTextAutoChar(plain.c_str(), text));
-    EXPECT_EQ("caf\xC3\xA9", Text(text)) << "no mark: the bytes as they are";
+              Load(LLoadText, utf8));
+    EXPECT_EQ("", Load(LLoadTextAutoChar, markOnly));
+    EXPECT_EQ("caf\xC3\xA9", Load(LLoadTextAutoChar, plain)) << "no mark: the bytes as they are";
 }
 
 TEST_F(TextFilesTest, EmptyOddAndMissingFiles) {
     const std::string empty = Write("empty", "");
     const std::string single = Write("single", "x");
     const std::string odd = Write("odd", std::string("\xFE\xFF\x00\x41\x00", 5));
-    LStringLongTemplate<char> text;
-    for (Loader load : {LLoadText, LLoadTextUnicode, LLoadTextAsUTF16, LLoadTextAutoChar}) {
-        ASSERT_TRUE(load(empty.c_str(), text));
-        EXPECT_EQ("", Text(text));
-    }
-    ASSERT_TRUE(LLoadTextUnicode(single.c_str(), text));
-    EXPECT_EQ("", Text(text));
-    ASSERT_TRUE(LLoadTextUnicode(odd.c_str(), text));
-    EXPECT_EQ("A", Text(text)) << "an odd last byte is ignored";
-    ASSERT_TRUE(LLoadTextAutoChar(odd.c_str(), text));
-    EXPECT_EQ("A", Text(text)) << "the odd byte pairs with a zero: U+0000 ends the text";
+    for (Loader load : {LLoadText, LLoadTextUnicode, LLoadTextAsUTF16, LLoadTextAutoChar})
+        EXPECT_EQ("", Load(load, empty));
+    EXPECT_EQ("", Load(LLoadTextUnicode, single));
+    EXPECT_EQ("A", Load(LLoadTextUnicode, odd)) << "an odd last byte is ignored";
+    EXPECT_EQ("A", Load(LLoadTextAutoChar, odd))
+        << "the odd byte pairs with a zero: U+0000 ends the text";
 
-    text.SetLength(0);
+    LStringLongTemplate<char> text;
     LSaveText((folder + "/keep").c_str(), "kept");
     ASSERT_TRUE(LLoadText((folder + "/keep").c_str(), text));
     for (Loader load : {LLoadText, LLoadTextUnicode, LLoadTextAsUTF16, LLoadTextAutoChar}) {
@@ -131,9 +119,7 @@ TEST_F(TextFilesTest, Utf16WithAMarkRoundTrips) {
     const std::string mixed = "gr\xC3\xBC\xC3\x9F\xE6\x97\xA5";
     text = mixed.c_str();
     LSaveTextAsUnicodeBOM(path.c_str(), text);
-    LStringLongTemplate<char> loaded;
-    ASSERT_TRUE(LLoadTextAutoChar(path.c_str(), loaded));
-    EXPECT_EQ(mixed, Text(loaded));
+    EXPECT_EQ(mixed, Load(LLoadTextAutoChar, path));
 }
 
 } // namespace
