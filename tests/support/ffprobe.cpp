@@ -1,8 +1,9 @@
 #include "support/ffprobe.h"
 
-#include <cstdio>
 #include <cstdlib>
 #include <sstream>
+
+#include "support/process.h"
 
 const ProbedStream* ProbedMovie::Find(const std::string& codecType) const {
     for (const ProbedStream& stream : streams)
@@ -17,18 +18,15 @@ bool HaveFFprobe() {
 
 ProbedMovie ProbeMovie(const std::string& path) {
     ProbedMovie movie;
-    const std::string command =
-        "ffprobe -v error -count_frames -show_entries "
+    // Quiet, so that no diagnostics mix into the output, which holds standard error too.
+    const CommandOutput run = RunCommand(
+        "ffprobe -v quiet -count_frames -show_entries "
         "format=format_name,duration:stream=codec_type,codec_name,nb_read_frames,width,height,"
         "sample_rate,channels -of compact=p=1:nk=0 '" +
-        path + "' 2>/dev/null";
-    FILE* pipe = popen(command.c_str(), "r");
-    if (pipe == nullptr)
-        return movie;
-    char line[4096];
-    while (fgets(line, sizeof line, pipe) != nullptr) {
-        std::string text(line);
-        while (!text.empty() && (text.back() == '\n' || text.back() == '\r'))
+        path + "'");
+    std::istringstream lines(run.output);
+    for (std::string text; std::getline(lines, text);) {
+        if (!text.empty() && text.back() == '\r')
             text.pop_back();
         std::stringstream fields(text);
         std::string section, field;
@@ -61,6 +59,6 @@ ProbedMovie ProbeMovie(const std::string& path) {
         if (section == "stream")
             movie.streams.push_back(stream);
     }
-    movie.readable = pclose(pipe) == 0 && !movie.formatName.empty();
+    movie.readable = run.status == 0 && !movie.formatName.empty();
     return movie;
 }

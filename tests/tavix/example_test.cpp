@@ -2,18 +2,14 @@
 #include <gtest/gtest.h>
 #include <string>
 
+#include "support/process.h"
+
 // The plain-C example host runs against the built library and sees frames and sound.
 TEST(ExampleHost, CapturesTwoSecondsFromTheTestDevices) {
-    const std::string command =
-        std::string(TAVIX_BINARY_DIR) + "/examples/tavix_example_capture 2>&1";
-    FILE* pipe = popen(command.c_str(), "r");
-    ASSERT_NE(nullptr, pipe);
-    std::string output;
-    char line[512];
-    while (fgets(line, sizeof line, pipe) != nullptr)
-        output += line;
-    const int status = pclose(pipe);
-    EXPECT_EQ(0, status) << output;
+    const CommandOutput run =
+        RunCommand(std::string(TAVIX_BINARY_DIR) + "/examples/tavix_example_capture");
+    const std::string& output = run.output;
+    EXPECT_EQ(0, run.status) << output;
     EXPECT_NE(std::string::npos, output.find("device: Tavix Test Camera")) << output;
     EXPECT_NE(std::string::npos, output.find("format: video 2vuy 1280 x 720")) << output;
     unsigned long frames = 0, width = 0, height = 0, samples = 0;
