@@ -12,6 +12,10 @@
 # script's. Exit status 77 means the VM could not be started (the reason is printed): callers
 # treat it as "skipped".
 #
+# vivid is loaded with the options in $TAVIX_VM_VIVID (default "n_devs=1": one instance, its
+# capture node with four inputs), e.g. TAVIX_VM_VIVID="n_devs=2 multiplanar=1,2" for a second,
+# multiplanar instance.
+#
 # The kernel package is downloaded once into $TAVIX_VM_CACHE (default /var/cache/tavix-vm).
 set -euo pipefail
 
@@ -20,6 +24,7 @@ skip() { echo "devvm: skipped: $*" >&2; exit 77; }
 
 cache=${TAVIX_VM_CACHE:-/var/cache/tavix-vm}
 timeout_s=${TAVIX_VM_TIMEOUT:-600}
+vivid_options=${TAVIX_VM_VIVID:-n_devs=1}
 for tool in qemu-system-x86_64 depmod modprobe; do
   command -v "$tool" >/dev/null 2>&1 || skip "$tool is not installed (scripts/install-deps.sh installs it)"
 done
@@ -50,7 +55,7 @@ vmlinuz="$kroot/boot/vmlinuz-$version"
 [ -f "$vmlinuz" ] || skip "no kernel image in $kroot"
 
 # The initrd: static busybox, the modules 9p needs, and /init.
-initrd="$cache/initrd-3.gz" # the number changes with /init below
+initrd="$cache/initrd-4.gz" # the number changes with /init below
 if [ ! -f "$initrd" ]; then
   work=$(mktemp -d)
   mkdir -p "$work"/{bin,modules,proc,sys,dev,host}
@@ -84,7 +89,7 @@ mkdir -p /host$share
 mount -t 9p -o trans=virtio,version=9p2000.L,msize=262144 share /host$share
 kver=$(sed -n 's/.*tavix_kver=\([^ ]*\).*/\1/p' /proc/cmdline)
 kroot=$(sed -n 's/.*tavix_kroot=\([^ ]*\).*/\1/p' /proc/cmdline)
-chroot /host /usr/sbin/modprobe -d $kroot -S $kver vivid n_devs=1 >/dev/null 2>&1
+chroot /host /usr/sbin/modprobe -d $kroot -S $kver vivid $(cat /host$share/vivid-options) >/dev/null 2>&1
 chroot /host /usr/sbin/modprobe -d $kroot -S $kver snd-aloop >/dev/null 2>&1
 chroot /host /bin/sh -c "TAVIX_VM_SHARE=$share HOME=/tmp sh $share/command.sh" > /host$share/output 2>&1
 echo $? > /host$share/status
@@ -104,6 +109,7 @@ trap 'rm -rf "$share"' EXIT
   echo "cd $(printf '%q' "$PWD") || exit 125"
   printf '%q ' "$@"; echo
 } > "$share/command.sh"
+echo "$vivid_options" > "$share/vivid-options"
 
 timeout "$timeout_s" qemu-system-x86_64 -accel tcg -cpu max -m 1024 -smp 2 -nographic -no-reboot \
   -kernel "$vmlinuz" -initrd "$initrd" \

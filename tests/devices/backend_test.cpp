@@ -80,21 +80,6 @@ TEST(RealDevices, ACameraDeliversEachFormatAndSizeAsked) {
         }
 }
 
-// The file a mapping of this process's memory at `address` comes from ("" for anonymous memory).
-std::string MappedFileOf(const void* address) {
-    std::ifstream maps("/proc/self/maps");
-    std::string line;
-    const auto where = reinterpret_cast<uintptr_t>(address);
-    while (std::getline(maps, line)) {
-        uintptr_t start = 0, end = 0;
-        if (sscanf(line.c_str(), "%lx-%lx", &start, &end) != 2 || where < start || where >= end)
-            continue;
-        const size_t slash = line.find('/');
-        return slash == std::string::npos ? "" : line.substr(slash);
-    }
-    return "";
-}
-
 std::atomic<const unsigned char*> seenPixels{nullptr};
 std::string seenFile;
 

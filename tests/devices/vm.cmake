@@ -16,3 +16,18 @@ add_test(NAME devices_vm
          COMMAND ${PROJECT_SOURCE_DIR}/scripts/devvm.sh sh -c "status=0; ${vm_command}exit $status"
          WORKING_DIRECTORY ${PROJECT_SOURCE_DIR})
 set_tests_properties(devices_vm PROPERTIES SKIP_RETURN_CODE 77 TIMEOUT 900 RUN_SERIAL TRUE)
+
+# A second boot whose vivid has two instances, the second multiplanar, each capture node with
+# its four inputs (webcam, TV, S-Video, HDMI): the multiplanar and input tests.
+set(TAVIX_DEVICE_VM_INPUT_TESTS test_devices_multiplanar)
+set(vm_command "")
+foreach(program ${TAVIX_DEVICE_VM_INPUT_TESTS})
+  if(TARGET ${program})
+    string(APPEND vm_command "$<TARGET_FILE:${program}> --gtest_brief=1 || status=1; ")
+  endif()
+endforeach()
+add_test(NAME devices_vm_inputs
+         COMMAND ${CMAKE_COMMAND} -E env "TAVIX_VM_VIVID=n_devs=2 multiplanar=1,2"
+                 ${PROJECT_SOURCE_DIR}/scripts/devvm.sh sh -c "status=0; ${vm_command}exit $status"
+         WORKING_DIRECTORY ${PROJECT_SOURCE_DIR})
+set_tests_properties(devices_vm_inputs PROPERTIES SKIP_RETURN_CODE 77 TIMEOUT 900 RUN_SERIAL TRUE)

@@ -16,6 +16,19 @@ V4L2DeviceInfo FindCameraOffering(uint32_t fourcc);
         GTEST_SKIP() << "no V4L2 camera offering this format (scripts/devvm.sh has one)";          \
     }
 
+// The first multiplanar capture node (vivid multiplanar=2); an empty path when there is none.
+V4L2DeviceInfo FindMultiplanarCamera();
+
+#define REQUIRE_MULTIPLANAR_CAMERA(info)                                                           \
+    const V4L2DeviceInfo info = FindMultiplanarCamera();                                           \
+    if (info.path.empty()) {                                                                       \
+        GTEST_SKIP() << "no multiplanar V4L2 camera (the devices_vm_inputs VM boot has one)";      \
+    }
+
+// The file a mapping of this process's memory at `address` comes from ("" for anonymous
+// memory): a frame lent from a driver's buffer reads from "/dev/videoN".
+std::string MappedFileOf(const void* address);
+
 // The loopback card's capture side (what is played into kLoopbackPlayback comes out here).
 extern const char* const kLoopbackCapture;
 extern const char* const kLoopbackPlayback;

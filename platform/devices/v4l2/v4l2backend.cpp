@@ -1,7 +1,8 @@
-// V4L2 cameras as capture devices: every video capture node that can stream, its formats in
-// the platform's pixel formats, and a stream that hands out the driver's mapped buffers
-// themselves (no pixel copy) or, for Motion-JPEG cameras, pictures decoded straight into the
-// format the outputs asked for.
+// V4L2 cameras as capture devices: every video capture node that can stream (single-planar or
+// multiplanar), its formats in the platform's pixel formats, and a stream that hands out the
+// driver's mapped buffers themselves (no pixel copy), pictures joined from formats whose planes
+// sit in separate buffers (one copy), or, for Motion-JPEG cameras, pictures decoded straight
+// into the format the outputs asked for.
 #include "platform/devices/v4l2/v4l2backend.h"
 
 #include <linux/videodev2.h>
@@ -13,6 +14,7 @@
 #include "platform/devices/v4l2/mjpegdecoder.h"
 #include "platform/devices/v4l2/v4l2colour.h"
 #include "platform/devices/v4l2/v4l2negotiation.h"
+#include "platform/devices/v4l2/v4l2planes.h"
 #include "platform/pixelformats.h"
 
 namespace {
@@ -30,13 +32,33 @@ bool IsMjpeg(uint32_t fourcc) {
     return fourcc == V4L2_PIX_FMT_MJPEG || fourcc == V4L2_PIX_FMT_JPEG;
 }
 
-// The platform's pixel format for a driver format: its own, or the decoded one for JPEG; 0 for
-// formats this backend cannot deliver.
+// The platform's pixel format for a driver format: its own, the one its separate planes are
+// joined into, or the decoded one for JPEG; 0 for formats this backend cannot deliver.
 OSType PlatformFormatOf(uint32_t fourcc) {
     if (IsMjpeg(fourcc))
         return kDecodedFormat;
-    const PixelFormatInfo* info = FindPixelFormatByV4L2(fourcc);
-    return info != nullptr ? info->pixelFormat : 0;
+    if (const PixelFormatInfo* info = FindPixelFormatByV4L2(fourcc))
+        return info->pixelFormat;
+    const V4L2SeparatePlanes* planes = V4L2FindSeparatePlanes(fourcc);
+    return planes != nullptr ? planes->pixelFormat : 0;
+}
+
+// The driver format to ask for when the outputs want `pixelFormat`: the one carrying it in a
+// single buffer (delivered without a copy) when offered, else one whose separate planes are
+// joined into it; 0 when the device offers neither.
+uint32_t WantedFourcc(const std::vector<V4L2Format>& formats, OSType pixelFormat) {
+    const PixelFormatInfo* wanted = pixelFormat != 0 ? FindPixelFormat(pixelFormat) : nullptr;
+    if (wanted == nullptr)
+        return 0;
+    uint32_t joined = 0;
+    for (const V4L2Format& format : formats) {
+        if (wanted->v4l2Format != 0 && format.fourcc == wanted->v4l2Format)
+            return format.fourcc;
+        const V4L2SeparatePlanes* planes = V4L2FindSeparatePlanes(format.fourcc);
+        if (joined == 0 && planes != nullptr && planes->pixelFormat == wanted->pixelFormat)
+            joined = format.fourcc;
+    }
+    return joined;
 }
 
 double SampleTime(double driverTime) {
@@ -60,11 +82,19 @@ public:
           decodedFormat(MjpegDecoder::DeliveredFormat(requested)) {
         const V4L2Camera::StreamFormat& format = this->camera->format();
         colour = V4L2Colour(format.colorspace, format.ycbcrEncoding, format.quantization);
+        separatePlanes = V4L2FindSeparatePlanes(format.fourcc);
+        if (separatePlanes != nullptr)
+            joinedPictures =
+                new CVPixelBufferPool(separatePlanes->pixelFormat, format.width, format.height);
     }
 
     ~V4L2Stream() override {
         camera->stop();
         camera->close();
+        if (joinedPictures != nullptr) {
+            joinedPictures->Invalidate();
+            joinedPictures->release();
+        }
     }
 
     Result Read(int timeoutMs, platform::CapturedSample& sample) override {
@@ -81,7 +111,9 @@ public:
         const V4L2Camera::StreamFormat& format = camera->format();
         sample.time = SampleTime(frame.timestamp);
         sample.frameRate = format.interval.framesPerSecond();
-        sample.video = IsMjpeg(format.fourcc) ? Decode(frame) : Wrap(frame);
+        sample.video = IsMjpeg(format.fourcc)      ? Decode(frame)
+                       : separatePlanes != nullptr ? Join(frame)
+                                                   : Wrap(frame);
         // A frame that cannot be used (damaged JPEG, short buffer) is skipped, not an error.
         return sample.video != nullptr ? Result::Sample : Result::Timeout;
     }
@@ -107,6 +139,16 @@ private:
         return buffer;
     }
 
+    // Planes in separate buffers become one picture, the driver's buffer going back at once.
+    CVPixelBufferRef Join(V4L2Frame& frame) {
+        CVPixelBufferRef picture =
+            V4L2JoinPlanes(frame, camera->format(), *separatePlanes, *joinedPictures);
+        frame.requeue();
+        if (picture != nullptr)
+            picture->colour = colour;
+        return picture;
+    }
+
     CVPixelBufferRef Decode(V4L2Frame& frame) {
         CVPixelBufferRef picture = decoder.Decode(frame.data, frame.bytesUsed, decodedFormat);
         frame.requeue();
@@ -118,6 +160,8 @@ private:
     YCbCrColour colour;   // of the driver's frames, as it reports them
     OSType decodedFormat; // of Motion-JPEG pictures
     MjpegDecoder decoder;
+    const V4L2SeparatePlanes* separatePlanes = nullptr; // when the format's planes are apart
+    CVPixelBufferPool* joinedPictures = nullptr;        // for those planes joined
 };
 
 class V4L2Device : public platform::BackendDevice {
@@ -149,6 +193,10 @@ public:
             const OSType pixelFormat = PlatformFormatOf(format.fourcc);
             if (pixelFormat == 0)
                 continue;
+            // NV12 and NV12M (YU12 and YUV420M...) reach the host as one format.
+            const V4L2SeparatePlanes* planes = V4L2FindSeparatePlanes(format.fourcc);
+            if (planes != nullptr && WantedFourcc(info.formats, pixelFormat) != format.fourcc)
+                continue;
             for (const V4L2FrameSize& size : format.sizes) {
                 platform::DeviceFormat entry;
                 entry.kind = platform::MediaKind::Video;
@@ -168,15 +216,13 @@ public:
         const std::string node = V4L2FindNode(info.uniqueId);
         if (node.empty())
             return nullptr;
-        const PixelFormatInfo* wanted =
-            request.pixelFormat != 0 ? FindPixelFormat(request.pixelFormat) : nullptr;
         const uint32_t width =
             request.width != 0 ? static_cast<uint32_t>(request.width) : kDefaultWidth;
         const uint32_t height =
             request.height != 0 ? static_cast<uint32_t>(request.height) : kDefaultHeight;
         const V4L2Format* format = V4L2ChooseFormat(
-            info.formats, wanted != nullptr ? wanted->v4l2Format : 0, width, height, kWantedRate,
-            [](uint32_t fourcc) { return PlatformFormatOf(fourcc) != 0; });
+            info.formats, WantedFourcc(info.formats, request.pixelFormat), width, height,
+            kWantedRate, [](uint32_t fourcc) { return PlatformFormatOf(fourcc) != 0; });
         if (format == nullptr)
             return nullptr;
         const V4L2FrameSize size = V4L2NearestSize(*format, width, height);

@@ -14,6 +14,8 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include "platform/devices/v4l2/v4l2planes.h"
+
 namespace {
 
 // ioctl, restarted when a signal interrupts it.
@@ -122,10 +124,10 @@ int VideoNodeNumber(const char* name) {
 
 } // namespace
 
-std::vector<V4L2Format> V4L2EnumerateFormats(int fd) {
+std::vector<V4L2Format> V4L2EnumerateFormats(int fd, bool multiplanar) {
     std::vector<V4L2Format> formats;
     v4l2_fmtdesc query{};
-    query.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+    query.type = multiplanar ? V4L2_BUF_TYPE_VIDEO_CAPTURE_MPLANE : V4L2_BUF_TYPE_VIDEO_CAPTURE;
     for (query.index = 0; Ioctl(fd, VIDIOC_ENUM_FMT, &query) == 0; ++query.index) {
         V4L2Format format;
         format.fourcc = query.pixelformat;
@@ -149,7 +151,8 @@ bool V4L2QueryDevice(const std::string& path, V4L2DeviceInfo& info, bool withFor
         // capabilities in device_caps; the card-wide ones are in capabilities.
         uint32_t nodeCaps =
             (caps.capabilities & V4L2_CAP_DEVICE_CAPS) ? caps.device_caps : caps.capabilities;
-        usable = (nodeCaps & V4L2_CAP_VIDEO_CAPTURE) && (nodeCaps & V4L2_CAP_STREAMING);
+        usable = V4L2CaptureType(nodeCaps) != 0 && (nodeCaps & V4L2_CAP_STREAMING);
+        info.multiplanar = V4L2IsMultiplanar(V4L2CaptureType(nodeCaps));
     }
     if (usable) {
         info.card = TextOf(caps.card, sizeof caps.card);
@@ -161,7 +164,7 @@ bool V4L2QueryDevice(const std::string& path, V4L2DeviceInfo& info, bool withFor
         std::string where = info.busInfo.empty() ? info.card : info.busInfo;
         info.uniqueId = "v4l2:" + info.driver + ":" + where + ":" + std::to_string(info.nodeIndex);
         if (withFormats)
-            info.formats = V4L2EnumerateFormats(fd);
+            info.formats = V4L2EnumerateFormats(fd, info.multiplanar);
     }
     ::close(fd);
     return usable;
@@ -210,11 +213,16 @@ bool V4L2IsInUse(const std::string& path) {
         return errno == EBUSY;
     // Asking for no buffers changes nothing on a free queue and is refused with EBUSY when
     // another file handle owns it.
+    v4l2_capability caps{};
+    uint32_t nodeCaps = 0;
+    if (Ioctl(fd, VIDIOC_QUERYCAP, &caps) == 0)
+        nodeCaps =
+            (caps.capabilities & V4L2_CAP_DEVICE_CAPS) ? caps.device_caps : caps.capabilities;
     v4l2_requestbuffers request{};
     request.count = 0;
-    request.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+    request.type = V4L2CaptureType(nodeCaps);
     request.memory = V4L2_MEMORY_MMAP;
-    bool busy = Ioctl(fd, VIDIOC_REQBUFS, &request) == -1 && errno == EBUSY;
+    bool busy = request.type != 0 && Ioctl(fd, VIDIOC_REQBUFS, &request) == -1 && errno == EBUSY;
     ::close(fd);
     return busy;
 }
@@ -224,24 +232,23 @@ void V4L2Frame::requeue() {
         pool->requeue(index);
     pool.reset();
     data = nullptr;
+    planeCount = 0;
 }
 
 V4L2BufferPool::~V4L2BufferPool() {
-    for (const Mapping& mapping : mappings)
-        if (mapping.start)
-            munmap(mapping.start, mapping.length);
+    for (const std::vector<Mapping>& planes : mappings)
+        for (const Mapping& mapping : planes)
+            if (mapping.start)
+                munmap(mapping.start, mapping.length);
 }
 
 void V4L2BufferPool::requeue(uint32_t index) {
     std::lock_guard<std::mutex> hold(mutex);
     if (!streaming || index >= mappings.size())
         return;
-    v4l2_buffer buffer{};
-    buffer.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
-    buffer.memory = V4L2_MEMORY_MMAP;
-    buffer.index = index;
+    V4L2BufferSlot slot(type, planeCount, index);
     // A failure here means the device vanished or stopped; the capture loop finds out itself.
-    Ioctl(fd, VIDIOC_QBUF, &buffer);
+    Ioctl(fd, VIDIOC_QBUF, &slot.buffer);
 }
 
 V4L2Camera::Status V4L2Camera::statusFor(int error) {
@@ -263,45 +270,38 @@ V4L2Camera::Status V4L2Camera::open(const std::string& path) {
     fd = ::open(path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
     if (fd < 0)
         return errno == ENOENT ? (gone = true, Status::Gone) : statusFor(errno);
-    v4l2_format format{};
-    format.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
-    if (Ioctl(fd, VIDIOC_G_FMT, &format) == 0) {
-        current.fourcc = format.fmt.pix.pixelformat;
-        current.width = format.fmt.pix.width;
-        current.height = format.fmt.pix.height;
-        current.bytesPerLine = format.fmt.pix.bytesperline;
-        current.imageSize = format.fmt.pix.sizeimage;
-        current.colorspace = format.fmt.pix.colorspace;
-        current.ycbcrEncoding = format.fmt.pix.ycbcr_enc;
-        current.quantization = format.fmt.pix.quantization;
+    // Nodes that cannot say what they are are taken as single-planar; their ioctls then fail.
+    type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+    v4l2_capability caps{};
+    if (Ioctl(fd, VIDIOC_QUERYCAP, &caps) == 0) {
+        uint32_t nodeCaps =
+            (caps.capabilities & V4L2_CAP_DEVICE_CAPS) ? caps.device_caps : caps.capabilities;
+        if (uint32_t captureType = V4L2CaptureType(nodeCaps))
+            type = captureType;
     }
+    v4l2_format format{};
+    format.type = type;
+    if (Ioctl(fd, VIDIOC_G_FMT, &format) == 0)
+        V4L2ReadFormat(format, current);
     return Status::Ok;
+}
+
+bool V4L2Camera::isMultiplanar() const {
+    return V4L2IsMultiplanar(type);
 }
 
 V4L2Camera::Status V4L2Camera::setFormat(uint32_t fourcc, uint32_t width, uint32_t height,
                                          V4L2Fraction interval) {
     if (fd < 0 || pool)
         return Status::Failed;
-    v4l2_format format{};
-    format.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
-    format.fmt.pix.pixelformat = fourcc;
-    format.fmt.pix.width = width;
-    format.fmt.pix.height = height;
-    format.fmt.pix.field = V4L2_FIELD_ANY;
+    v4l2_format format = V4L2FormatRequest(type, fourcc, width, height, V4L2_FIELD_ANY);
     if (Ioctl(fd, VIDIOC_S_FMT, &format) == -1)
         return statusFor(errno);
-    current.fourcc = format.fmt.pix.pixelformat;
-    current.width = format.fmt.pix.width;
-    current.height = format.fmt.pix.height;
-    current.bytesPerLine = format.fmt.pix.bytesperline;
-    current.imageSize = format.fmt.pix.sizeimage;
-    current.colorspace = format.fmt.pix.colorspace;
-    current.ycbcrEncoding = format.fmt.pix.ycbcr_enc;
-    current.quantization = format.fmt.pix.quantization;
+    V4L2ReadFormat(format, current);
     current.interval = {};
 
     v4l2_streamparm parameters{};
-    parameters.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+    parameters.type = type;
     if (Ioctl(fd, VIDIOC_G_PARM, &parameters) == 0 &&
         (parameters.parm.capture.capability & V4L2_CAP_TIMEPERFRAME)) {
         if (interval.numerator && interval.denominator) {
@@ -320,7 +320,7 @@ V4L2Camera::Status V4L2Camera::start(unsigned bufferCount) {
         return Status::Failed;
     v4l2_requestbuffers request{};
     request.count = bufferCount;
-    request.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+    request.type = type;
     request.memory = V4L2_MEMORY_MMAP;
     if (Ioctl(fd, VIDIOC_REQBUFS, &request) == -1)
         return statusFor(errno);
@@ -330,6 +330,8 @@ V4L2Camera::Status V4L2Camera::start(unsigned bufferCount) {
         return Status::Failed;
     }
     auto buffers = std::make_shared<V4L2BufferPool>(fd);
+    buffers->type = type;
+    buffers->planeCount = current.planeCount;
     // On failure the buffers are freed again; `buffers` unmaps what was mapped.
     auto fail = [&](int error) {
         Status status = statusFor(error);
@@ -339,22 +341,23 @@ V4L2Camera::Status V4L2Camera::start(unsigned bufferCount) {
         return status;
     };
     for (uint32_t index = 0; index < request.count; ++index) {
-        v4l2_buffer buffer{};
-        buffer.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
-        buffer.memory = V4L2_MEMORY_MMAP;
-        buffer.index = index;
-        if (Ioctl(fd, VIDIOC_QUERYBUF, &buffer) == -1)
+        V4L2BufferSlot slot(type, current.planeCount, index);
+        if (Ioctl(fd, VIDIOC_QUERYBUF, &slot.buffer) == -1)
             return fail(errno);
-        void* start =
-            mmap(nullptr, buffer.length, PROT_READ | PROT_WRITE, MAP_SHARED, fd, buffer.m.offset);
-        if (start == MAP_FAILED)
-            return fail(errno);
-        buffers->mappings.push_back({start, buffer.length});
-        if (Ioctl(fd, VIDIOC_QBUF, &buffer) == -1)
+        buffers->mappings.emplace_back();
+        // A multiplanar buffer maps each memory plane on its own.
+        for (unsigned plane = 0; plane < slot.planeCount(); ++plane) {
+            void* start = mmap(nullptr, slot.length(plane), PROT_READ | PROT_WRITE, MAP_SHARED, fd,
+                               slot.offset(plane));
+            if (start == MAP_FAILED)
+                return fail(errno);
+            buffers->mappings.back().push_back({start, slot.length(plane)});
+        }
+        if (Ioctl(fd, VIDIOC_QBUF, &slot.buffer) == -1)
             return fail(errno);
     }
-    v4l2_buf_type type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
-    if (Ioctl(fd, VIDIOC_STREAMON, &type) == -1)
+    v4l2_buf_type streamType = v4l2_buf_type(type);
+    if (Ioctl(fd, VIDIOC_STREAMON, &streamType) == -1)
         return fail(errno);
     buffers->streaming = true;
     pool = std::move(buffers);
@@ -377,9 +380,8 @@ V4L2Camera::Wait V4L2Camera::waitFrame(int timeoutMs, V4L2Frame& frame) {
         if (ready == 0)
             return Wait::Timeout;
         // POLLERR and POLLHUP also come here: the dequeue below tells why.
-        v4l2_buffer buffer{};
-        buffer.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
-        buffer.memory = V4L2_MEMORY_MMAP;
+        V4L2BufferSlot slot(type, current.planeCount);
+        v4l2_buffer& buffer = slot.buffer;
         if (Ioctl(fd, VIDIOC_DQBUF, &buffer) == -1) {
             if (errno == EAGAIN)
                 continue;
@@ -389,16 +391,25 @@ V4L2Camera::Wait V4L2Camera::waitFrame(int timeoutMs, V4L2Frame& frame) {
             }
             return Wait::Failed;
         }
-        if (buffer.index >= pool->mappings.size())
+        if (buffer.index >= pool->mappings.size() ||
+            slot.planeCount() > pool->mappings[buffer.index].size())
             return Wait::Failed;
-        if ((buffer.flags & V4L2_BUF_FLAG_ERROR) || buffer.bytesused == 0) {
+        if ((buffer.flags & V4L2_BUF_FLAG_ERROR) || slot.bytesUsed(0) == 0) {
             pool->requeue(buffer.index);
             continue;
         }
         frame.pool = pool;
         frame.index = buffer.index;
-        frame.data = static_cast<const uint8_t*>(pool->mappings[buffer.index].start);
-        frame.bytesUsed = std::min<size_t>(buffer.bytesused, pool->mappings[buffer.index].length);
+        frame.planeCount = slot.planeCount();
+        for (unsigned plane = 0; plane < frame.planeCount; ++plane) {
+            const V4L2BufferPool::Mapping& mapping = pool->mappings[buffer.index][plane];
+            const size_t offset = std::min<size_t>(slot.dataOffset(plane), mapping.length);
+            frame.planes[plane].data = static_cast<const uint8_t*>(mapping.start) + offset;
+            frame.planes[plane].bytesUsed =
+                std::min<size_t>(slot.bytesUsed(plane), mapping.length - offset);
+        }
+        frame.data = frame.planes[0].data;
+        frame.bytesUsed = frame.planes[0].bytesUsed;
         frame.sequence = buffer.sequence;
         frame.timestamp = buffer.timestamp.tv_sec + buffer.timestamp.tv_usec / 1e6;
         frame.hasTimecode = (buffer.flags & V4L2_BUF_FLAG_TIMECODE) != 0;
@@ -420,11 +431,11 @@ void V4L2Camera::stop() {
         std::lock_guard<std::mutex> hold(pool->mutex);
         pool->streaming = false;
     }
-    v4l2_buf_type type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
-    Ioctl(fd, VIDIOC_STREAMOFF, &type);
+    v4l2_buf_type streamType = v4l2_buf_type(type);
+    Ioctl(fd, VIDIOC_STREAMOFF, &streamType);
     // Buffers still mapped by held frames are orphaned by the driver and freed when unmapped.
     v4l2_requestbuffers request{};
-    request.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+    request.type = type;
     request.memory = V4L2_MEMORY_MMAP;
     Ioctl(fd, VIDIOC_REQBUFS, &request);
     pool.reset();

@@ -11,6 +11,9 @@
 #include <string>
 #include <vector>
 
+// The most planes a buffer has (VIDEO_MAX_PLANES).
+constexpr unsigned kV4L2MaxPlanes = 8;
+
 // A frame interval in seconds, numerator / denominator (1/30 is 30 frames per second).
 struct V4L2Fraction {
     uint32_t numerator = 0;
@@ -38,19 +41,20 @@ struct V4L2Format {
 
 // What a capture node is, as enumeration reports it.
 struct V4L2DeviceInfo {
-    std::string path;        // "/dev/video0"
-    std::string card;        // the driver's card name
-    std::string driver;      // the driver's name ("uvcvideo", "vivid")
-    std::string busInfo;     // where the device sits ("usb-0000:00:14.0-1"), stable across reboots
-    unsigned nodeIndex = 0;  // the node's index among its device's nodes (sysfs "index")
-    std::string uniqueId;    // built from bus info and node index: stable across reboots
-    std::string displayName; // card name, made unique across devices by V4L2AssignDisplayNames
+    std::string path;         // "/dev/video0"
+    std::string card;         // the driver's card name
+    std::string driver;       // the driver's name ("uvcvideo", "vivid")
+    std::string busInfo;      // where the device sits ("usb-0000:00:14.0-1"), stable across reboots
+    unsigned nodeIndex = 0;   // the node's index among its device's nodes (sysfs "index")
+    std::string uniqueId;     // built from bus info and node index: stable across reboots
+    std::string displayName;  // card name, made unique across devices by V4L2AssignDisplayNames
+    bool multiplanar = false; // streams through the multiplanar API (VIDEO_CAPTURE_MPLANE)
     std::vector<V4L2Format> formats;
 };
 
 // Queries the node at `path`, with its formats when `withFormats`. Returns false (and leaves
-// `info` partly filled) when the node cannot be opened or is not a single-planar video capture
-// node that can stream. Any thread.
+// `info` partly filled) when the node cannot be opened or is not a video capture node
+// (single-planar or multiplanar) that can stream. Any thread.
 bool V4L2QueryDevice(const std::string& path, V4L2DeviceInfo& info, bool withFormats = true);
 
 // The video capture nodes under `folder` ("/dev" on a real system), in node-number order, with
@@ -71,7 +75,7 @@ void V4L2AssignDisplayNames(std::vector<V4L2DeviceInfo>& devices);
 // The formats, sizes and intervals of an open node, from ENUM_FMT, ENUM_FRAMESIZES and
 // ENUM_FRAMEINTERVALS. Stepwise and continuous ranges are offered as the common sizes inside
 // them plus their largest size.
-std::vector<V4L2Format> V4L2EnumerateFormats(int fd);
+std::vector<V4L2Format> V4L2EnumerateFormats(int fd, bool multiplanar = false);
 
 // True when another open file handle owns the node's buffer queue (another application is
 // capturing from it). False when the node is free or cannot be opened.
@@ -79,16 +83,24 @@ bool V4L2IsInUse(const std::string& path);
 
 class V4L2BufferPool;
 
+// One plane of a dequeued frame.
+struct V4L2Plane {
+    const uint8_t* data = nullptr; // where the plane's data starts in its mapped buffer
+    size_t bytesUsed = 0;          // bytes of frame data from there
+};
+
 // One dequeued frame. The memory stays mapped while any V4L2Frame or pool reference lives;
 // requeue() hands the buffer back to the driver (once; later calls do nothing).
 struct V4L2Frame {
     std::shared_ptr<V4L2BufferPool> pool; // keeps the mapping alive; empty when no frame is held
     uint32_t index = 0;                   // buffer index in the pool
-    const uint8_t* data = nullptr;        // the mapped buffer
+    const uint8_t* data = nullptr;        // the first plane's data (a one-plane format's frame)
     size_t bytesUsed = 0;                 // bytes of frame data in it
-    uint32_t sequence = 0;                // the driver's frame counter
-    double timestamp = 0;                 // capture time, CLOCK_MONOTONIC seconds
-    bool hasTimecode = false;             // the driver supplied a SMPTE timecode
+    unsigned planeCount = 0;              // memory planes: 1, or more for NV12M, YUV420M...
+    V4L2Plane planes[kV4L2MaxPlanes];
+    uint32_t sequence = 0;    // the driver's frame counter
+    double timestamp = 0;     // capture time, CLOCK_MONOTONIC seconds
+    bool hasTimecode = false; // the driver supplied a SMPTE timecode
     uint8_t hours = 0, minutes = 0, seconds = 0, frames = 0; // the timecode, when present
     uint32_t timecodeType = 0;                               // V4L2_TC_TYPE_*
     void requeue();
@@ -114,10 +126,12 @@ private:
         void* start = nullptr;
         size_t length = 0;
     };
-    std::mutex mutex;              // orders requeues against the end of streaming
-    int fd;                        // the camera's descriptor, valid while `streaming`
-    bool streaming = false;        // buffers may be queued
-    std::vector<Mapping> mappings; // by buffer index
+    std::mutex mutex;        // orders requeues against the end of streaming
+    int fd;                  // the camera's descriptor, valid while `streaming`
+    uint32_t type = 0;       // V4L2_BUF_TYPE_VIDEO_CAPTURE or its multiplanar kind
+    unsigned planeCount = 1; // memory planes per buffer
+    bool streaming = false;  // buffers may be queued
+    std::vector<std::vector<Mapping>> mappings; // by buffer index, then plane
 };
 
 // An open capture node. One thread drives it (open, format, start, waitFrame, stop, close);
@@ -137,8 +151,12 @@ public:
         uint32_t fourcc = 0;
         uint32_t width = 0;
         uint32_t height = 0;
-        uint32_t bytesPerLine = 0;
-        uint32_t imageSize = 0;
+        uint32_t bytesPerLine = 0; // of the first plane
+        uint32_t imageSize = 0;    // of all planes
+        uint32_t field = 0;        // V4L2_FIELD_*
+        unsigned planeCount = 1;   // memory planes: more than one for NV12M, YUV420M...
+        uint32_t planeBytesPerLine[kV4L2MaxPlanes] = {};
+        uint32_t planeSize[kV4L2MaxPlanes] = {};
         V4L2Fraction interval;      // empty when the driver does not say
         uint32_t colorspace = 0;    // V4L2_COLORSPACE_*
         uint32_t ycbcrEncoding = 0; // V4L2_YCBCR_ENC_*, 0 for the colorspace's default
@@ -150,8 +168,10 @@ public:
     V4L2Camera(const V4L2Camera&) = delete;
     V4L2Camera& operator=(const V4L2Camera&) = delete;
 
+    // Opens the node and learns whether it streams single-planar or multiplanar buffers.
     Status open(const std::string& path);
     bool isOpen() const { return fd >= 0; }
+    bool isMultiplanar() const;
     int descriptor() const { return fd; }
 
     // Asks for a format (S_FMT) and, when `interval` is not empty and the driver supports it,
@@ -177,6 +197,7 @@ private:
     Status statusFor(int error);
 
     int fd = -1;
+    uint32_t type = 0; // the node's capture buffer type, known once open
     bool gone = false;
     StreamFormat current;
     std::shared_ptr<V4L2BufferPool> pool; // set while streaming
