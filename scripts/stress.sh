@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Runs the whole test suite of a build folder RUNS times in a row with four busy loops beside it
-# (a loaded machine), and stops at the first run that fails.
+# (a loaded machine; STRESS_BUSY sets how many), and stops at the first run that fails.
 #   scripts/stress.sh BUILD_FOLDER [RUNS [CTEST_ARGUMENTS...]]
 # e.g. `scripts/stress.sh build 10 -E 'devices_vm|fuzz_'` leaves out the VM and the fuzz runs.
 set -euo pipefail
@@ -12,7 +12,7 @@ jobs="$(nproc)"
 busy=()
 stop_busy() { [ ${#busy[@]} -eq 0 ] || kill "${busy[@]}" 2>/dev/null || true; }
 trap stop_busy EXIT
-for _ in 1 2 3 4; do
+for _ in $(seq 1 "${STRESS_BUSY:-4}"); do
   sh -c 'while :; do :; done' &
   busy+=($!)
 done

@@ -82,7 +82,8 @@ void ExpectRecordingOf(const std::string& path, const CallbackLog& log, const ch
     ExpectPicturesOf(log, video->frames);
     EXPECT_EQ(soundCodec, audio->codecName);
     EXPECT_EQ(2, audio->channels);
-    EXPECT_NEAR(video->frames / 30.0, movie.duration, 0.25);
+    // The pictures keep the camera's timing (the sound may run on a little past them).
+    EXPECT_GE(movie.duration, video->frames / 30.0 - 0.1);
 }
 
 // The ways capture ends or goes on, as the host sees each: whether the session still runs,

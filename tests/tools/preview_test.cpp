@@ -1,6 +1,7 @@
 // `tavix preview` used as a person uses it, on a virtual X server: the picture in the window, a
 // window resized, keys that drive a deck, record and quit, and the refusal without a display.
 #include <gtest/gtest.h>
+#include <algorithm>
 #include <poll.h>
 #include <signal.h>
 #include <sys/prctl.h>
@@ -41,28 +42,39 @@ bool Contains(const std::string& text, const std::string& part) {
     return text.find(part) != std::string::npos;
 }
 
-// An X server of the test's own, on a display number it picks itself.
+// An X server of the test's own, on a display number no other server holds.
 class VirtualDisplay {
 public:
     VirtualDisplay() {
-        int ready[2];
-        if (pipe(ready) != 0)
-            return;
-        server = StartChild([&] {
-            prctl(PR_SET_PDEATHSIG, SIGTERM);
-            close(ready[0]);
-            const std::string fd = std::to_string(ready[1]);
-            execlp("Xvfb", "Xvfb", "-displayfd", fd.c_str(), "-screen", "0", "1024x768x24",
-                   "-nolisten", "tcp", static_cast<char*>(nullptr));
-            _exit(127);
-        });
-        close(ready[1]);
-        // The server writes its display number once it accepts clients.
-        pollfd wait = {ready[0], POLLIN, 0};
-        char number[16] = {};
-        if (poll(&wait, 1, 15000) == 1 && read(ready[0], number, sizeof number - 1) > 0)
-            name = ":" + std::string(number, strcspn(number, "\n"));
-        close(ready[0]);
+        // Numbers from this process's id, so two test programs rarely try the same one; a
+        // server that finds its number taken ends at once and the next is tried.
+        for (int attempt = 0; attempt < 20 && name.empty(); ++attempt) {
+            const std::string candidate =
+                ":" + std::to_string(100 + (getpid() * 7 + attempt * 13) % 800);
+            server = StartChild([&] {
+                prctl(PR_SET_PDEATHSIG, SIGTERM);
+                execlp("Xvfb", "Xvfb", candidate.c_str(), "-screen", "0", "1024x768x24",
+                       "-nolisten", "tcp", static_cast<char*>(nullptr));
+                _exit(127);
+            });
+            if (server <= 0)
+                return;
+            // Ready once a client gets an answer; gone when the server ended.
+            const bool answers = Eventually(
+                [&] {
+                    return waitpid(server, nullptr, WNOHANG) != 0 ||
+                           RunCommand("DISPLAY=" + candidate + " xdotool getdisplaygeometry")
+                                   .status == 0;
+                },
+                60);
+            if (answers && waitpid(server, nullptr, WNOHANG) == 0) {
+                name = candidate;
+            } else {
+                kill(server, SIGTERM);
+                waitpid(server, nullptr, 0);
+                server = -1;
+            }
+        }
     }
     ~VirtualDisplay() {
         if (server > 0) {
@@ -183,6 +195,9 @@ public:
                 _exit(126);
             setenv("DISPLAY", display.name.c_str(), 1);
             unsetenv("WAYLAND_DISPLAY");
+            // Xvfb's indirect GLX now and then leaves an OpenGL client waiting for a reply that
+            // never comes; SDL's software renderer draws the same picture without GLX.
+            setenv("SDL_RENDER_DRIVER", "software", 1);
             std::vector<char*> argv = {const_cast<char*>("tavix"), const_cast<char*>("preview")};
             for (const std::string& argument : arguments)
                 argv.push_back(const_cast<char*>(argument.c_str()));
@@ -219,9 +234,18 @@ public:
     std::string FindWindow(const std::string& title) {
         Eventually(
             [&] {
-                const CommandOutput found =
-                    display.Run("xdotool search --name '^" + title + "$' 2>/dev/null");
-                window = found.output.substr(0, found.output.find('\n'));
+                // The output carries xdotool's complaints too: the id is the line of digits.
+                const CommandOutput found = display.Run("xdotool search --name '^" + title + "$'");
+                window.clear();
+                size_t start = 0;
+                while (window.empty() && start < found.output.size()) {
+                    const size_t end =
+                        std::min(found.output.find('\n', start), found.output.size());
+                    const std::string line = found.output.substr(start, end - start);
+                    if (!line.empty() && line.find_first_not_of("0123456789") == std::string::npos)
+                        window = line;
+                    start = end + 1;
+                }
                 return found.status == 0 && !window.empty();
             },
             20);
