@@ -2,7 +2,7 @@
 JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?=
 
-.PHONY: all deps build tool check demo asan tsan bench format vmtest clean fuzz
+.PHONY: all deps build tool check demo asan tsan stress bench format vmtest clean fuzz
 
 all: build
 
@@ -35,12 +35,14 @@ tsan: deps
 
 # The whole suite STRESS_RUNS times in a row beside four busy loops, in the normal and the
 # ThreadSanitizer builds (scripts/stress.sh); stops at the first failing run.
+# STRESS_CTEST passes ctest arguments on, e.g. STRESS_CTEST="-E 'devices_vm|fuzz_'".
 STRESS_RUNS ?= 10
+STRESS_CTEST ?=
 stress: deps build
 	cmake -S . -B build-tsan -DTAVIX_SANITIZE=thread -DTAVIX_BUILD_BENCH=OFF $(CMAKE_FLAGS)
 	cmake --build build-tsan -j $(JOBS)
-	bash scripts/stress.sh build $(STRESS_RUNS)
-	bash scripts/stress.sh build-tsan $(STRESS_RUNS)
+	bash scripts/stress.sh build $(STRESS_RUNS) $(STRESS_CTEST)
+	bash scripts/stress.sh build-tsan $(STRESS_RUNS) $(STRESS_CTEST)
 
 # The main job: records five seconds from the built-in test camera and microphone into a
 # QuickTime movie, writes a PNG snapshot and prints the summary (files in build/demo/).
