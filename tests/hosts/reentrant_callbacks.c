@@ -29,6 +29,7 @@ static struct {
     unsigned long device;
     atomic_int videoCalls, audioCalls, otherCalls, thirdCalls;
     atomic_int callsAfterAction; /* calls that arrived after the callback's own stop */
+    atomic_int claimed;          /* a callback has taken the action on itself */
     atomic_int acted;            /* the callback has done its action */
     atomic_int actionFailed;     /* a call in the action answered wrongly */
 } gHost;
@@ -40,6 +41,7 @@ static void ResetHost(unsigned long device) {
     atomic_store(&gHost.otherCalls, 0);
     atomic_store(&gHost.thirdCalls, 0);
     atomic_store(&gHost.callsAfterAction, 0);
+    atomic_store(&gHost.claimed, 0);
     atomic_store(&gHost.acted, 0);
     atomic_store(&gHost.actionFailed, 0);
 }
@@ -113,11 +115,20 @@ static void Finish(unsigned long camera) {
     TavixDeviceRelease(camera);
 }
 
-/* Counts calls after the callback acted; the action runs on the third call. */
+/* Counts calls after the callback acted; the action runs once, from the third call on. */
 static bool CountCall(atomic_int* calls) {
     if (atomic_load(&gHost.acted))
         atomic_fetch_add(&gHost.callsAfterAction, 1);
-    return atomic_fetch_add(calls, 1) + 1 == 3;
+    return atomic_fetch_add(calls, 1) + 1 >= 3 && !atomic_exchange(&gHost.claimed, 1);
+}
+
+/* The same, once sound has come too: a recording starts only when it has pictures and sound,
+   so a stop before that would leave no file. */
+static bool CountCallOnceRecording(atomic_int* calls) {
+    if (atomic_load(&gHost.acted))
+        atomic_fetch_add(&gHost.callsAfterAction, 1);
+    return atomic_fetch_add(calls, 1) + 1 >= 3 && atomic_load(&gHost.audioCalls) >= 2 &&
+           !atomic_exchange(&gHost.claimed, 1);
 }
 
 static void Expect(bool answer) {
@@ -128,7 +139,9 @@ static void Expect(bool answer) {
 static void CountAudio(const unsigned char* s, unsigned int f, unsigned long r, unsigned long c,
                        unsigned long b, unsigned long n, long data) {
     (void)s, (void)f, (void)r, (void)c, (void)b, (void)n, (void)data;
-    CountCall(&gHost.audioCalls);
+    if (atomic_load(&gHost.acted))
+        atomic_fetch_add(&gHost.callsAfterAction, 1);
+    atomic_fetch_add(&gHost.audioCalls, 1);
 }
 
 /* The cases' video callbacks. */
@@ -136,7 +149,7 @@ static void CountAudio(const unsigned char* s, unsigned int f, unsigned long r, 
 static void StopCaptureOnFrame(const unsigned char* p, unsigned long f, unsigned long w,
                                unsigned long h, unsigned long r, const SMPTETime* t, long data) {
     (void)p, (void)f, (void)w, (void)h, (void)r, (void)t, (void)data;
-    if (!CountCall(&gHost.videoCalls))
+    if (!CountCallOnceRecording(&gHost.videoCalls))
         return;
     Expect(TavixDeviceStopCapture(gHost.device));
     Expect(!TavixDeviceIsCapturing(gHost.device));
@@ -146,7 +159,7 @@ static void StopCaptureOnFrame(const unsigned char* p, unsigned long f, unsigned
 static void StopRecordingOnFrame(const unsigned char* p, unsigned long f, unsigned long w,
                                  unsigned long h, unsigned long r, const SMPTETime* t, long data) {
     (void)p, (void)f, (void)w, (void)h, (void)r, (void)t, (void)data;
-    if (!CountCall(&gHost.videoCalls))
+    if (!CountCallOnceRecording(&gHost.videoCalls))
         return;
     Expect(TavixDeviceStopRecording(gHost.device));
     Expect(TavixDeviceIsCapturing(gHost.device));
@@ -218,7 +231,9 @@ static void StopCaptureOnSound(const unsigned char* s, unsigned int f, unsigned 
 static void CountVideo(const unsigned char* p, unsigned long f, unsigned long w, unsigned long h,
                        unsigned long r, const SMPTETime* t, long data) {
     (void)p, (void)f, (void)w, (void)h, (void)r, (void)t, (void)data;
-    CountCall(&gHost.videoCalls);
+    if (atomic_load(&gHost.acted))
+        atomic_fetch_add(&gHost.callsAfterAction, 1);
+    atomic_fetch_add(&gHost.videoCalls, 1);
 }
 
 /* The cases. */
