@@ -23,13 +23,9 @@ void OnInterrupt(int) {
     interrupted = 1;
 }
 
-struct CaptureOptions {
-    std::string device;
-    std::string audioDevice;
+struct CaptureOptions : DeviceWishes {
     double seconds = 5;
-    std::string recordPath;
     std::string snapshotPath;
-    unsigned long pixelFormat = 0, width = 0, height = 0;
 };
 
 void PrintUsage() {
@@ -53,50 +49,22 @@ int ParseOptions(int argc, char** argv, CaptureOptions& options, bool& help) {
             help = true;
             return kExitOK;
         }
-        const bool takesValue = argument == "--audio" || argument == "--seconds" ||
-                                argument == "--record" || argument == "--snapshot" ||
-                                argument == "--format" || argument == "--size";
-        if (takesValue && i + 1 >= argc) {
+        if ((argument == "--seconds" || argument == "--snapshot") && i + 1 >= argc) {
             PrintError("%s needs a value", argument.c_str());
             return kExitUsage;
         }
-        if (argument == "--audio") {
-            options.audioDevice = argv[++i];
-        } else if (argument == "--seconds") {
+        if (argument == "--seconds") {
             if (!ParseSeconds(argv[++i], options.seconds)) {
                 PrintError("bad number of seconds \"%s\"", argv[i]);
                 return kExitUsage;
             }
-        } else if (argument == "--record") {
-            options.recordPath = argv[++i];
         } else if (argument == "--snapshot") {
             options.snapshotPath = argv[++i];
-        } else if (argument == "--format") {
-            if (!ParseFourCC(argv[++i], options.pixelFormat)) {
-                PrintError("bad pixel format \"%s\" (four characters, such as 2vuy or BGRA)",
-                           argv[i]);
-                return kExitUsage;
-            }
-        } else if (argument == "--size") {
-            if (!ParseSize(argv[++i], options.width, options.height)) {
-                PrintError("bad size \"%s\" (WIDTHxHEIGHT, such as 640x480)", argv[i]);
-                return kExitUsage;
-            }
-        } else if (!argument.empty() && argument[0] == '-') {
-            PrintError("unknown option %s", argument.c_str());
-            return kExitUsage;
-        } else if (options.device.empty()) {
-            options.device = argument;
-        } else {
-            PrintError("unexpected argument \"%s\"", argument.c_str());
-            return kExitUsage;
+        } else if (const int status = ParseDeviceWish(argc, argv, i, options); status != kExitOK) {
+            return status;
         }
     }
-    if (options.device.empty()) {
-        PrintError("capture needs a device name (see tavix list)");
-        return kExitUsage;
-    }
-    return kExitOK;
+    return RequireDevice(options, "capture");
 }
 
 // The library does not report a file it cannot write, so the command checks first.

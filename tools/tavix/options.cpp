@@ -52,3 +52,44 @@ void PrintError(const char* format, ...) {
     fputc('\n', stderr);
     va_end(arguments);
 }
+
+int ParseDeviceWish(int argc, char** argv, int& i, DeviceWishes& wishes) {
+    const std::string argument = argv[i];
+    const bool takesValue = argument == "--audio" || argument == "--record" ||
+                            argument == "--format" || argument == "--size";
+    if (takesValue && i + 1 >= argc) {
+        PrintError("%s needs a value", argument.c_str());
+        return kExitUsage;
+    }
+    if (argument == "--audio") {
+        wishes.audioDevice = argv[++i];
+    } else if (argument == "--record") {
+        wishes.recordPath = argv[++i];
+    } else if (argument == "--format") {
+        if (!ParseFourCC(argv[++i], wishes.pixelFormat)) {
+            PrintError("bad pixel format \"%s\" (four characters, such as 2vuy or BGRA)", argv[i]);
+            return kExitUsage;
+        }
+    } else if (argument == "--size") {
+        if (!ParseSize(argv[++i], wishes.width, wishes.height)) {
+            PrintError("bad size \"%s\" (WIDTHxHEIGHT, such as 640x480)", argv[i]);
+            return kExitUsage;
+        }
+    } else if (!argument.empty() && argument[0] == '-') {
+        PrintError("unknown option %s", argument.c_str());
+        return kExitUsage;
+    } else if (wishes.device.empty()) {
+        wishes.device = argument;
+    } else {
+        PrintError("unexpected argument \"%s\"", argument.c_str());
+        return kExitUsage;
+    }
+    return kExitOK;
+}
+
+int RequireDevice(const DeviceWishes& wishes, const char* command) {
+    if (!wishes.device.empty())
+        return kExitOK;
+    PrintError("%s needs a device name (see tavix list)", command);
+    return kExitUsage;
+}

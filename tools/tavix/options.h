@@ -14,6 +14,22 @@ bool ParseSize(const std::string& text, unsigned long& width, unsigned long& hei
 // A positive number of seconds, at most a day.
 bool ParseSeconds(const std::string& text, double& seconds);
 
+// What `capture` and `preview` both take: the device, a companion sound device, a recording and
+// the format wishes.
+struct DeviceWishes {
+    std::string device;
+    std::string audioDevice;
+    std::string recordPath;
+    unsigned long pixelFormat = 0, width = 0, height = 0;
+};
+
+// Reads argv[i] as one of the arguments every capturing command takes (NAME, --audio, --record,
+// --format, --size), moving i past its value. kExitOK when it was read; kExitUsage after printing
+// what is wrong (a missing or bad value, an unknown option, a second name).
+int ParseDeviceWish(int argc, char** argv, int& i, DeviceWishes& wishes);
+// kExitOK when a device was named; kExitUsage after printing what is missing.
+int RequireDevice(const DeviceWishes& wishes, const char* command);
+
 // Prints "tavix: message" on standard error.
 void PrintError(const char* format, ...) __attribute__((format(printf, 1, 2)));
 

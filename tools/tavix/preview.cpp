@@ -46,42 +46,10 @@ int ParseArguments(int argc, char** argv, PreviewOptions& arguments, bool& help)
             help = true;
             return kExitOK;
         }
-        const bool takesValue = argument == "--audio" || argument == "--record" ||
-                                argument == "--format" || argument == "--size";
-        if (takesValue && i + 1 >= argc) {
-            PrintError("%s needs a value", argument.c_str());
-            return kExitUsage;
-        }
-        if (argument == "--audio") {
-            arguments.audioDevice = argv[++i];
-        } else if (argument == "--record") {
-            arguments.recordPath = argv[++i];
-        } else if (argument == "--format") {
-            if (!ParseFourCC(argv[++i], arguments.pixelFormat)) {
-                PrintError("bad pixel format \"%s\" (four characters, such as 2vuy or BGRA)",
-                           argv[i]);
-                return kExitUsage;
-            }
-        } else if (argument == "--size") {
-            if (!ParseSize(argv[++i], arguments.width, arguments.height)) {
-                PrintError("bad size \"%s\" (WIDTHxHEIGHT, such as 640x480)", argv[i]);
-                return kExitUsage;
-            }
-        } else if (!argument.empty() && argument[0] == '-') {
-            PrintError("unknown option %s", argument.c_str());
-            return kExitUsage;
-        } else if (arguments.device.empty()) {
-            arguments.device = argument;
-        } else {
-            PrintError("unexpected argument \"%s\"", argument.c_str());
-            return kExitUsage;
-        }
+        if (const int status = ParseDeviceWish(argc, argv, i, arguments); status != kExitOK)
+            return status;
     }
-    if (arguments.device.empty()) {
-        PrintError("preview needs a device name (see tavix list)");
-        return kExitUsage;
-    }
-    return kExitOK;
+    return RequireDevice(arguments, "preview");
 }
 
 bool HasDisplay() {

@@ -7,14 +7,11 @@
 #include <vector>
 
 #include "llib/mac/tavix.h"
+#include "options.h"
 #include "previewfeed.h"
 
-struct PreviewOptions {
-    std::string device;
-    std::string audioDevice;
-    std::string recordPath; // empty: recordings get time-stamped names in the current folder
-    unsigned long pixelFormat = 0, width = 0, height = 0;
-};
+// recordPath empty: recordings get time-stamped names in the current folder.
+using PreviewOptions = DeviceWishes;
 
 class PreviewSession {
 public:
