@@ -176,30 +176,9 @@ int CaptureCommand(int argc, char** argv) {
         PrintError("cannot write %s: %s", options.snapshotPath.c_str(), strerror(errno));
         return kExitFailure;
     }
-    const unsigned long device = GetDeviceByName(options.device.c_str());
-    if (device == 0) {
-        PrintError("no capture device named \"%s\" (see tavix list)", options.device.c_str());
+    const unsigned long device = OpenNamedDevice(options.device, options.audioDevice);
+    if (device == 0)
         return kExitFailure;
-    }
-    if (!options.audioDevice.empty()) {
-        // Only checks the name; the capture layer opens the companion device itself.
-        const unsigned long audio =
-            TavixDeviceGet(options.audioDevice.c_str(), TavixDeviceMediaTypeSound);
-        if (audio == 0) {
-            PrintError("no sound device named \"%s\" (see tavix list)",
-                       options.audioDevice.c_str());
-            TavixDeviceRelease(device);
-            return kExitFailure;
-        }
-        TavixDeviceRelease(audio);
-    }
-    if (!TavixDeviceOpen(device)) {
-        PrintError("cannot open \"%s\"%s", options.device.c_str(),
-                   TavixDeviceIsUsedByAnotherApplication(device) ? ": in use by another application"
-                                                                 : "");
-        TavixDeviceRelease(device);
-        return kExitFailure;
-    }
 
     CaptureStats stats;
     const bool hasVideo = TavixDeviceHasMediaType(device, TavixDeviceMediaTypeVideo) ||

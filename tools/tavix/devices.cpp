@@ -58,7 +58,9 @@ struct FormatPrinter : ITavixDeviceFormatEnumerator {
     }
 };
 
-const char* TransportModeName(TavixDeviceTransportMode mode) {
+} // namespace
+
+const char* TransportModeText(TavixDeviceTransportMode mode) {
     static const char* const names[] = {"stopped",
                                         "playing",
                                         "rewinding",
@@ -68,8 +70,6 @@ const char* TransportModeName(TavixDeviceTransportMode mode) {
                                         "no transport controls"};
     return mode >= 0 && mode <= 6 ? names[mode] : "unknown";
 }
-
-} // namespace
 
 unsigned long GetDeviceByName(const char* name) {
     const TavixDeviceMediaType order[] = {TavixDeviceMediaTypeVideo, TavixDeviceMediaTypeMuxed,
@@ -177,7 +177,7 @@ int TransportCommand(int argc, char** argv) {
         SMPTETime time;
         memset(&time, 0, sizeof time);
         const bool hasTime = TavixDeviceGetSMPTETime(device.handle, &time);
-        printf("%s: %s", argv[1], TransportModeName(TavixDeviceGetTransportMode(device.handle)));
+        printf("%s: %s", argv[1], TransportModeText(TavixDeviceGetTransportMode(device.handle)));
         if (hasTime)
             printf(", timecode %02d:%02d:%02d:%02d", time.mHours, time.mMinutes, time.mSeconds,
                    time.mFrames);
@@ -185,4 +185,30 @@ int TransportCommand(int argc, char** argv) {
     }
     TavixDeviceClose(device.handle);
     return status;
+}
+
+unsigned long OpenNamedDevice(const std::string& name, const std::string& audioName) {
+    const unsigned long device = GetDeviceByName(name.c_str());
+    if (device == 0) {
+        PrintError("no capture device named \"%s\" (see tavix list)", name.c_str());
+        return 0;
+    }
+    if (!audioName.empty()) {
+        // Only checks the name; the capture layer opens the companion device itself.
+        const unsigned long audio = TavixDeviceGet(audioName.c_str(), TavixDeviceMediaTypeSound);
+        if (audio == 0) {
+            PrintError("no sound device named \"%s\" (see tavix list)", audioName.c_str());
+            TavixDeviceRelease(device);
+            return 0;
+        }
+        TavixDeviceRelease(audio);
+    }
+    if (!TavixDeviceOpen(device)) {
+        PrintError("cannot open \"%s\"%s", name.c_str(),
+                   TavixDeviceIsUsedByAnotherApplication(device) ? ": in use by another application"
+                                                                 : "");
+        TavixDeviceRelease(device);
+        return 0;
+    }
+    return device;
 }

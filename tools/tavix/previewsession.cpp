@@ -55,17 +55,6 @@ std::string Unused(const std::string& base) {
 
 } // namespace
 
-const char* TransportModeText(TavixDeviceTransportMode mode) {
-    static const char* const names[] = {"stopped",
-                                        "playing",
-                                        "rewinding",
-                                        "fast forwarding",
-                                        "fast reverse play",
-                                        "fast forward play",
-                                        "no transport controls"};
-    return mode >= 0 && mode <= 6 ? names[mode] : "unknown";
-}
-
 std::string TimeStamp() {
     const time_t now = time(nullptr);
     tm local{};
@@ -101,28 +90,9 @@ PreviewSession::~PreviewSession() {
 }
 
 bool PreviewSession::Start() {
-    device = GetDeviceByName(options.device.c_str());
-    if (device == 0) {
-        PrintError("no capture device named \"%s\" (see tavix list)", options.device.c_str());
+    device = OpenNamedDevice(options.device, options.audioDevice);
+    if (device == 0)
         return false;
-    }
-    if (!options.audioDevice.empty()) {
-        // Only checks the name; the capture layer opens the companion device itself.
-        const unsigned long audio =
-            TavixDeviceGet(options.audioDevice.c_str(), TavixDeviceMediaTypeSound);
-        if (audio == 0) {
-            PrintError("no sound device named \"%s\" (see tavix list)",
-                       options.audioDevice.c_str());
-            return false;
-        }
-        TavixDeviceRelease(audio);
-    }
-    if (!TavixDeviceOpen(device)) {
-        PrintError("cannot open \"%s\"%s", options.device.c_str(),
-                   TavixDeviceIsUsedByAnotherApplication(device) ? ": in use by another application"
-                                                                 : "");
-        return false;
-    }
     opened = true;
     hasVideo = TavixDeviceHasMediaType(device, TavixDeviceMediaTypeVideo) ||
                TavixDeviceHasMediaType(device, TavixDeviceMediaTypeMuxed);

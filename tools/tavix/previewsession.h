@@ -75,9 +75,6 @@ private:
     bool noticeIsFailure = false;
 };
 
-// Names for the transport modes, as the overlay and the event lines show them.
-const char* TransportModeText(TavixDeviceTransportMode mode);
-
 // "YYYYMMDD-HHMMSS" of the local time, for file names.
 std::string TimeStamp();
 // A file's size as "12.3 kB" or "4.5 MB"; "-" when it cannot be read.

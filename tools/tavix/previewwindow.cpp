@@ -8,6 +8,7 @@
 #include <string>
 
 #include "capturestats.h"
+#include "devices.h"
 #include "options.h"
 #include "previewoverlay.h"
 #include "previewsession.h"
