@@ -146,9 +146,10 @@ TEST_F(TavixCommand, AStallIsNotCountedAsDroppedFramesWhenTheFramesCameLate) {
     ASSERT_EQ(2, sscanf(rest.c_str() + at, "video %lu frames (%*f per second), %lu dropped",
                         &frames, &dropped))
         << rest;
-    // Never more than the time owed; fewer on a machine that cannot keep up, where the frames
-    // still owed after the last one came are not counted.
-    EXPECT_LE(static_cast<double>(frames + dropped), 30 * seconds + 4) << rest;
+    // About what the time owed: fewer on a machine that cannot keep up, where the frames still
+    // owed after the last one came are not counted, and a little more where its late frames
+    // come back to back for most of the time and shorten the learned interval.
+    EXPECT_LE(static_cast<double>(frames + dropped), 1.25 * 30 * seconds + 4) << rest;
     EXPECT_GE(frames + dropped, 30u) << rest;
 }
 
