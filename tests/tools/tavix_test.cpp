@@ -149,7 +149,11 @@ TEST_F(TavixCommand, AStallIsNotCountedAsDroppedFramesWhenTheFramesCameLate) {
     // About what the time owed: fewer on a machine that cannot keep up, where the frames still
     // owed after the last one came are not counted, and a little more where its late frames
     // come back to back for most of the time and shorten the learned interval.
+#if !defined(__SANITIZE_THREAD__)
+    // (The ThreadSanitizer build runs the camera and the command several times slower, so on a
+    // loaded machine its frame timing says nothing of the camera's.)
     EXPECT_LE(static_cast<double>(frames + dropped), 1.25 * 30 * seconds + 4) << rest;
+#endif
     EXPECT_GE(frames + dropped, 30u) << rest;
 }
 

@@ -12,11 +12,6 @@ double MonotonicSeconds() {
     return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
 }
 
-namespace {
-// Gaps learned whatever the timing, so a first estimate exists to judge the next ones by.
-constexpr uint64_t kLearnedGapsAtStart = 8;
-} // namespace
-
 void GapHistogram::Add(double seconds) {
     const double slot = seconds / kSlotSeconds;
     const size_t i = slot < kSlots - 1 ? static_cast<size_t>(slot) : kSlots - 1;
@@ -52,22 +47,20 @@ void CountVideoFrame(const unsigned char* pixels, unsigned long pixelFormat, uns
     const double now = MonotonicSeconds();
     if (stats.firstFrameTime == 0)
         stats.firstFrameTime = now;
+    if (stats.lastFrameTime > 0)
+        stats.gaps.Add(now - stats.lastFrameTime);
+    stats.lastFrameTime = now;
     const uint64_t frames = ++stats.frames;
-    // Dropped: the frames the time since the first one owed at the device's rate and that never
-    // came. The rate is learned from the gaps near their median, and only while frames keep to
-    // time: a stall (one long gap) and the burst of late frames after it say nothing of the
-    // rate, so frames that only came late are not counted, while frames a device lost are.
-    bool behind = false;
+    // Dropped: the frames the time since the first one should have brought at the device's
+    // rate, and did not. The rate comes from the gaps near the median: a stall (one long gap)
+    // and the burst of late frames after it (short gaps) do not move it, so frames that only
+    // came late are not counted, while frames a device lost are.
     const double interval = stats.gaps.Interval();
     if (interval > 0) {
         const double due = (now - stats.firstFrameTime) / interval + 1;
         const double missing = std::floor(due + 0.5) - static_cast<double>(frames);
-        behind = missing > 0;
-        stats.droppedFrames = behind ? static_cast<uint64_t>(missing) : 0;
+        stats.droppedFrames = missing > 0 ? static_cast<uint64_t>(missing) : 0;
     }
-    if (stats.lastFrameTime > 0 && (!behind || stats.gaps.count < kLearnedGapsAtStart))
-        stats.gaps.Add(now - stats.lastFrameTime);
-    stats.lastFrameTime = now;
     stats.width = width;
     stats.height = height;
     stats.pixelFormat = pixelFormat;
