@@ -95,24 +95,7 @@ TEST(Multiplanar, ACameraIsListedWithItsFormatsAndLendsItsBuffers) {
 
 TEST(Multiplanar, ACameraRecordsWhatTheCallbackSees) {
     REQUIRE_MULTIPLANAR_CAMERA(camera);
-    if (!HaveFFprobe())
-        GTEST_SKIP() << "ffprobe is not installed";
-    DeviceScope scope(TavixDeviceGet(camera.displayName.c_str(), TavixDeviceMediaTypeVideo));
-    ASSERT_TRUE(TavixDeviceOpen(scope.handle));
-    const std::string path = ::testing::TempDir() + "multiplanar.mov";
-    CallbackLog log;
-    ASSERT_TRUE(TavixDeviceStartCapture(scope.handle, LogFrame, DataOf(log),
-                                        kCVPixelFormatType_32BGRA, 320, 180, nullptr, 0, 0, 0, 0, 0,
-                                        path.c_str()));
-    EXPECT_TRUE(WaitUntil([&] { return log.frames >= 5; }, std::chrono::seconds(60)));
-    ASSERT_TRUE(TavixDeviceStopCapture(scope.handle));
-    const ProbedMovie movie = ProbeMovie(path);
-    ASSERT_TRUE(movie.readable);
-    const ProbedStream* video = movie.Find("video");
-    ASSERT_NE(nullptr, video);
-    EXPECT_NEAR(log.frames.load(), video->frames, 1);
-    EXPECT_EQ(320, video->width);
-    EXPECT_EQ(180, video->height);
+    ExpectCameraRecordsWhatTheCallbackSees(camera.displayName, 320, 180, 5, true);
 }
 
 // One plane of a picture, row by row.

@@ -3,7 +3,13 @@
 #include <cstdio>
 #include <fstream>
 
+#include <gtest/gtest.h>
+
+#include <chrono>
+
 #include "platform/devices/alsa/alsadevices.h"
+#include "support/ffprobe.h"
+#include "support/tavix_helpers.h"
 
 const char* const kLoopbackCapture = "hw:CARD=Loopback,DEV=1";
 const char* const kLoopbackPlayback = "hw:CARD=Loopback,DEV=0";
@@ -42,4 +48,28 @@ std::string LoopbackInputName() {
         if (device.pcmName == kLoopbackCapture)
             return device.displayName;
     return {};
+}
+
+void ExpectCameraRecordsWhatTheCallbackSees(const std::string& camera, unsigned long width,
+                                            unsigned long height, int frames, bool sizeIsNative) {
+    if (!HaveFFprobe())
+        GTEST_SKIP() << "ffprobe is not installed";
+    DeviceScope scope(TavixDeviceGet(camera.c_str(), TavixDeviceMediaTypeVideo));
+    ASSERT_TRUE(TavixDeviceOpen(scope.handle));
+    const std::string path = ::testing::TempDir() + "camera.mov";
+    CallbackLog log;
+    ASSERT_TRUE(TavixDeviceStartCapture(scope.handle, LogFrame, DataOf(log),
+                                        kCVPixelFormatType_32BGRA, width, height, nullptr, 0, 0, 0,
+                                        0, 0, path.c_str()));
+    EXPECT_TRUE(WaitUntil([&] { return log.frames >= frames; }, std::chrono::seconds(60)));
+    ASSERT_TRUE(TavixDeviceStopCapture(scope.handle));
+    const ProbedMovie movie = ProbeMovie(path);
+    ASSERT_TRUE(movie.readable);
+    const ProbedStream* video = movie.Find("video");
+    ASSERT_NE(nullptr, video);
+    EXPECT_NEAR(log.frames.load(), video->frames, 1);
+    if (sizeIsNative) {
+        EXPECT_EQ(static_cast<int>(width), video->width);
+        EXPECT_EQ(static_cast<int>(height), video->height);
+    }
 }

@@ -29,6 +29,12 @@ V4L2DeviceInfo FindMultiplanarCamera();
 // memory): a frame lent from a driver's buffer reads from "/dev/videoN".
 std::string MappedFileOf(const void* address);
 
+// Records `frames` pictures from the camera, asked for as BGRA at width x height, and checks
+// that the file plays and holds what the callback saw; also at that size when `sizeIsNative`
+// (the recording keeps the device's own pictures). Skips without ffprobe.
+void ExpectCameraRecordsWhatTheCallbackSees(const std::string& camera, unsigned long width,
+                                            unsigned long height, int frames, bool sizeIsNative);
+
 // The loopback card's capture side (what is played into kLoopbackPlayback comes out here).
 extern const char* const kLoopbackCapture;
 extern const char* const kLoopbackPlayback;
