@@ -121,6 +121,7 @@ void QTCaptureMovieFileOutput::Deliver(const platform::CapturedSample& sample, Q
                 active->video.pixelFormat = info->ffmpegFormat;
                 active->video.frameRate = sample.frameRate > 0 ? sample.frameRate : 30;
                 active->video.keepAsDV = keepDV;
+                active->video.fieldOrder = sample.video->fieldOrder;
                 active->haveVideo = true;
             }
         }

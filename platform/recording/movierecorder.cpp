@@ -227,6 +227,16 @@ bool MovieRecorder::Implementation::OpenVideo(const MovieVideoSettings& settings
             videoCodec->bit_rate = static_cast<int64_t>(settings.width) * settings.height * 4;
         }
     }
+    if (settings.fieldOrder != FieldOrder::Progressive) {
+        // Coded as fields, with the order in the stream and in the container's track. x264
+        // takes the order only from its own options: without them it codes bottom-first
+        // pictures as top-first, and players would show the fields the wrong way round.
+        const bool topFirst = settings.fieldOrder == FieldOrder::TopFirst;
+        videoCodec->flags |= AV_CODEC_FLAG_INTERLACED_DCT | AV_CODEC_FLAG_INTERLACED_ME;
+        videoCodec->field_order = topFirst ? AV_FIELD_TT : AV_FIELD_BB;
+        if (codec->id == AV_CODEC_ID_H264)
+            av_opt_set(videoCodec->priv_data, "x264-params", topFirst ? "tff=1" : "bff=1", 0);
+    }
     if (format->oformat->flags & AVFMT_GLOBALHEADER)
         videoCodec->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
     if (avcodec_open2(videoCodec, codec, nullptr) < 0)
@@ -334,6 +344,8 @@ bool MovieRecorder::Implementation::AppendVideo(const uint8_t* const planes[4],
     frame->format = videoCodec->pix_fmt;
     frame->width = videoCodec->width;
     frame->height = videoCodec->height;
+    frame->interlaced_frame = videoSettings.fieldOrder != FieldOrder::Progressive;
+    frame->top_field_first = videoSettings.fieldOrder == FieldOrder::TopFirst;
     if (av_frame_get_buffer(frame, 0) < 0) {
         FreeFrame(frame);
         return false;

@@ -97,6 +97,28 @@ TEST(V4L2Naming, SharedCardNamesAreNumberedInListOrder) {
     EXPECT_EQ("USB Camera (3)", devices[3].displayName);
 }
 
+TEST(V4L2Naming, InputsOfANodeShareItsNumberedCardName) {
+    // Two capture cards of one kind, two inputs each, then a single-input node of that kind.
+    std::vector<V4L2DeviceInfo> devices;
+    for (const char* path : {"/dev/video0", "/dev/video1"})
+        for (const char* input : {"Composite", "S-Video"}) {
+            V4L2DeviceInfo device;
+            device.path = path;
+            device.card = "Grabber";
+            device.selectsInput = true;
+            device.input.name = input;
+            devices.push_back(device);
+        }
+    devices.push_back(devices.front());
+    devices.back().path = "/dev/video2";
+    devices.back().selectsInput = false;
+    V4L2AssignDisplayNames(devices);
+    const char* expected[] = {"Grabber: Composite", "Grabber: S-Video", "Grabber (2): Composite",
+                              "Grabber (2): S-Video", "Grabber (3)"};
+    for (size_t i = 0; i < devices.size(); ++i)
+        EXPECT_EQ(expected[i], devices[i].displayName);
+}
+
 TEST(V4L2Listing, NodesThatAreNotCapturingDevicesAreLeftOut) {
     char folder[] = "/tmp/tavix-v4l2-XXXXXX";
     ASSERT_NE(nullptr, mkdtemp(folder));

@@ -329,3 +329,29 @@ TEST_F(MovieRecorderTest, PicturesKeepTheirColoursInEveryInputFormat) {
         CVPixelBufferRelease(decoded);
     }
 }
+
+// Interlaced pictures are marked with their field order in every container, and progressive
+// ones stay progressive, so players deinterlace exactly the pictures that need it.
+TEST_F(MovieRecorderTest, InterlacedPicturesAreMarkedWithTheirFieldOrder) {
+    struct Case {
+        FieldOrder order;
+        const char* probed;
+    } orders[] = {{FieldOrder::TopFirst, "tt"},
+                  {FieldOrder::BottomFirst, "bb"},
+                  {FieldOrder::Progressive, "progressive"}};
+    for (const char* extension : {"mov", "mp4", "mkv"})
+        for (const Case& c : orders) {
+            MovieVideoSettings video = Video(320, 240, 25);
+            video.fieldOrder = c.order;
+            const std::string path = folder + "/fields-" + c.probed + "." + extension;
+            SCOPED_TRACE(path);
+            auto recorder = MovieRecorder::Create(path, &video, nullptr);
+            ASSERT_TRUE(recorder);
+            Feed(*recorder, video, 0.4, 5.0, false);
+            EXPECT_TRUE(recorder->Finish());
+            const ProbedMovie movie = ProbeMovie(path);
+            ASSERT_TRUE(movie.readable);
+            ASSERT_NE(nullptr, movie.Find("video"));
+            EXPECT_EQ(c.probed, movie.Find("video")->fieldOrder);
+        }
+}

@@ -22,7 +22,7 @@ ProbedMovie ProbeMovie(const std::string& path) {
     const CommandOutput run = RunCommand(
         "ffprobe -v quiet -count_frames -show_entries "
         "format=format_name,duration:stream=codec_type,codec_name,nb_read_frames,width,height,"
-        "sample_rate,channels -of compact=p=1:nk=0 '" +
+        "sample_rate,channels,field_order,avg_frame_rate -of compact=p=1:nk=0 '" +
         path + "'");
     std::istringstream lines(run.output);
     for (std::string text; std::getline(lines, text);) {
@@ -55,6 +55,12 @@ ProbedMovie ProbeMovie(const std::string& path) {
                 stream.sampleRate = atoi(value.c_str());
             else if (key == "channels")
                 stream.channels = atoi(value.c_str());
+            else if (key == "field_order")
+                stream.fieldOrder = value;
+            else if (key == "avg_frame_rate" && value.find('/') != std::string::npos) {
+                const double denominator = atof(value.c_str() + value.find('/') + 1);
+                stream.frameRate = denominator > 0 ? atof(value.c_str()) / denominator : 0;
+            }
         }
         if (section == "stream")
             movie.streams.push_back(stream);

@@ -10,6 +10,8 @@ struct ProbedStream {
     long frames = -1; // frames counted by decoding (video) or packets (audio)
     int width = 0, height = 0;
     int sampleRate = 0, channels = 0;
+    std::string fieldOrder; // "progressive", "tt" (top field first), "bb"...; "" when unknown
+    double frameRate = 0;   // the stream's average picture rate
 };
 
 struct ProbedMovie {

@@ -61,6 +61,29 @@ uint32_t WantedFourcc(const std::vector<V4L2Format>& formats, OSType pixelFormat
     return joined;
 }
 
+// How the two fields of the driver's pictures sit in time. V4L2_FIELD_INTERLACED leaves the
+// order to the standard: 525-line (NTSC) video sends the bottom field first, the rest the top.
+FieldOrder FieldOrderOf(const V4L2Camera::StreamFormat& format) {
+    switch (format.field) {
+    case V4L2_FIELD_INTERLACED_TB:
+        return FieldOrder::TopFirst;
+    case V4L2_FIELD_INTERLACED_BT:
+        return FieldOrder::BottomFirst;
+    case V4L2_FIELD_INTERLACED:
+        return (format.standard & V4L2_STD_525_60) != 0 && (format.standard & V4L2_STD_625_50) == 0
+                   ? FieldOrder::BottomFirst
+                   : FieldOrder::TopFirst;
+    default:
+        return FieldOrder::Progressive;
+    }
+}
+
+// Whether pictures in this field layout are whole frames: not the two fields one after the
+// other in the buffer (SEQ_TB, SEQ_BT), which would need weaving first.
+bool DeliversWholeFrames(uint32_t field) {
+    return field != V4L2_FIELD_SEQ_TB && field != V4L2_FIELD_SEQ_BT;
+}
+
 double SampleTime(double driverTime) {
     // Drivers stamp buffers with CLOCK_MONOTONIC, the platform's clock; a driver that does not
     // stamp gets the time of dequeueing.
@@ -82,6 +105,7 @@ public:
           decodedFormat(MjpegDecoder::DeliveredFormat(requested)) {
         const V4L2Camera::StreamFormat& format = this->camera->format();
         colour = V4L2Colour(format.colorspace, format.ycbcrEncoding, format.quantization);
+        fieldOrder = FieldOrderOf(format);
         separatePlanes = V4L2FindSeparatePlanes(format.fourcc);
         if (separatePlanes != nullptr)
             joinedPictures =
@@ -114,6 +138,8 @@ public:
         sample.video = IsMjpeg(format.fourcc)      ? Decode(frame)
                        : separatePlanes != nullptr ? Join(frame)
                                                    : Wrap(frame);
+        if (sample.video != nullptr)
+            sample.video->fieldOrder = fieldOrder;
         // A frame that cannot be used (damaged JPEG, short buffer) is skipped, not an error.
         return sample.video != nullptr ? Result::Sample : Result::Timeout;
     }
@@ -156,9 +182,10 @@ private:
     }
 
     std::unique_ptr<V4L2Camera> camera;
-    OSType pixelFormat;   // of the driver's frames, for wrapped buffers
-    YCbCrColour colour;   // of the driver's frames, as it reports them
-    OSType decodedFormat; // of Motion-JPEG pictures
+    OSType pixelFormat;    // of the driver's frames, for wrapped buffers
+    YCbCrColour colour;    // of the driver's frames, as it reports them
+    FieldOrder fieldOrder; // of the driver's frames
+    OSType decodedFormat;  // of Motion-JPEG pictures
     MjpegDecoder decoder;
     const V4L2SeparatePlanes* separatePlanes = nullptr; // when the format's planes are apart
     CVPixelBufferPool* joinedPictures = nullptr;        // for those planes joined
@@ -227,13 +254,23 @@ public:
             return nullptr;
         const V4L2FrameSize size = V4L2NearestSize(*format, width, height);
         auto camera = std::make_unique<V4L2Camera>();
-        if (camera->open(node) != V4L2Camera::Status::Ok ||
-            camera->setFormat(format->fourcc, size.width, size.height,
-                              V4L2NearestInterval(size, kWantedRate)) != V4L2Camera::Status::Ok)
+        if (camera->open(node) != V4L2Camera::Status::Ok)
+            return nullptr;
+        // A node with several inputs captures from this device's; an analogue input is set to
+        // the standard of the chosen size and asked for both fields woven into one picture.
+        const uint64_t standards = info.input.standards;
+        if (info.selectsInput &&
+            camera->selectInput(info.input.index, V4L2StandardForHeight(standards, size.height)) !=
+                V4L2Camera::Status::Ok)
+            return nullptr;
+        if (camera->setFormat(
+                format->fourcc, size.width, size.height, V4L2NearestInterval(size, kWantedRate),
+                standards != 0 ? V4L2_FIELD_INTERLACED : V4L2_FIELD_ANY) != V4L2Camera::Status::Ok)
             return nullptr;
         // The driver has the last word on the format.
         const OSType delivered = PlatformFormatOf(camera->format().fourcc);
-        if (delivered == 0 || camera->start(kStreamBuffers) != V4L2Camera::Status::Ok)
+        if (delivered == 0 || !DeliversWholeFrames(camera->format().field) ||
+            camera->start(kStreamBuffers) != V4L2Camera::Status::Ok)
             return nullptr;
         return std::make_unique<V4L2Stream>(std::move(camera), delivered, request.pixelFormat);
     }
@@ -255,10 +292,13 @@ public:
         for (V4L2DeviceInfo& info : V4L2ListDevices(folder, false)) {
             auto known = formats.find(info.uniqueId);
             if (known == formats.end()) {
-                V4L2DeviceInfo full;
-                if (!V4L2QueryDevice(info.path, full, true))
-                    continue; // gone or busy meanwhile
-                known = formats.emplace(info.uniqueId, std::move(full.formats)).first;
+                // A device whose formats cannot be read now (its node streams another input)
+                // is listed without them and asked again next time.
+                if (!V4L2QueryFormats(info)) {
+                    devices.push_back(std::make_shared<V4L2Device>(std::move(info)));
+                    continue;
+                }
+                known = formats.emplace(info.uniqueId, info.formats).first;
             }
             info.formats = known->second;
             devices.push_back(std::make_shared<V4L2Device>(std::move(info)));

@@ -139,44 +139,167 @@ std::vector<V4L2Format> V4L2EnumerateFormats(int fd, bool multiplanar) {
     return formats;
 }
 
-bool V4L2QueryDevice(const std::string& path, V4L2DeviceInfo& info, bool withFormats) {
-    info.path = path;
+namespace {
+
+// The node's capability flags: a node of a multi-node device (a webcam's metadata node, say)
+// reports its own in device_caps; the card-wide ones are in capabilities.
+uint32_t NodeCapabilities(const v4l2_capability& caps) {
+    return (caps.capabilities & V4L2_CAP_DEVICE_CAPS) ? caps.device_caps : caps.capabilities;
+}
+
+std::vector<V4L2Input> EnumerateInputs(int fd) {
+    std::vector<V4L2Input> inputs;
+    v4l2_input query{};
+    for (query.index = 0; query.index < 64 && Ioctl(fd, VIDIOC_ENUMINPUT, &query) == 0;
+         ++query.index) {
+        V4L2Input input;
+        input.index = query.index;
+        input.name = TextOf(query.name, sizeof query.name);
+        input.standards = query.std;
+        input.dvTimings = (query.capabilities & V4L2_IN_CAP_DV_TIMINGS) != 0;
+        inputs.push_back(std::move(input));
+    }
+    return inputs;
+}
+
+// The full-frame sizes of the standards an analogue input takes, PAL and SECAM before NTSC.
+std::vector<V4L2FrameSize> StandardSizes(uint64_t standards) {
+    std::vector<V4L2FrameSize> sizes;
+    if (standards & V4L2_STD_625_50)
+        sizes.push_back({720, 576, {{1, 25}}});
+    if (standards & V4L2_STD_525_60)
+        sizes.push_back({720, 480, {{1001, 30000}}});
+    return sizes;
+}
+
+// The size and rate of the signal on a digital input; false when there is no signal.
+bool SignalSize(int fd, V4L2FrameSize& size) {
+    v4l2_dv_timings timings{};
+    if (Ioctl(fd, VIDIOC_G_DV_TIMINGS, &timings) == -1 || timings.type != V4L2_DV_BT_656_1120)
+        return false;
+    const v4l2_bt_timings& bt = timings.bt;
+    if (bt.width == 0 || bt.height == 0)
+        return false;
+    size = {bt.width, bt.height, {}};
+    // A frame lasts its total pixels (blanking included) at the pixel clock.
+    const uint64_t total = uint64_t(V4L2_DV_BT_FRAME_WIDTH(&bt)) * V4L2_DV_BT_FRAME_HEIGHT(&bt);
+    if (total != 0 && total <= UINT32_MAX && bt.pixelclock != 0 && bt.pixelclock <= UINT32_MAX)
+        size.intervals.push_back({uint32_t(total), uint32_t(bt.pixelclock)});
+    return true;
+}
+
+// The formats of the input selected now: analogue inputs get their standards' sizes, digital
+// ones their signal's, in place of the scaler's range the driver enumerates.
+std::vector<V4L2Format> InputFormats(int fd, const V4L2DeviceInfo& device) {
+    std::vector<V4L2Format> formats = V4L2EnumerateFormats(fd, device.multiplanar);
+    std::vector<V4L2FrameSize> sizes;
+    if (device.input.standards != 0)
+        sizes = StandardSizes(device.input.standards);
+    else if (V4L2FrameSize signal; device.input.dvTimings && SignalSize(fd, signal))
+        sizes.push_back(signal);
+    if (!sizes.empty())
+        for (V4L2Format& format : formats)
+            format.sizes = sizes;
+    return formats;
+}
+
+// Reads the formats of `device` on an open node, selecting its input meanwhile.
+bool ReadFormats(int fd, V4L2DeviceInfo& device) {
+    int previous = -1;
+    if (device.selectsInput) {
+        int wanted = static_cast<int>(device.input.index);
+        if (Ioctl(fd, VIDIOC_G_INPUT, &previous) == -1)
+            previous = -1;
+        if (previous != wanted && Ioctl(fd, VIDIOC_S_INPUT, &wanted) == -1)
+            return false; // streaming elsewhere: the input cannot change now
+    }
+    device.formats = InputFormats(fd, device);
+    if (device.selectsInput && previous >= 0 && previous != static_cast<int>(device.input.index))
+        Ioctl(fd, VIDIOC_S_INPUT, &previous);
+    return true;
+}
+
+} // namespace
+
+std::vector<V4L2DeviceInfo> V4L2QueryNode(const std::string& path, bool withFormats) {
+    std::vector<V4L2DeviceInfo> devices;
     int fd = ::open(path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
     if (fd < 0)
-        return false;
+        return devices;
     v4l2_capability caps{};
-    bool usable = Ioctl(fd, VIDIOC_QUERYCAP, &caps) == 0;
-    if (usable) {
-        // A node of a multi-node device (a webcam's metadata node, say) reports its own
-        // capabilities in device_caps; the card-wide ones are in capabilities.
-        uint32_t nodeCaps =
-            (caps.capabilities & V4L2_CAP_DEVICE_CAPS) ? caps.device_caps : caps.capabilities;
-        usable = V4L2CaptureType(nodeCaps) != 0 && (nodeCaps & V4L2_CAP_STREAMING);
-        info.multiplanar = V4L2IsMultiplanar(V4L2CaptureType(nodeCaps));
+    const uint32_t nodeCaps = Ioctl(fd, VIDIOC_QUERYCAP, &caps) == 0 ? NodeCapabilities(caps) : 0;
+    if (V4L2CaptureType(nodeCaps) == 0 || !(nodeCaps & V4L2_CAP_STREAMING)) {
+        ::close(fd);
+        return devices;
     }
-    if (usable) {
-        info.card = TextOf(caps.card, sizeof caps.card);
-        info.driver = TextOf(caps.driver, sizeof caps.driver);
-        info.busInfo = TextOf(caps.bus_info, sizeof caps.bus_info);
-        info.nodeIndex = NodeIndex(path);
-        // Bus info names the port a device is plugged into, so it survives reboots and
-        // renumbered nodes; the index tells apart the capture nodes of one device.
-        std::string where = info.busInfo.empty() ? info.card : info.busInfo;
-        info.uniqueId = "v4l2:" + info.driver + ":" + where + ":" + std::to_string(info.nodeIndex);
-        if (withFormats)
-            info.formats = V4L2EnumerateFormats(fd, info.multiplanar);
+    V4L2DeviceInfo node;
+    node.path = path;
+    node.multiplanar = V4L2IsMultiplanar(V4L2CaptureType(nodeCaps));
+    node.card = TextOf(caps.card, sizeof caps.card);
+    node.driver = TextOf(caps.driver, sizeof caps.driver);
+    node.busInfo = TextOf(caps.bus_info, sizeof caps.bus_info);
+    node.nodeIndex = NodeIndex(path);
+    // Bus info names the port a device is plugged into, so it survives reboots and renumbered
+    // nodes; the index tells apart the capture nodes of one device, the input its connectors.
+    const std::string where = node.busInfo.empty() ? node.card : node.busInfo;
+    node.uniqueId = "v4l2:" + node.driver + ":" + where + ":" + std::to_string(node.nodeIndex);
+    std::vector<V4L2Input> inputs = EnumerateInputs(fd);
+    if (inputs.size() <= 1) {
+        if (inputs.size() == 1)
+            node.input = inputs.front();
+        devices.push_back(std::move(node));
+    } else {
+        for (V4L2Input& input : inputs) {
+            V4L2DeviceInfo device = node;
+            device.uniqueId += ":input" + std::to_string(input.index);
+            device.input = std::move(input);
+            device.selectsInput = true;
+            devices.push_back(std::move(device));
+        }
     }
+    if (withFormats)
+        for (V4L2DeviceInfo& device : devices)
+            ReadFormats(fd, device);
     ::close(fd);
-    return usable;
+    return devices;
+}
+
+bool V4L2QueryFormats(V4L2DeviceInfo& device) {
+    int fd = ::open(device.path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0)
+        return false;
+    const bool read = ReadFormats(fd, device);
+    ::close(fd);
+    return read;
 }
 
 void V4L2AssignDisplayNames(std::vector<V4L2DeviceInfo>& devices) {
     std::map<std::string, int> seen;
+    const V4L2DeviceInfo* previous = nullptr;
+    std::string nodeName;
     for (V4L2DeviceInfo& device : devices) {
-        std::string name = device.card.empty() ? device.path : device.card;
-        int count = ++seen[name];
-        device.displayName = count == 1 ? name : name + " (" + std::to_string(count) + ")";
+        // The inputs of one node share its name; the " (2)" goes to the node.
+        const bool sameNode = previous != nullptr && device.selectsInput &&
+                              previous->selectsInput && previous->path == device.path &&
+                              !device.path.empty();
+        if (!sameNode) {
+            std::string name = device.card.empty() ? device.path : device.card;
+            int count = ++seen[name];
+            nodeName = count == 1 ? name : name + " (" + std::to_string(count) + ")";
+        }
+        device.displayName = device.selectsInput ? nodeName + ": " + device.input.name : nodeName;
+        previous = &device;
     }
+}
+
+uint64_t V4L2StandardForHeight(uint64_t standards, uint32_t height) {
+    const bool lines525 = height <= 480;
+    for (uint64_t preferred :
+         {lines525 ? V4L2_STD_NTSC : V4L2_STD_PAL, lines525 ? V4L2_STD_525_60 : V4L2_STD_625_50,
+          lines525 ? V4L2_STD_625_50 : V4L2_STD_525_60})
+        if (standards & preferred)
+            return standards & preferred;
+    return standards;
 }
 
 std::vector<V4L2DeviceInfo> V4L2ListDevices(const std::string& folder, bool withFormats) {
@@ -191,11 +314,9 @@ std::vector<V4L2DeviceInfo> V4L2ListDevices(const std::string& folder, bool with
     }
     std::sort(nodes.begin(), nodes.end());
     std::vector<V4L2DeviceInfo> devices;
-    for (const auto& node : nodes) {
-        V4L2DeviceInfo info;
-        if (V4L2QueryDevice(node.second, info, withFormats))
-            devices.push_back(std::move(info));
-    }
+    for (const auto& node : nodes)
+        for (V4L2DeviceInfo& device : V4L2QueryNode(node.second, withFormats))
+            devices.push_back(std::move(device));
     V4L2AssignDisplayNames(devices);
     return devices;
 }
@@ -216,8 +337,7 @@ bool V4L2IsInUse(const std::string& path) {
     v4l2_capability caps{};
     uint32_t nodeCaps = 0;
     if (Ioctl(fd, VIDIOC_QUERYCAP, &caps) == 0)
-        nodeCaps =
-            (caps.capabilities & V4L2_CAP_DEVICE_CAPS) ? caps.device_caps : caps.capabilities;
+        nodeCaps = NodeCapabilities(caps);
     v4l2_requestbuffers request{};
     request.count = 0;
     request.type = V4L2CaptureType(nodeCaps);
@@ -267,6 +387,7 @@ V4L2Camera::Status V4L2Camera::statusFor(int error) {
 V4L2Camera::Status V4L2Camera::open(const std::string& path) {
     close();
     gone = false;
+    current = StreamFormat();
     fd = ::open(path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
     if (fd < 0)
         return errno == ENOENT ? (gone = true, Status::Gone) : statusFor(errno);
@@ -274,10 +395,29 @@ V4L2Camera::Status V4L2Camera::open(const std::string& path) {
     type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
     v4l2_capability caps{};
     if (Ioctl(fd, VIDIOC_QUERYCAP, &caps) == 0) {
-        uint32_t nodeCaps =
-            (caps.capabilities & V4L2_CAP_DEVICE_CAPS) ? caps.device_caps : caps.capabilities;
-        if (uint32_t captureType = V4L2CaptureType(nodeCaps))
+        if (uint32_t captureType = V4L2CaptureType(NodeCapabilities(caps)))
             type = captureType;
+    }
+    v4l2_format format{};
+    format.type = type;
+    if (Ioctl(fd, VIDIOC_G_FMT, &format) == 0)
+        V4L2ReadFormat(format, current);
+    return Status::Ok;
+}
+
+V4L2Camera::Status V4L2Camera::selectInput(uint32_t index, uint64_t standard) {
+    if (fd < 0 || pool)
+        return Status::Failed;
+    int wanted = static_cast<int>(index);
+    if (Ioctl(fd, VIDIOC_S_INPUT, &wanted) == -1)
+        return statusFor(errno);
+    current.standard = 0;
+    if (standard != 0) {
+        v4l2_std_id id = standard;
+        if (Ioctl(fd, VIDIOC_S_STD, &id) == -1)
+            return statusFor(errno);
+        // The driver settles on one standard of the set.
+        current.standard = Ioctl(fd, VIDIOC_G_STD, &id) == 0 ? id : standard;
     }
     v4l2_format format{};
     format.type = type;
@@ -291,10 +431,10 @@ bool V4L2Camera::isMultiplanar() const {
 }
 
 V4L2Camera::Status V4L2Camera::setFormat(uint32_t fourcc, uint32_t width, uint32_t height,
-                                         V4L2Fraction interval) {
+                                         V4L2Fraction interval, uint32_t field) {
     if (fd < 0 || pool)
         return Status::Failed;
-    v4l2_format format = V4L2FormatRequest(type, fourcc, width, height, V4L2_FIELD_ANY);
+    v4l2_format format = V4L2FormatRequest(type, fourcc, width, height, field);
     if (Ioctl(fd, VIDIOC_S_FMT, &format) == -1)
         return statusFor(errno);
     V4L2ReadFormat(format, current);

@@ -39,27 +39,44 @@ struct V4L2Format {
     std::vector<V4L2FrameSize> sizes; // largest first
 };
 
-// What a capture node is, as enumeration reports it.
+// One input of a capture node: a capture card's composite, S-Video and HDMI connectors.
+struct V4L2Input {
+    uint32_t index = 0;
+    std::string name;       // the driver's name for it, e.g. "S-Video 0"
+    uint64_t standards = 0; // the analogue video standards it takes (v4l2_std_id); 0 for none
+    bool dvTimings = false; // a digital input whose picture size follows its signal's timings
+};
+
+// What a capture device is, as enumeration reports it: a capture node, or one input of a node
+// that has several (each input is a device of its own).
 struct V4L2DeviceInfo {
     std::string path;         // "/dev/video0"
     std::string card;         // the driver's card name
     std::string driver;       // the driver's name ("uvcvideo", "vivid")
     std::string busInfo;      // where the device sits ("usb-0000:00:14.0-1"), stable across reboots
     unsigned nodeIndex = 0;   // the node's index among its device's nodes (sysfs "index")
-    std::string uniqueId;     // built from bus info and node index: stable across reboots
-    std::string displayName;  // card name, made unique across devices by V4L2AssignDisplayNames
+    std::string uniqueId;     // built from bus info, node index and input: stable across reboots
+    std::string displayName;  // "CARD" or "CARD: INPUT", made unique by V4L2AssignDisplayNames
     bool multiplanar = false; // streams through the multiplanar API (VIDEO_CAPTURE_MPLANE)
-    std::vector<V4L2Format> formats;
+    V4L2Input input;          // the input captured from, when the node has several
+    bool selectsInput = false;       // the node has several inputs: capturing selects `input`
+    std::vector<V4L2Format> formats; // of `input` when it is selected
 };
 
-// Queries the node at `path`, with its formats when `withFormats`. Returns false (and leaves
-// `info` partly filled) when the node cannot be opened or is not a video capture node
-// (single-planar or multiplanar) that can stream. Any thread.
-bool V4L2QueryDevice(const std::string& path, V4L2DeviceInfo& info, bool withFormats = true);
+// The capture devices of the node at `path`: one per input when it has several, else the node
+// itself; with their formats when `withFormats`. Empty when the node cannot be opened or is not
+// a video capture node (single-planar or multiplanar) that can stream. Any thread.
+std::vector<V4L2DeviceInfo> V4L2QueryNode(const std::string& path, bool withFormats = true);
 
-// The video capture nodes under `folder` ("/dev" on a real system), in node-number order, with
-// display names and unique ids assigned. Nodes that vanish or refuse to open are left out. An
-// empty list on a machine without cameras. Any thread.
+// Reads the formats of `device` into it, selecting its input for the time it takes (and then
+// the node's input before). Analogue inputs offer their standards' frame sizes (PAL and SECAM
+// 720 x 576 at 25 frames per second, NTSC 720 x 480 at 29.97), digital ones the size and rate of
+// their signal. False when the node is gone or another program holds it. Any thread.
+bool V4L2QueryFormats(V4L2DeviceInfo& device);
+
+// The video capture devices under `folder` ("/dev" on a real system), in node-number order and
+// a node's inputs in its order, with display names and unique ids assigned. Nodes that vanish or
+// refuse to open are left out. An empty list on a machine without cameras. Any thread.
 std::vector<V4L2DeviceInfo> V4L2ListDevices(const std::string& folder = "/dev",
                                             bool withFormats = true);
 
@@ -69,8 +86,15 @@ std::vector<V4L2DeviceInfo> V4L2ListDevices(const std::string& folder = "/dev",
 std::string V4L2FindNode(const std::string& uniqueId, const std::string& folder = "/dev");
 
 // Gives every device a display name: its card name, followed by " (2)", " (3)"... for the second
-// and later devices carrying the same card name, in list order.
+// and later nodes carrying the same card name, in list order; then, for a node with several
+// inputs, ": " and the input's name ("vivid: S-Video 0"). A node's devices are next to each
+// other in the list.
 void V4L2AssignDisplayNames(std::vector<V4L2DeviceInfo>& devices);
+
+// The standards among `standards` that give pictures `height` lines high: the 525-line ones
+// (NTSC) for 480 lines or fewer, otherwise the 625-line ones (PAL, SECAM); failing that, the
+// other kind. Prefers NTSC and PAL proper to their variants.
+uint64_t V4L2StandardForHeight(uint64_t standards, uint32_t height);
 
 // The formats, sizes and intervals of an open node, from ENUM_FMT, ENUM_FRAMESIZES and
 // ENUM_FRAMEINTERVALS. Stepwise and continuous ranges are offered as the common sizes inside
@@ -161,6 +185,7 @@ public:
         uint32_t colorspace = 0;    // V4L2_COLORSPACE_*
         uint32_t ycbcrEncoding = 0; // V4L2_YCBCR_ENC_*, 0 for the colorspace's default
         uint32_t quantization = 0;  // V4L2_QUANTIZATION_*, 0 for the colorspace's default
+        uint64_t standard = 0;      // the analogue standard selected, 0 for none
     };
 
     V4L2Camera() = default;
@@ -170,13 +195,19 @@ public:
 
     // Opens the node and learns whether it streams single-planar or multiplanar buffers.
     Status open(const std::string& path);
+
+    // Selects the node's input `index` (VIDIOC_S_INPUT) and, for an analogue input, the video
+    // standard (VIDIOC_S_STD; 0 leaves it); before setFormat, which they change.
+    Status selectInput(uint32_t index, uint64_t standard);
     bool isOpen() const { return fd >= 0; }
     bool isMultiplanar() const;
     int descriptor() const { return fd; }
 
-    // Asks for a format (S_FMT) and, when `interval` is not empty and the driver supports it,
-    // a frame interval (S_PARM). The driver may adjust both; format() reports what it chose.
-    Status setFormat(uint32_t fourcc, uint32_t width, uint32_t height, V4L2Fraction interval);
+    // Asks for a format (S_FMT) with its field order (V4L2_FIELD_*, ANY for the driver's
+    // choice) and, when `interval` is not empty and the driver supports it, a frame interval
+    // (S_PARM). The driver may adjust all three; format() reports what it chose.
+    Status setFormat(uint32_t fourcc, uint32_t width, uint32_t height, V4L2Fraction interval,
+                     uint32_t field = 0);
     const StreamFormat& format() const { return current; }
 
     // Requests and maps `bufferCount` buffers, queues them and starts streaming.

@@ -32,6 +32,7 @@ public:
     PixelFormatLayout layout;
     unsigned char* base = nullptr; // first byte of the first plane; planes follow in one block
     YCbCrColour colour;            // matrix and range of Y'CbCr pixels, as the producer says
+    FieldOrder fieldOrder = FieldOrder::Progressive; // as the producer says
     std::atomic<int> lockCount{0};
 
 protected:

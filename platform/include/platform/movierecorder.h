@@ -16,12 +16,17 @@
 #include <memory>
 #include <string>
 
+#include "platform/pixelformats.h"
+
 struct MovieVideoSettings {
     int width = 0;
     int height = 0;
     int pixelFormat = -1;    // the FFmpeg pixel format (AVPixelFormat) of the frames handed in
     double frameRate = 30.0; // nominal rate: sets the key-frame interval and the time base
     bool keepAsDV = false;   // encode as DV when the size and rate are a DV standard's
+    // Interlaced pictures are encoded as such and the file says which field comes first, so
+    // players deinterlace them.
+    FieldOrder fieldOrder = FieldOrder::Progressive;
 };
 
 struct MovieAudioSettings {

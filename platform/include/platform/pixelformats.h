@@ -38,6 +38,10 @@ struct PixelFormatLayout {
 // How a picture's Y'CbCr codes stand for colours: the matrix and the range of the codes. RGB
 // formats ignore it.
 enum class YCbCrMatrix : uint8_t { BT601, BT709, BT2020 };
+// How the two fields of a picture sit in time: a progressive picture has none; an interlaced
+// one holds both fields woven line by line, captured one after the other.
+enum class FieldOrder : uint8_t { Progressive, TopFirst, BottomFirst };
+
 struct YCbCrColour {
     YCbCrMatrix matrix = YCbCrMatrix::BT601;
     bool fullRange = false; // codes 0-255 (JPEG) rather than 16-235 and 16-240 (video)
