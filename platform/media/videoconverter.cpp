@@ -12,7 +12,8 @@ extern "C" {
 
 // libyuv names 32-bit formats after the order of a little-endian word: its "ARGB" is stored
 // B, G, R, A (our 'BGRA'), its "BGRA" A, R, G, B (our 'ARGB'), its "ABGR" R, G, B, A (our
-// 'RGBA'); its "RAW" is R, G, B ('24RG') and its "RGB24" B, G, R ('24BG'). Conversions that
+// 'RGBA'), its "RGBA" A, B, G, R (our 'ABGR'); its "RAW" is R, G, B ('24RG'), its "RGB24"
+// B, G, R ('24BG') and its "RGB565" a little-endian 5-6-5 word ('L565'). Conversions that
 // change more than the packing go through 'BGRA' in strips of rows that stay in the cache.
 
 namespace {
@@ -46,7 +47,7 @@ bool IsNV12(OSType format) {
 
 bool Is32Bit(OSType format) {
     return format == kCVPixelFormatType_32BGRA || format == kCVPixelFormatType_32ARGB ||
-           format == kCVPixelFormatType_32RGBA;
+           format == kCVPixelFormatType_32RGBA || format == kCVPixelFormatType_32ABGR;
 }
 
 // The planes from row `row` on (an even row for 4:2:0 formats).
@@ -256,6 +257,11 @@ bool ReadToBGRA(OSType format, const Planes& source, YCbCrColour colour, uint8_t
         return libyuv::BGRAToARGB(s.data[0], s.stride[0], target, targetStride, width, height) == 0;
     case kCVPixelFormatType_32RGBA:
         return libyuv::ABGRToARGB(s.data[0], s.stride[0], target, targetStride, width, height) == 0;
+    case kCVPixelFormatType_32ABGR:
+        return libyuv::RGBAToARGB(s.data[0], s.stride[0], target, targetStride, width, height) == 0;
+    case kCVPixelFormatType_16LE565:
+        return libyuv::RGB565ToARGB(s.data[0], s.stride[0], target, targetStride, width, height) ==
+               0;
     case kCVPixelFormatType_24RGB:
         return libyuv::RAWToARGB(s.data[0], s.stride[0], target, targetStride, width, height) == 0;
     case kCVPixelFormatType_24BGR:
@@ -300,6 +306,11 @@ bool WriteFromBGRA(OSType format, const uint8_t* source, int sourceStride, const
         return libyuv::ARGBToBGRA(source, sourceStride, t.data[0], t.stride[0], width, height) == 0;
     case kCVPixelFormatType_32RGBA:
         return libyuv::ARGBToABGR(source, sourceStride, t.data[0], t.stride[0], width, height) == 0;
+    case kCVPixelFormatType_32ABGR:
+        return libyuv::ARGBToRGBA(source, sourceStride, t.data[0], t.stride[0], width, height) == 0;
+    case kCVPixelFormatType_16LE565:
+        return libyuv::ARGBToRGB565(source, sourceStride, t.data[0], t.stride[0], width, height) ==
+               0;
     case kCVPixelFormatType_24RGB:
         return libyuv::ARGBToRAW(source, sourceStride, t.data[0], t.stride[0], width, height) == 0;
     case kCVPixelFormatType_24BGR:

@@ -46,14 +46,12 @@ TEST(V4L2Negotiation, NearestSizePrefersExactThenSmallestCoveringThenLargest) {
     EXPECT_EQ(45u, none.height);
 }
 
-TEST(V4L2Negotiation, NearestIntervalPicksClosestRate) {
-    V4L2FrameSize size{640, 480, {{1, 60}, {1, 30}, {1001, 30000}, {1, 15}, {1, 5}}};
-    V4L2Fraction thirty = V4L2NearestInterval(size, 30);
-    EXPECT_EQ(1u, thirty.numerator);
-    EXPECT_EQ(30u, thirty.denominator);
-    EXPECT_EQ(15u, V4L2NearestInterval(size, 14).denominator);
-    EXPECT_EQ(60u, V4L2NearestInterval(size, 240).denominator);
-    EXPECT_EQ(0u, V4L2NearestInterval(V4L2FrameSize{}, 30).numerator);
+TEST(V4L2Negotiation, FastestIntervalWhateverTheDriversOrder) {
+    V4L2FrameSize size{640, 480, {{1, 15}, {1, 60}, {1001, 30000}, {0, 1}, {1, 5}}};
+    V4L2Fraction fastest = V4L2FastestInterval(size);
+    EXPECT_EQ(1u, fastest.numerator);
+    EXPECT_EQ(60u, fastest.denominator);
+    EXPECT_EQ(0u, V4L2FastestInterval(V4L2FrameSize{}).numerator);
 }
 
 TEST(V4L2Negotiation, ChoosesTheWishThenAFormatFastEnoughUncompressedFirst) {

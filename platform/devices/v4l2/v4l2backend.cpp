@@ -21,7 +21,9 @@ namespace {
 
 // Enough buffers that a capture thread busy for a frame time or two drops nothing at 30 fps.
 constexpr unsigned kStreamBuffers = 6;
-// What a camera is asked for when the outputs leave the choice to it.
+// What a camera is asked for when the outputs leave the choice to it; without a pixel format
+// wish, the first format reaching kWantedRate at the size is taken. Every stream runs at the
+// fastest rate its size is offered at.
 constexpr uint32_t kDefaultWidth = 1280, kDefaultHeight = 720;
 constexpr double kWantedRate = 30;
 // Motion-JPEG is listed as '2vuy', which every output converts from; a stream decodes it into
@@ -43,22 +45,23 @@ OSType PlatformFormatOf(uint32_t fourcc) {
     return planes != nullptr ? planes->pixelFormat : 0;
 }
 
-// The driver format to ask for when the outputs want `pixelFormat`: the one carrying it in a
-// single buffer (delivered without a copy) when offered, else one whose separate planes are
-// joined into it; 0 when the device offers neither.
+// The driver format to ask for when the outputs want `pixelFormat`: the one the format table
+// names for it when offered, else another delivered as it (stored alike, or with its planes in
+// separate buffers to be joined); 0 when the device offers none. Motion-JPEG is left to the
+// choice by rate.
 uint32_t WantedFourcc(const std::vector<V4L2Format>& formats, OSType pixelFormat) {
     const PixelFormatInfo* wanted = pixelFormat != 0 ? FindPixelFormat(pixelFormat) : nullptr;
     if (wanted == nullptr)
         return 0;
-    uint32_t joined = 0;
+    uint32_t alike = 0;
     for (const V4L2Format& format : formats) {
         if (wanted->v4l2Format != 0 && format.fourcc == wanted->v4l2Format)
             return format.fourcc;
-        const V4L2SeparatePlanes* planes = V4L2FindSeparatePlanes(format.fourcc);
-        if (joined == 0 && planes != nullptr && planes->pixelFormat == wanted->pixelFormat)
-            joined = format.fourcc;
+        if (alike == 0 && !IsMjpeg(format.fourcc) &&
+            PlatformFormatOf(format.fourcc) == wanted->pixelFormat)
+            alike = format.fourcc;
     }
-    return joined;
+    return alike;
 }
 
 // How the two fields of the driver's pictures sit in time. V4L2_FIELD_INTERLACED leaves the
@@ -220,9 +223,8 @@ public:
             const OSType pixelFormat = PlatformFormatOf(format.fourcc);
             if (pixelFormat == 0)
                 continue;
-            // NV12 and NV12M (YU12 and YUV420M...) reach the host as one format.
-            const V4L2SeparatePlanes* planes = V4L2FindSeparatePlanes(format.fourcc);
-            if (planes != nullptr && WantedFourcc(info.formats, pixelFormat) != format.fourcc)
+            // NV12 and NV12M (ABGR32 and XBGR32...) reach the host as one format.
+            if (!IsMjpeg(format.fourcc) && WantedFourcc(info.formats, pixelFormat) != format.fourcc)
                 continue;
             for (const V4L2FrameSize& size : format.sizes) {
                 platform::DeviceFormat entry;
@@ -230,8 +232,7 @@ public:
                 entry.formatType = pixelFormat;
                 entry.width = size.width;
                 entry.height = size.height;
-                entry.frameRate =
-                    size.intervals.empty() ? 0 : size.intervals.front().framesPerSecond();
+                entry.frameRate = V4L2FastestInterval(size).framesPerSecond();
                 formats.push_back(entry);
             }
         }
@@ -263,9 +264,9 @@ public:
             camera->selectInput(info.input.index, V4L2StandardForHeight(standards, size.height)) !=
                 V4L2Camera::Status::Ok)
             return nullptr;
-        if (camera->setFormat(
-                format->fourcc, size.width, size.height, V4L2NearestInterval(size, kWantedRate),
-                standards != 0 ? V4L2_FIELD_INTERLACED : V4L2_FIELD_ANY) != V4L2Camera::Status::Ok)
+        if (camera->setFormat(format->fourcc, size.width, size.height, V4L2FastestInterval(size),
+                              standards != 0 ? V4L2_FIELD_INTERLACED : V4L2_FIELD_ANY) !=
+            V4L2Camera::Status::Ok)
             return nullptr;
         // The driver has the last word on the format.
         const OSType delivered = PlatformFormatOf(camera->format().fourcc);

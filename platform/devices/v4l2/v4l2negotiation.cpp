@@ -1,7 +1,5 @@
 #include "platform/devices/v4l2/v4l2negotiation.h"
 
-#include <cmath>
-
 V4L2FrameSize V4L2NearestSize(const V4L2Format& format, uint32_t width, uint32_t height) {
     const V4L2FrameSize* covering = nullptr;
     const V4L2FrameSize* largest = nullptr;
@@ -22,16 +20,12 @@ V4L2FrameSize V4L2NearestSize(const V4L2Format& format, uint32_t width, uint32_t
     return {width, height, {}};
 }
 
-V4L2Fraction V4L2NearestInterval(const V4L2FrameSize& size, double framesPerSecond) {
+V4L2Fraction V4L2FastestInterval(const V4L2FrameSize& size) {
     V4L2Fraction best;
-    double bestDistance = 0;
-    for (const V4L2Fraction& interval : size.intervals) {
-        double distance = std::abs(interval.framesPerSecond() - framesPerSecond);
-        if (!best.numerator || distance < bestDistance) {
+    for (const V4L2Fraction& interval : size.intervals)
+        if (interval.numerator != 0 &&
+            (best.numerator == 0 || interval.framesPerSecond() > best.framesPerSecond()))
             best = interval;
-            bestDistance = distance;
-        }
-    }
     return best;
 }
 
@@ -43,7 +37,7 @@ double RateNear(const V4L2Format& format, uint32_t width, uint32_t height, doubl
     V4L2FrameSize size = V4L2NearestSize(format, width, height);
     if (size.intervals.empty())
         return wish;
-    return size.intervals.front().framesPerSecond();
+    return V4L2FastestInterval(size).framesPerSecond();
 }
 
 } // namespace

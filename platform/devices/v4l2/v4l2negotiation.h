@@ -1,5 +1,5 @@
 // Choosing what to ask a camera for: the pixel format, the frame size nearest to a wish, the
-// frame interval nearest to a wished rate. Pure functions over the driver's enumeration.
+// fastest frame interval at that size. Pure functions over the driver's enumeration.
 #pragma once
 
 #include "platform/devices/v4l2/v4l2camera.h"
@@ -11,9 +11,9 @@
 // without sizes gives the wish back.
 V4L2FrameSize V4L2NearestSize(const V4L2Format& format, uint32_t width, uint32_t height);
 
-// The interval nearest to `framesPerSecond` among those offered at a size; an empty fraction
-// when none is offered.
-V4L2Fraction V4L2NearestInterval(const V4L2FrameSize& size, double framesPerSecond);
+// The shortest interval (the most frames per second) offered at a size: a camera streams as
+// fast as it can at the size it was given. An empty fraction when none is offered.
+V4L2Fraction V4L2FastestInterval(const V4L2FrameSize& size);
 
 // The format to capture in, or null when none fits. `wanted` (a V4L2 fourcc, 0 for no wish) wins
 // when the camera offers it and `usable` accepts it. Otherwise, among the formats `usable`

@@ -14,11 +14,16 @@ enum : OSType {
     kCVPixelFormatType_32BGRA = 0x42475241,                       // 'BGRA'
     kCVPixelFormatType_32ARGB = 0x00000020,                       // 32: A R G B
     kCVPixelFormatType_32RGBA = 0x52474241,                       // 'RGBA'
+    kCVPixelFormatType_32ABGR = 0x41424752,                       // 'ABGR'
     kCVPixelFormatType_420YpCbCr8BiPlanarVideoRange = 0x34323076, // '420v': Y plane, CbCr plane
     kCVPixelFormatType_420YpCbCr8BiPlanarFullRange = 0x34323066,  // '420f': as '420v', 0-255
     kCVPixelFormatType_420YpCbCr8Planar = 0x79343230,             // 'y420': Y, Cb, Cr planes
+    kCVPixelFormatType_422YpCbCr8BiPlanarVideoRange = 0x34323276, // '422v': Y plane, CbCr plane
+    kCVPixelFormatType_444YpCbCr8BiPlanarVideoRange = 0x34343476, // '444v': Y plane, CbCr plane
     kCVPixelFormatType_24RGB = 0x00000018,                        // 24: R G B
     kCVPixelFormatType_24BGR = 0x32344247,                        // '24BG'
+    kCVPixelFormatType_16LE565 = 0x4C353635,                      // 'L565': RGB 5-6-5, LE word
+    kCVPixelFormatType_16BE565 = 0x42353635,                      // 'B565': RGB 5-6-5, BE word
     kCVPixelFormatType_OneComponent8 = 0x4C303038,                // 'L008': grey
 };
 
@@ -72,7 +77,9 @@ struct PixelFormatInfo {
 
 // The entry for a Core Video code ('ARGB' text is taken as 32-bit ARGB); null when unknown.
 const PixelFormatInfo* FindPixelFormat(OSType pixelFormat);
-// The entry for a V4L2 pixel format; null when unknown.
+// The entry for a V4L2 pixel format; null when unknown. Besides each entry's own V4L2 format,
+// the V4L2 formats that store the same bytes under another name (XBGR32 is ABGR32 whose alpha
+// byte means nothing) find that entry.
 const PixelFormatInfo* FindPixelFormatByV4L2(uint32_t v4l2Format);
 // The entry for an FFmpeg pixel format (AVPixelFormat); null when unknown.
 const PixelFormatInfo* FindPixelFormatByFFmpeg(int ffmpegFormat);
