@@ -183,7 +183,7 @@ bool CaptureLoopback(const std::string& input, HostSound& sound, HostSamples sam
                                  reinterpret_cast<long>(&sound), samples.flags, rate,
                                  sound.channels.size(), samples.bytes, nullptr))
         return false;
-    const bool done = WaitUntil(enough, std::chrono::seconds(60));
+    const bool done = WaitUntil(enough, std::chrono::seconds(30));
     TavixDeviceStopCapture(scope.handle);
     return done;
 }
