@@ -2,20 +2,59 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdint>
+#include <cstring>
 
 ToneFigures MeasureTone(const std::vector<double>& samples, double sampleRate) {
     ToneFigures figures;
     size_t first = 0, last = 0;
+    size_t longest = 0, shortest = SIZE_MAX;
     for (size_t n = 1; n < samples.size(); ++n) {
         figures.peak = std::max(figures.peak, std::fabs(samples[n]));
         if (samples[n - 1] < 0 && samples[n] >= 0) {
-            if (figures.crossings++ == 0)
+            if (figures.crossings++ == 0) {
                 first = n;
+            } else {
+                longest = std::max(longest, n - last);
+                shortest = std::min(shortest, n - last);
+            }
             last = n;
         }
     }
-    if (figures.crossings > 1)
+    if (figures.crossings > 1) {
         figures.hz = static_cast<double>(figures.crossings - 1) * sampleRate /
                      static_cast<double>(last - first);
+        figures.unevenness = static_cast<double>(longest - shortest);
+    }
     return figures;
+}
+
+void AppendDecodedSound(const unsigned char* samples, unsigned formatFlags,
+                        unsigned long bytesPerSample, unsigned long frames,
+                        std::vector<std::vector<double>>& channels) {
+    const bool isFloat = formatFlags & 1, bigEndian = formatFlags & 2, isSigned = formatFlags & 4;
+    for (unsigned long n = 0; n < frames; ++n) {
+        for (std::vector<double>& channel : channels) {
+            uint64_t bits = 0;
+            for (unsigned long i = 0; i < bytesPerSample; ++i) {
+                const unsigned long at = bigEndian ? i : bytesPerSample - 1 - i;
+                bits = bits << 8 | samples[at];
+            }
+            samples += bytesPerSample;
+            double value = 0;
+            if (isFloat && bytesPerSample == 4) {
+                float f;
+                const uint32_t word = static_cast<uint32_t>(bits);
+                memcpy(&f, &word, 4);
+                value = f;
+            } else if (isFloat && bytesPerSample == 8) {
+                memcpy(&value, &bits, 8);
+            } else {
+                const double full = std::ldexp(1.0, static_cast<int>(bytesPerSample * 8) - 1);
+                const double raw = static_cast<double>(bits);
+                value = isSigned ? (raw >= full ? raw - 2 * full : raw) / full : raw / full - 1;
+            }
+            channel.push_back(value);
+        }
+    }
 }

@@ -1,5 +1,12 @@
 // ALSA sound inputs as capture devices: the hardware capture PCMs and the default device, each
 // delivering in its native format from its own capture thread.
+//
+// The capture thread never waits for the host: what it reads is queued for the session's capture
+// thread, which converts it and calls the host. A host that takes a while (a slow callback, a
+// busy machine) therefore loses nothing; it gets the sound late and all of it. Only a host more
+// than kMaxQueuedSeconds behind loses sound: the oldest is dropped so that the delay stays
+// bounded, and the delivered times jump by the span dropped, as they do after an overrun of the
+// device's own ring.
 #include "platform/devices/alsa/alsabackend.h"
 
 #include <condition_variable>
@@ -11,9 +18,9 @@
 
 namespace {
 
-// Captured sound waiting for the session's capture thread; beyond this the oldest is dropped
-// (the reader fell more than about two seconds behind).
-constexpr size_t kMaxQueuedChunks = 200;
+// Captured sound waiting for the session's capture thread, in seconds; beyond this the oldest is
+// dropped.
+constexpr double kMaxQueuedSeconds = 2;
 // How long a probe of a PCM's native format is trusted before it is made again.
 constexpr double kProbeSeconds = 5;
 
@@ -68,17 +75,23 @@ ProbeCache& Probes() {
 
 class AlsaStream : public platform::DeviceStream {
 public:
-    bool Start(const std::string& pcm, const AlsaNativeFormat& native) {
-        format = DescriptionOf(native);
+    bool Start(const std::string& pcm) {
         return capture.start(
-                   pcm, native,
+                   pcm,
                    [this](const uint8_t* samples, size_t frames, double timestamp) {
                        Chunk chunk;
-                       chunk.bytes.assign(samples, samples + frames * format.mBytesPerFrame);
+                       // The capture thread starts after the format is chosen.
+                       const AlsaNativeFormat& native = capture.format();
+                       const size_t maxQueuedFrames = size_t(kMaxQueuedSeconds * native.rate);
+                       chunk.bytes.assign(samples, samples + frames * capture.bytesPerFrame());
+                       chunk.frames = frames;
                        chunk.time = timestamp;
                        std::lock_guard<std::mutex> locked(mutex);
-                       if (queue.size() >= kMaxQueuedChunks)
+                       while (!queue.empty() && queuedFrames + frames > maxQueuedFrames) {
+                           queuedFrames -= queue.front().frames;
                            queue.pop_front();
+                       }
+                       queuedFrames += frames;
                        queue.push_back(std::move(chunk));
                        ready.notify_one();
                    },
@@ -86,7 +99,8 @@ public:
                        std::lock_guard<std::mutex> locked(mutex);
                        gone = true;
                        ready.notify_one();
-                   }) == AlsaCapture::Status::Ok;
+                   }) == AlsaCapture::Status::Ok &&
+               Describe();
     }
 
     ~AlsaStream() override { capture.stop(); }
@@ -99,6 +113,7 @@ public:
             return gone ? Result::Gone : Result::Timeout;
         current = std::move(queue.front());
         queue.pop_front();
+        queuedFrames -= current.frames;
         locked.unlock();
         list.mNumberBuffers = 1;
         list.mBuffers[0].mNumberChannels = format.mChannelsPerFrame;
@@ -111,8 +126,14 @@ public:
     }
 
 private:
+    bool Describe() {
+        format = DescriptionOf(capture.format());
+        return format.mBytesPerFrame != 0;
+    }
+
     struct Chunk {
         std::vector<uint8_t> bytes;
+        size_t frames = 0;
         double time = 0;
     };
     AudioStreamBasicDescription format{};
@@ -120,6 +141,7 @@ private:
     std::mutex mutex;
     std::condition_variable ready;
     std::deque<Chunk> queue;
+    size_t queuedFrames = 0;
     bool gone = false;
     Chunk current; // what the last Read handed out, valid until the next
     AudioBufferList list{};
@@ -139,7 +161,9 @@ public:
 
     bool IsConnected() override { return AlsaIsPresent(info.pcmName); }
     bool IsInUseByAnotherApplication() override { return AlsaIsInUse(info.pcmName); }
-    bool Open() override { return IsConnected(); }
+    // Capture needs the device to itself: a device another program holds does not open (the
+    // PCM is opened for each stream; opening the device only checks that it could be).
+    bool Open() override { return IsConnected() && !AlsaIsInUse(info.pcmName); }
     void Close() override {}
 
     std::vector<platform::DeviceFormat> Formats() override {
@@ -154,11 +178,8 @@ public:
     }
 
     std::unique_ptr<platform::DeviceStream> StartStream(const platform::StreamRequest&) override {
-        AlsaNativeFormat native;
-        if (!Probes().Get(info.pcmName, native))
-            return nullptr;
         auto stream = std::make_unique<AlsaStream>();
-        if (!stream->Start(info.pcmName, native))
+        if (!stream->Start(info.pcmName))
             return nullptr;
         return stream;
     }

@@ -1,6 +1,7 @@
-// Capture from one ALSA PCM on its own thread, in the PCM's native format. Overruns (the thread
-// fell behind and the hardware buffer filled) are recovered and capture goes on; a device that
-// vanishes ends the thread and is reported once.
+// Capture from one ALSA PCM on its own thread, in the PCM's native format. The thread does
+// nothing but read, so the PCM's ring rarely fills; when it does (an overrun), capture is
+// recovered and goes on, and the sound lost meanwhile is counted and shows as a jump in the
+// delivered times. A device that vanishes ends the thread and is reported once.
 #pragma once
 
 #include "platform/devices/alsa/alsadevices.h"
@@ -14,7 +15,8 @@
 class AlsaCapture {
 public:
     // Receives interleaved samples in the native format: `frames` sample frames captured from
-    // CLOCK_MONOTONIC time `timestamp` (seconds) on. Runs on the capture thread.
+    // CLOCK_MONOTONIC time `timestamp` (seconds) on, at most about 10 ms of sound. Runs on the
+    // capture thread.
     using Deliver = std::function<void(const uint8_t* samples, size_t frames, double timestamp)>;
     // Called once on the capture thread when the device vanished; no delivery follows.
     using Vanished = std::function<void()>;
@@ -26,11 +28,10 @@ public:
     AlsaCapture(const AlsaCapture&) = delete;
     AlsaCapture& operator=(const AlsaCapture&) = delete;
 
-    // Opens the PCM in `format`, with a buffer of about 200 ms in four periods, and starts the
-    // capture thread. Busy when another program holds the device, Gone when it does not exist. Not
-    // while running.
-    Status start(const std::string& pcmName, const AlsaNativeFormat& format, Deliver deliver,
-                 Vanished vanished);
+    // Opens the PCM in the format it offers now (AlsaChooseFormat), with a ring of about half a
+    // second read every 10 ms or so, and starts the capture thread. Busy when another program
+    // holds the device, Gone when it does not exist. Not while running.
+    Status start(const std::string& pcmName, Deliver deliver, Vanished vanished);
 
     // Stops the thread and closes the PCM; returns after the last delivery has finished. Safe
     // when not running. Not from the capture thread itself.
@@ -38,13 +39,17 @@ public:
 
     bool isRunning() const { return worker.joinable(); }
     bool isGone() const { return gone.load(); }
-    // Overruns recovered since start.
-    unsigned overruns() const { return overrunCount.load(); }
+    // What start chose; valid while running and after.
+    const AlsaNativeFormat& format() const { return current; }
     size_t bytesPerFrame() const { return frameBytes; }
+    // Overruns recovered since start, and the sample frames they lost (measured on the clock).
+    unsigned overruns() const { return overrunCount.load(); }
+    uint64_t lostFrames() const { return lostFrameCount.load(); }
 
 private:
     void run();
     bool recover(int error);
+    void deliverPieces(const uint8_t* samples, size_t frames, double timestamp);
 
     snd_pcm_t* pcm = nullptr;
     AlsaNativeFormat current;
@@ -56,4 +61,9 @@ private:
     std::atomic<bool> stopping{false};
     std::atomic<bool> gone{false};
     std::atomic<unsigned> overrunCount{0};
+    std::atomic<uint64_t> lostFrameCount{0};
+    // On the capture thread: when the next frame is due if nothing is lost, and whether an
+    // overrun happened since the last read.
+    double nextFrameTime = 0;
+    bool overrunPending = false;
 };

@@ -114,6 +114,31 @@ bool AlsaIsInUse(const std::string& pcmName) {
     return false;
 }
 
+bool AlsaChooseFormat(snd_pcm_t* pcm, snd_pcm_hw_params_t* parameters, AlsaNativeFormat& format) {
+    bool found = false;
+    for (snd_pcm_format_t candidate : kPreferredFormats) {
+        if (snd_pcm_hw_params_test_format(pcm, parameters, candidate) == 0) {
+            format.format = candidate;
+            found = snd_pcm_hw_params_set_format(pcm, parameters, candidate) == 0;
+            break;
+        }
+    }
+    if (!found)
+        return false;
+    unsigned channels = 2;
+    if (snd_pcm_hw_params_test_channels(pcm, parameters, channels) != 0 &&
+        snd_pcm_hw_params_get_channels_min(parameters, &channels) != 0)
+        return false;
+    if (snd_pcm_hw_params_set_channels(pcm, parameters, channels) != 0)
+        return false;
+    format.channels = channels;
+    unsigned rate = 48000;
+    if (snd_pcm_hw_params_set_rate_near(pcm, parameters, &rate, nullptr) != 0)
+        return false;
+    format.rate = rate;
+    return format.rate > 0 && format.channels > 0;
+}
+
 bool AlsaProbeNativeFormat(const std::string& pcmName, AlsaNativeFormat& format, bool* busy) {
     if (busy)
         *busy = false;
@@ -126,30 +151,9 @@ bool AlsaProbeNativeFormat(const std::string& pcmName, AlsaNativeFormat& format,
     }
     snd_pcm_hw_params_t* parameters = nullptr;
     snd_pcm_hw_params_malloc(&parameters);
-    bool found = parameters && snd_pcm_hw_params_any(pcm, parameters) >= 0;
-    if (found) {
-        found = false;
-        for (snd_pcm_format_t candidate : kPreferredFormats) {
-            if (snd_pcm_hw_params_test_format(pcm, parameters, candidate) == 0) {
-                format.format = candidate;
-                found = snd_pcm_hw_params_set_format(pcm, parameters, candidate) == 0;
-                break;
-            }
-        }
-    }
-    if (found) {
-        unsigned channels = 2;
-        if (snd_pcm_hw_params_test_channels(pcm, parameters, channels) != 0)
-            found = snd_pcm_hw_params_get_channels_min(parameters, &channels) == 0;
-        format.channels = channels;
-        found = found && snd_pcm_hw_params_set_channels(pcm, parameters, channels) == 0;
-    }
-    if (found) {
-        unsigned rate = 48000;
-        found = snd_pcm_hw_params_set_rate_near(pcm, parameters, &rate, nullptr) == 0;
-        format.rate = rate;
-    }
+    const bool found = parameters && snd_pcm_hw_params_any(pcm, parameters) >= 0 &&
+                       AlsaChooseFormat(pcm, parameters, format);
     snd_pcm_hw_params_free(parameters);
     snd_pcm_close(pcm);
-    return found && format.rate > 0 && format.channels > 0;
+    return found;
 }

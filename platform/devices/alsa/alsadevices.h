@@ -52,8 +52,13 @@ bool AlsaIsPresent(const std::string& pcmName);
 // True when the PCM refuses to open for capture because another program holds it.
 bool AlsaIsInUse(const std::string& pcmName);
 
-// Opens the PCM for capture and reads the format it prefers: the first sample format of
-// S16_LE, S32_LE, S24_3LE, S24_LE, FLOAT_LE, U8 it accepts, the rate nearest 48000 Hz, two
-// channels where allowed (else the fewest). False when the PCM cannot be opened (absent, or
-// busy: `busy` is then set) or accepts none of those formats.
+// Narrows an open PCM's hardware parameters to the format it prefers and says which: the first
+// sample format of S16_LE, S32_LE, S24_3LE, S24_LE, FLOAT_LE, U8 it accepts, two channels where
+// allowed (else the fewest), the rate nearest 48000 Hz. What a PCM accepts can change while it
+// is closed (the loopback card's capture side takes whatever its playback side was opened
+// with), so a capture chooses on the PCM it then reads from. False when it accepts none.
+bool AlsaChooseFormat(snd_pcm_t* pcm, snd_pcm_hw_params_t* parameters, AlsaNativeFormat& format);
+
+// Opens the PCM for capture and reads the format AlsaChooseFormat prefers. False when the PCM
+// cannot be opened (absent, or busy: `busy` is then set) or accepts none of those formats.
 bool AlsaProbeNativeFormat(const std::string& pcmName, AlsaNativeFormat& format, bool* busy);
