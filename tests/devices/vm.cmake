@@ -5,8 +5,7 @@
 if(TAVIX_SANITIZE STREQUAL "thread")
   return()
 endif()
-set(TAVIX_DEVICE_VM_TESTS test_devices_v4l2 test_devices_alsa test_devices_backend
-                           test_devices_inputs)
+set(TAVIX_DEVICE_VM_TESTS test_devices_v4l2 test_devices_alsa test_devices_backend)
 set(vm_command "")
 foreach(program ${TAVIX_DEVICE_VM_TESTS})
   if(TARGET ${program})
@@ -19,8 +18,9 @@ add_test(NAME devices_vm
 set_tests_properties(devices_vm PROPERTIES SKIP_RETURN_CODE 77 TIMEOUT 900 RUN_SERIAL TRUE)
 
 # A second boot whose vivid has two instances, the second multiplanar, each capture node with
-# its four inputs (webcam, TV, S-Video, HDMI): the multiplanar and input tests.
-set(TAVIX_DEVICE_VM_INPUT_TESTS test_devices_multiplanar)
+# its four inputs (webcam, TV, S-Video, HDMI): the multiplanar, input and pixel-format tests.
+set(TAVIX_DEVICE_VM_INPUT_TESTS test_devices_multiplanar test_devices_inputs
+                                test_devices_vivid_formats)
 set(vm_command "")
 foreach(program ${TAVIX_DEVICE_VM_INPUT_TESTS})
   if(TARGET ${program})

@@ -115,22 +115,23 @@ TEST_F(TavixCommand, CtrlCStopsCleanlyAndKeepsTheRecording) {
     EXPECT_LT(probed.duration, seconds + 3) << "the recording ended at Ctrl-C";
 }
 
-// A known stall of the whole process (a second, stopped by SIGSTOP): the test camera delivers
-// the late frames when it resumes, so they must not be counted as dropped: frames and dropped
-// frames together are never more than the time owed at 30 per second.
+// A known stall of the whole process (a second, stopped by SIGSTOP): the test camera and
+// microphone deliver the late frames and sound when they resume, so they must not be counted as
+// dropped or lost: frames and dropped frames together are never more than the time owed at 30
+// per second, and no sound is lost.
 TEST_F(TavixCommand, AStallIsNotCountedAsDroppedFramesWhenTheFramesCameLate) {
     int output[2];
     ASSERT_EQ(0, pipe(output));
     const pid_t child = StartChild([&] {
         dup2(output[1], STDOUT_FILENO);
-        execl(kTavix.c_str(), "tavix", "capture", "Tavix Test Camera", "--seconds", "4",
-              static_cast<char*>(nullptr));
+        execl(kTavix.c_str(), "tavix", "capture", "Tavix Test Camera", "--audio",
+              "Tavix Test Microphone", "--seconds", "4", static_cast<char*>(nullptr));
         _exit(127);
     });
     close(output[1]);
     FILE* lines = fdopen(output[0], "r");
     char line[512];
-    double seconds = 0;
+    double seconds = 0, soundLost = -1;
     unsigned long frames = 0, dropped = 0;
     while (seconds < 1 && fgets(line, sizeof line, lines) != nullptr)
         sscanf(line, "%lf s frames %lu", &seconds, &frames);
@@ -159,6 +160,12 @@ TEST_F(TavixCommand, AStallIsNotCountedAsDroppedFramesWhenTheFramesCameLate) {
     EXPECT_LE(static_cast<double>(frames + dropped), 1.25 * 30 * seconds + 4) << rest;
 #endif
     EXPECT_GE(frames + dropped, 30u) << rest;
+    const size_t sound = rest.find("audio ");
+    ASSERT_NE(std::string::npos, sound) << rest;
+    ASSERT_EQ(1, sscanf(rest.c_str() + sound, "audio %*u sample frames (%*f s at 48 kHz), %lf s",
+                        &soundLost))
+        << rest;
+    EXPECT_LT(soundLost, 0.1) << rest;
 }
 
 TEST_F(TavixCommand, DrivesATapeDeck) {

@@ -125,6 +125,10 @@ void PrintStatus(const CaptureStats& stats, const CaptureOptions& options, doubl
         line += "  timecode " + TimecodeText(stats.timecode);
     if (!options.audioDevice.empty() || stats.sampleFrames > 0)
         line += "  audio " + LevelText(stats.peakLevel);
+    if (stats.soundLostSeconds > 0) {
+        snprintf(part, sizeof part, "  sound lost %.2f s", stats.soundLostSeconds.load());
+        line += part;
+    }
     if (!options.recordPath.empty())
         line += "  file " + SizeText(FileSize(options.recordPath));
     if (terminal)
@@ -253,9 +257,9 @@ int CaptureCommand(int argc, char** argv) {
     if (stats.hasTimecode)
         printf("  timecode  last %s\n", TimecodeText(stats.timecode).c_str());
     if (wantsAudio)
-        printf("  audio     %llu sample frames (%.1f s at 48 kHz)\n",
+        printf("  audio     %llu sample frames (%.1f s at 48 kHz), %.2f s lost\n",
                static_cast<unsigned long long>(stats.sampleFrames.load()),
-               stats.sampleFrames / 48000.0);
+               stats.sampleFrames / 48000.0, stats.soundLostSeconds.load());
     if (!options.recordPath.empty())
         printf("  recording %s (%s)\n", options.recordPath.c_str(),
                SizeText(FileSize(options.recordPath)).c_str());

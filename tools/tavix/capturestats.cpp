@@ -86,11 +86,24 @@ void CountVideoFrame(const unsigned char* pixels, unsigned long pixelFormat, uns
     }
 }
 
-void CountAudioSamples(const unsigned char* samples, unsigned int formatFlags, unsigned long,
-                       unsigned long channels, unsigned long bytesPerSample,
-                       unsigned long sampleFrames, long data) {
+void CountAudioSamples(const unsigned char* samples, unsigned int formatFlags,
+                       unsigned long sampleRate, unsigned long channels,
+                       unsigned long bytesPerSample, unsigned long sampleFrames, long data) {
     CaptureStats& stats = *reinterpret_cast<CaptureStats*>(data);
-    stats.sampleFrames += sampleFrames;
+    const uint64_t received = stats.sampleFrames += sampleFrames;
+    // Lost: the sound the time since the first buffer should have brought, less what came. Sound
+    // a stalled host gets late is not lost; it arrives in a burst and the figure falls back. A
+    // buffer's worth of jitter (tens of milliseconds) is not counted.
+    const double now = MonotonicSeconds();
+    if (stats.firstSoundTime == 0) {
+        stats.firstSoundTime = now;
+        stats.soundBeforeFirst = sampleFrames;
+    } else if (sampleRate > 0) {
+        const double due = (now - stats.firstSoundTime) * static_cast<double>(sampleRate) +
+                           static_cast<double>(stats.soundBeforeFirst);
+        const double lost = (due - static_cast<double>(received)) / static_cast<double>(sampleRate);
+        stats.soundLostSeconds = lost > 0.05 ? lost : 0.0;
+    }
     const unsigned long count = sampleFrames * channels;
     float peak = 0;
     if (samples != nullptr && (formatFlags & 1) && bytesPerSample == 4) { // float

@@ -26,6 +26,9 @@ struct CaptureStats {
     std::atomic<uint64_t> frames{0};
     std::atomic<uint64_t> droppedFrames{0}; // frames due by the time passed that never came
     std::atomic<uint64_t> sampleFrames{0};
+    // Seconds of sound the clock says were due by the latest buffer that never came: sound the
+    // library dropped for a host that fell too far behind, or a device overrun.
+    std::atomic<double> soundLostSeconds{0};
     std::atomic<float> peakLevel{0}; // of the latest sound buffer, 0 to 1
     std::atomic<bool> hasTimecode{false};
     std::atomic<uint32_t> timecode{0}; // hours, minutes, seconds, frames, a byte each
@@ -35,6 +38,10 @@ struct CaptureStats {
     double firstFrameTime = 0;
     double lastFrameTime = 0;
     GapHistogram gaps;
+
+    // Sound timing, on the audio thread only.
+    double firstSoundTime = 0;
+    uint64_t soundBeforeFirst = 0; // the first buffer's frames: captured before it came
 
     // A copy of one frame when asked for.
     std::atomic<bool> snapshotWanted{false};
