@@ -160,7 +160,7 @@ TEST_F(TavixCommand, AStallIsNotCountedAsDroppedFramesWhenTheFramesCameLate) {
     EXPECT_LE(static_cast<double>(frames + dropped), 1.25 * 30 * seconds + 4) << rest;
 #endif
     EXPECT_GE(frames + dropped, 30u) << rest;
-    const size_t sound = rest.find("audio ");
+    const size_t sound = rest.find("audio ", captured);
     ASSERT_NE(std::string::npos, sound) << rest;
     ASSERT_EQ(1, sscanf(rest.c_str() + sound, "audio %*u sample frames (%*f s at 48 kHz), %lf s",
                         &soundLost))
