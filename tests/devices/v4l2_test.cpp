@@ -1,5 +1,6 @@
 // The V4L2 camera code: size and rate negotiation and naming everywhere; streaming, sharing and
 // unplugging against a real driver where one exists (vivid, inside scripts/devvm.sh).
+#include "platform/devices/v4l2/v4l2faults.h"
 #include "platform/devices/v4l2/v4l2negotiation.h"
 #include "support/realdevices.h"
 
@@ -80,6 +81,31 @@ TEST(V4L2Negotiation, ChoosesTheWishThenAFormatFastEnoughUncompressedFirst) {
     EXPECT_EQ(V4L2_PIX_FMT_YUYV,
               V4L2ChooseFormat(formats, V4L2_PIX_FMT_RGB24, 640, 480, 30, all)->fourcc);
     EXPECT_EQ(nullptr, V4L2ChooseFormat(formats, 0, 640, 480, 30, [](uint32_t) { return false; }));
+}
+
+// Frame times reach the samples on the monotonic clock, 0.1 s apart here, whatever clock the
+// driver stamps with and wherever its count wraps around; each frame is dequeued 0.01 s after
+// its stamp.
+TEST(V4L2FrameTimes, FollowTheMonotonicClockAcrossOffsetsAndWraps) {
+    const double now = 1000;
+    const struct {
+        const char* what;
+        double stamps[4];
+        double expected[4];
+    } cases[] = {
+        {"the monotonic clock", {999.6, 999.7, 999.8, 999.9}, {999.6, 999.7, 999.8, 999.9}},
+        {"another clock", {5e9, 5e9 + 0.1, 5e9 + 0.2, 5e9 + 0.3}, {999.61, 999.71, 999.81, 999.91}},
+        {"a wrap to the start", {999.6, 999.7, 0.05, 0.15}, {999.6, 999.7, 999.8, 999.9}},
+        {"a wrap to negative", {999.6, 999.7, -9.2e9, -9.2e9 + 0.1}, {999.6, 999.7, 999.8, 999.9}},
+        {"a jump ahead", {999.6, 999.7, 5e9, 5e9 + 0.1}, {999.6, 999.7, 999.81, 999.91}},
+        {"no stamps", {0, 0, 0, 0}, {999.61, 999.71, 999.81, 999.91}},
+    };
+    for (const auto& c : cases) {
+        V4L2FrameClock clock;
+        for (int i = 0; i < 4; ++i)
+            EXPECT_NEAR(c.expected[i], clock.timeOf(c.stamps[i], now - 0.39 + 0.1 * i), 1e-5)
+                << c.what << ", frame " << i;
+    }
 }
 
 TEST(V4L2Naming, SharedCardNamesAreNumberedInListOrder) {
@@ -169,7 +195,7 @@ TEST(V4L2Listing, RealNodesListQuicklyWithUniqueNamesAndIds) {
 
 // Frames come in order, and one held across the end of streaming still reads the mapped memory
 // (the no-copy path lends the driver's buffers to hosts). The C interface's tests cover formats,
-// sizes, sharing and unplugging.
+// sizes, sharing, unplugging and the driver's faults.
 TEST(V4L2Streaming, FramesComeInOrderAndAHeldFrameOutlivesTheStream) {
     REQUIRE_CAMERA(info, V4L2_PIX_FMT_YUYV);
     V4L2Camera camera;
@@ -178,13 +204,18 @@ TEST(V4L2Streaming, FramesComeInOrderAndAHeldFrameOutlivesTheStream) {
     ASSERT_EQ(V4L2Camera::Status::Ok, camera.start(6));
     V4L2Frame frame;
     uint32_t lastSequence = 0;
+    double lastTime = 0;
     for (int i = 0; i < 5; ++i) {
         ASSERT_EQ(V4L2Camera::Wait::Frame, camera.waitFrame(5000, frame)) << "frame " << i;
         EXPECT_GE(frame.bytesUsed, 320u * 180 * 2);
+        // Each frame was captured after the one before. The sequence number counts on, with
+        // gaps for frames the driver lost, and wraps around at 32 bits as any counter does.
         if (i > 0) {
-            EXPECT_GT(frame.sequence, lastSequence);
+            EXPECT_GT(frame.timestamp, lastTime) << "frame " << i;
+            EXPECT_GT(static_cast<int32_t>(frame.sequence - lastSequence), 0) << "frame " << i;
         }
         lastSequence = frame.sequence;
+        lastTime = frame.timestamp;
     }
     V4L2Frame held = frame;
     frame = V4L2Frame();

@@ -5,7 +5,9 @@
 if(TAVIX_SANITIZE STREQUAL "thread")
   return()
 endif()
-set(TAVIX_DEVICE_VM_TESTS test_devices_v4l2 test_devices_alsa test_devices_backend)
+# The fault tests come last: their simulated unplug takes the camera away.
+set(TAVIX_DEVICE_VM_TESTS test_devices_v4l2 test_devices_alsa test_devices_backend
+                          test_devices_faults)
 set(vm_command "")
 foreach(program ${TAVIX_DEVICE_VM_TESTS})
   if(TARGET ${program})

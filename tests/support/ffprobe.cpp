@@ -1,5 +1,6 @@
 #include "support/ffprobe.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <sstream>
 
@@ -67,4 +68,19 @@ ProbedMovie ProbeMovie(const std::string& path) {
     }
     movie.readable = run.status == 0 && !movie.formatName.empty();
     return movie;
+}
+
+std::vector<double> ProbeFrameTimes(const std::string& path) {
+    const CommandOutput run = RunCommand("ffprobe -v quiet -select_streams v:0 -show_entries "
+                                         "frame=best_effort_timestamp_time -of csv=p=0 '" +
+                                         path + "'");
+    std::vector<double> times;
+    if (run.status != 0)
+        return times;
+    std::istringstream lines(run.output);
+    for (std::string text; std::getline(lines, text);)
+        if (!text.empty() && text != "N/A")
+            times.push_back(atof(text.c_str()));
+    std::sort(times.begin(), times.end());
+    return times;
 }

@@ -27,3 +27,7 @@ ProbedMovie ProbeMovie(const std::string& path);
 
 // True when ffprobe can be run.
 bool HaveFFprobe();
+
+// The presentation times of a movie's video frames in seconds, in order, every frame decoded;
+// empty when ffprobe fails or the movie has no video.
+std::vector<double> ProbeFrameTimes(const std::string& path);

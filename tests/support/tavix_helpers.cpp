@@ -10,6 +10,10 @@ void LogFrame(const unsigned char*, unsigned long pixelFormat, unsigned long wid
     if (time != nullptr)
         log.sawTimecode = true;
     log.lastData = data;
+    const double now = SteadySeconds();
+    double unset = 0;
+    log.firstFrameAt.compare_exchange_strong(unset, now);
+    log.lastFrameAt = now;
     ++log.frames;
 }
 
@@ -26,6 +30,11 @@ void LogSound(const unsigned char*, unsigned int formatFlags, unsigned long samp
     int unset = -1;
     log.framesAtFirstSound.compare_exchange_strong(unset, log.frames.load());
     log.sampleFrames += static_cast<long>(sampleFrames);
+}
+
+double SteadySeconds() {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch())
+        .count();
 }
 
 DeviceScope::~DeviceScope() {

@@ -33,7 +33,11 @@ struct CallbackLog {
     std::atomic<long> lastData{0};
     std::atomic<unsigned long> maxSampleFrames{0};
     std::atomic<int> framesAtFirstSound{-1}; // pictures seen before the first sound came
+    std::atomic<double> firstFrameAt{0}, lastFrameAt{0}; // steady-clock seconds of the frames
 };
+
+// Seconds on the steady clock, as CallbackLog keeps them.
+double SteadySeconds();
 
 void LogFrame(const unsigned char* pixels, unsigned long pixelFormat, unsigned long width,
               unsigned long height, unsigned long bytesPerRow, const SMPTETime* time, long data);

@@ -8,11 +8,14 @@
 #include <linux/videodev2.h>
 
 #include <algorithm>
+#include <chrono>
 #include <map>
 #include <mutex>
+#include <thread>
 
 #include "platform/devices/v4l2/mjpegdecoder.h"
 #include "platform/devices/v4l2/v4l2colour.h"
+#include "platform/devices/v4l2/v4l2faults.h"
 #include "platform/devices/v4l2/v4l2negotiation.h"
 #include "platform/devices/v4l2/v4l2planes.h"
 #include "platform/pixelformats.h"
@@ -87,12 +90,6 @@ bool DeliversWholeFrames(uint32_t field) {
     return field != V4L2_FIELD_SEQ_TB && field != V4L2_FIELD_SEQ_BT;
 }
 
-double SampleTime(double driverTime) {
-    // Drivers stamp buffers with CLOCK_MONOTONIC, the platform's clock; a driver that does not
-    // stamp gets the time of dequeueing.
-    return driverTime > 0 ? driverTime : platform::MonotonicSeconds();
-}
-
 // One dequeued driver buffer wrapped by a pixel buffer; handed back to the driver when the
 // pixel buffer's last reference goes.
 void RequeueFrame(void* frame, const void*) {
@@ -103,9 +100,10 @@ void RequeueFrame(void* frame, const void*) {
 
 class V4L2Stream : public platform::DeviceStream {
 public:
-    V4L2Stream(std::unique_ptr<V4L2Camera> camera, OSType pixelFormat, OSType requested)
+    V4L2Stream(std::unique_ptr<V4L2Camera> camera, OSType pixelFormat, OSType requested,
+               std::string deviceId)
         : camera(std::move(camera)), pixelFormat(pixelFormat),
-          decodedFormat(MjpegDecoder::DeliveredFormat(requested)) {
+          decodedFormat(MjpegDecoder::DeliveredFormat(requested)), deviceId(std::move(deviceId)) {
         const V4L2Camera::StreamFormat& format = this->camera->format();
         colour = V4L2Colour(format.colorspace, format.ycbcrEncoding, format.quantization);
         fieldOrder = FieldOrderOf(format);
@@ -118,25 +116,46 @@ public:
     ~V4L2Stream() override {
         camera->stop();
         camera->close();
+        if (failed)
+            V4L2SetStreamFailed(deviceId, false);
         if (joinedPictures != nullptr) {
             joinedPictures->Invalidate();
             joinedPictures->release();
         }
     }
 
+    // A stream whose driver cannot stream (it refused to start, or its queue broke) delivers
+    // nothing more; the node is let go at once, and the device reports itself as not connected
+    // until the stream is.
+    void Fail() {
+        if (failed)
+            return;
+        failed = true;
+        camera->stop();
+        camera->close();
+        V4L2SetStreamFailed(deviceId, true);
+    }
+
     Result Read(int timeoutMs, platform::CapturedSample& sample) override {
+        if (failed) {
+            // Nothing will come: the wait only paces the capture thread's stop checks.
+            std::this_thread::sleep_for(std::chrono::milliseconds(timeoutMs));
+            return Result::Timeout;
+        }
         V4L2Frame frame;
         switch (camera->waitFrame(timeoutMs, frame)) {
         case V4L2Camera::Wait::Timeout:
             return Result::Timeout;
         case V4L2Camera::Wait::Gone:
-        case V4L2Camera::Wait::Failed:
             return Result::Gone;
+        case V4L2Camera::Wait::Failed:
+            Fail();
+            return Result::Timeout;
         case V4L2Camera::Wait::Frame:
             break;
         }
         const V4L2Camera::StreamFormat& format = camera->format();
-        sample.time = SampleTime(frame.timestamp);
+        sample.time = clock.timeOf(frame.timestamp, platform::MonotonicSeconds());
         sample.frameRate = format.interval.framesPerSecond();
         sample.video = IsMjpeg(format.fourcc)      ? Decode(frame)
                        : separatePlanes != nullptr ? Join(frame)
@@ -192,6 +211,9 @@ private:
     MjpegDecoder decoder;
     const V4L2SeparatePlanes* separatePlanes = nullptr; // when the format's planes are apart
     CVPixelBufferPool* joinedPictures = nullptr;        // for those planes joined
+    V4L2FrameClock clock;                               // the frames' times
+    std::string deviceId;                               // the device's unique id
+    bool failed = false;                                // see Fail()
 };
 
 class V4L2Device : public platform::BackendDevice {
@@ -206,7 +228,9 @@ public:
         return result;
     }
 
-    bool IsConnected() override { return !V4L2FindNode(info.uniqueId).empty(); }
+    bool IsConnected() override {
+        return !V4L2FindNode(info.uniqueId).empty() && !V4L2StreamFailed(info.uniqueId);
+    }
 
     bool IsInUseByAnotherApplication() override {
         const std::string node = V4L2FindNode(info.uniqueId);
@@ -270,10 +294,16 @@ public:
             return nullptr;
         // The driver has the last word on the format.
         const OSType delivered = PlatformFormatOf(camera->format().fourcc);
-        if (delivered == 0 || !DeliversWholeFrames(camera->format().field) ||
-            camera->start(kStreamBuffers) != V4L2Camera::Status::Ok)
+        if (delivered == 0 || !DeliversWholeFrames(camera->format().field))
             return nullptr;
-        return std::make_unique<V4L2Stream>(std::move(camera), delivered, request.pixelFormat);
+        const V4L2Camera::Status started = camera->start(kStreamBuffers);
+        if (started == V4L2Camera::Status::Busy || started == V4L2Camera::Status::Gone)
+            return nullptr;
+        auto stream = std::make_unique<V4L2Stream>(std::move(camera), delivered,
+                                                   request.pixelFormat, info.uniqueId);
+        if (started != V4L2Camera::Status::Ok)
+            stream->Fail();
+        return stream;
     }
 
 private:

@@ -367,8 +367,23 @@ void V4L2BufferPool::requeue(uint32_t index) {
     if (!streaming || index >= mappings.size())
         return;
     V4L2BufferSlot slot(type, planeCount, index);
-    // A failure here means the device vanished or stopped; the capture loop finds out itself.
-    Ioctl(fd, VIDIOC_QBUF, &slot.buffer);
+    // A vanished device or a broken queue refuses every buffer, and the capture loop finds out
+    // itself; a driver may also refuse one now and take it later.
+    if (Ioctl(fd, VIDIOC_QBUF, &slot.buffer) == -1)
+        refused.push_back(index);
+}
+
+void V4L2BufferPool::requeueRefused() {
+    std::lock_guard<std::mutex> hold(mutex);
+    if (!streaming || refused.empty())
+        return;
+    std::vector<uint32_t> again;
+    for (uint32_t index : refused) {
+        V4L2BufferSlot slot(type, planeCount, index);
+        if (Ioctl(fd, VIDIOC_QBUF, &slot.buffer) == -1)
+            again.push_back(index);
+    }
+    refused.swap(again);
 }
 
 V4L2Camera::Status V4L2Camera::statusFor(int error) {
@@ -501,6 +516,8 @@ V4L2Camera::Status V4L2Camera::start(unsigned bufferCount) {
         return fail(errno);
     buffers->streaming = true;
     pool = std::move(buffers);
+    broken = false;
+    damaged = 0;
     return Status::Ok;
 }
 
@@ -508,8 +525,9 @@ V4L2Camera::Wait V4L2Camera::waitFrame(int timeoutMs, V4L2Frame& frame) {
     frame.requeue();
     if (gone)
         return Wait::Gone;
-    if (fd < 0 || !pool)
+    if (fd < 0 || !pool || broken)
         return Wait::Failed;
+    pool->requeueRefused();
     for (;;) {
         pollfd watch{fd, POLLIN, 0};
         int ready = poll(&watch, 1, timeoutMs);
@@ -529,12 +547,16 @@ V4L2Camera::Wait V4L2Camera::waitFrame(int timeoutMs, V4L2Frame& frame) {
                 gone = true;
                 return Wait::Gone;
             }
+            // EIO: the driver flagged its queue as failed; dequeueing fails from now on.
+            broken = true;
             return Wait::Failed;
         }
         if (buffer.index >= pool->mappings.size() ||
             slot.planeCount() > pool->mappings[buffer.index].size())
             return Wait::Failed;
         if ((buffer.flags & V4L2_BUF_FLAG_ERROR) || slot.bytesUsed(0) == 0) {
+            // The driver lost this frame; its time passes without one.
+            ++damaged;
             pool->requeue(buffer.index);
             continue;
         }

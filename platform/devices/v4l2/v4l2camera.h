@@ -141,7 +141,8 @@ public:
     V4L2BufferPool& operator=(const V4L2BufferPool&) = delete;
 
     // Hands buffer `index` back to the driver when the stream still runs; otherwise nothing.
-    // Any thread.
+    // A buffer the driver refuses is kept and offered again by the next waitFrame, so a passing
+    // refusal does not cost the stream a buffer for good. Any thread.
     void requeue(uint32_t index);
 
 private:
@@ -156,6 +157,10 @@ private:
     unsigned planeCount = 1; // memory planes per buffer
     bool streaming = false;  // buffers may be queued
     std::vector<std::vector<Mapping>> mappings; // by buffer index, then plane
+    std::vector<uint32_t> refused;              // buffers the driver refused to take back
+
+    // Offers the refused buffers to the driver again.
+    void requeueRefused();
 };
 
 // An open capture node. One thread drives it (open, format, start, waitFrame, stop, close);
@@ -215,9 +220,12 @@ public:
     bool isStreaming() const { return pool != nullptr; }
 
     // Waits up to `timeoutMs` for a frame and dequeues it into `frame`. Buffers the driver
-    // marks as damaged or empty are handed back and waited past. Gone once the device vanished:
-    // later calls return Gone at once.
+    // marks as damaged or empty are handed back, counted and waited past. Gone once the device
+    // vanished, Failed once the driver's queue broke (a fatal streaming error: nothing more
+    // comes until streaming starts anew); either way later calls return the same at once.
     Wait waitFrame(int timeoutMs, V4L2Frame& frame);
+    // Frames lost to damaged or empty buffers since start().
+    uint64_t damagedFrames() const { return damaged; }
 
     // Stops streaming; frames still held stay readable until released. Safe when not streaming.
     void stop();
@@ -230,6 +238,8 @@ private:
     int fd = -1;
     uint32_t type = 0; // the node's capture buffer type, known once open
     bool gone = false;
+    bool broken = false;  // the driver's queue failed while streaming
+    uint64_t damaged = 0; // see damagedFrames()
     StreamFormat current;
     std::shared_ptr<V4L2BufferPool> pool; // set while streaming
 };

@@ -127,6 +127,10 @@ TAVIX_EXPORT bool TavixDeviceRelease(unsigned long device);
 TAVIX_EXPORT bool TavixDeviceOpen(unsigned long device);
 TAVIX_EXPORT bool TavixDeviceClose(unsigned long device);
 TAVIX_EXPORT bool TavixDeviceIsOpened(unsigned long device);
+/* IsConnected is false for a device that is gone (unplugged, unregistered by its driver), and
+   also while a capture holds a device whose driver cannot stream (it refused to start, or its
+   stream failed for good): frames stop either way, and the host stops capture. Once stopped,
+   a device that is still there reports itself connected again and can capture anew. */
 TAVIX_EXPORT bool TavixDeviceIsConnected(unsigned long device);
 TAVIX_EXPORT bool TavixDeviceIsUsedByAnotherApplication(unsigned long device);
 TAVIX_EXPORT bool TavixDeviceHasMediaType(unsigned long device, TavixDeviceMediaType type);
