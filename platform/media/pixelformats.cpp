@@ -41,6 +41,9 @@ const PixelFormatInfo kFormats[] = {
      kLibyuvAll},
     {kCVPixelFormatType_420YpCbCr8Planar, V4L2FourCC('Y', 'U', '1', '2'), AV_PIX_FMT_YUV420P,
      "y420", true, false, kLibyuvAll},
+    // The libswscale of FFmpeg 5.1 neither reads nor writes NV16: it works in UYVY instead.
+    {kCVPixelFormatType_422YpCbCr8BiPlanarVideoRange, V4L2FourCC('N', 'V', '1', '6'),
+     AV_PIX_FMT_NV16, "422v", true, false, kLibyuvAll, kCVPixelFormatType_422YpCbCr8},
     {kCVPixelFormatType_444YpCbCr8BiPlanarVideoRange, V4L2FourCC('N', 'V', '2', '4'),
      AV_PIX_FMT_NV24, "444v", true, false, 0},
     {kCVPixelFormatType_24RGB, V4L2FourCC('R', 'G', 'B', '3'), AV_PIX_FMT_RGB24, "24RG", false,
@@ -163,6 +166,14 @@ bool GetPixelFormatLayout(OSType pixelFormat, size_t width, size_t height, size_
         layout.planeWidth[0] = width;
         layout.planeWidth[1] = chromaWidth;
         layout.planeHeight[1] = chromaHeight;
+        break;
+    case kCVPixelFormatType_422YpCbCr8BiPlanarVideoRange:
+        layout.planeCount = 2;
+        layout.bytesPerRow[0] = Align(width, alignment);
+        layout.bytesPerRow[1] = Align(chromaWidth * 2, alignment);
+        layout.planeWidth[0] = width;
+        layout.planeWidth[1] = chromaWidth;
+        layout.planeHeight[1] = height;
         break;
     case kCVPixelFormatType_444YpCbCr8BiPlanarVideoRange:
         layout.planeCount = 2;

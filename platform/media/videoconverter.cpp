@@ -4,6 +4,7 @@
 #include <libyuv.h>
 
 #include <algorithm>
+#include <cstring>
 #include <vector>
 
 extern "C" {
@@ -43,6 +44,11 @@ bool Is420(OSType format) {
 bool IsNV12(OSType format) {
     return format == kCVPixelFormatType_420YpCbCr8BiPlanarVideoRange ||
            format == kCVPixelFormatType_420YpCbCr8BiPlanarFullRange;
+}
+
+// '422v': a Y plane and an interleaved CbCr plane of full height.
+bool IsNV16(OSType format) {
+    return format == kCVPixelFormatType_422YpCbCr8BiPlanarVideoRange;
 }
 
 bool Is32Bit(OSType format) {
@@ -148,26 +154,33 @@ bool ReadWidened(OSType format, const Planes& s, YCbCrColour colour, uint8_t* ta
     colour.fullRange = true;
     const libyuv::YuvConstants* constants = ConstantsFor(colour);
     const int chromaWidth = (width + 1) / 2;
-    const bool packed = !Is420(format);
+    const bool is422 = !Is420(format);
     const bool nv12 = IsNV12(format);
     // Luma, then Cb and Cr (or CbCr) of one strip.
-    const int chromaRows = packed ? kStripRows : kStripRows / 2;
+    const int chromaRows = is422 ? kStripRows : kStripRows / 2;
     uint8_t* y = scratch.Get(static_cast<size_t>(width + 2 * chromaWidth) * kStripRows);
     uint8_t* u = y + static_cast<size_t>(width) * kStripRows;
     uint8_t* v = u + static_cast<size_t>(chromaWidth) * chromaRows;
     for (int row = 0; row < height; row += kStripRows) {
         const int rows = std::min(kStripRows, height - row);
-        const int stripChromaRows = packed ? rows : (rows + 1) / 2;
+        const int stripChromaRows = is422 ? rows : (rows + 1) / 2;
         const Planes in = FromRow(s, format, row);
-        if (packed) {
-            const int result = format == kCVPixelFormatType_422YpCbCr8
-                                   ? libyuv::UYVYToI422(in.data[0], in.stride[0], y, width, u,
-                                                        chromaWidth, v, chromaWidth, width, rows)
-                                   : libyuv::YUY2ToI422(in.data[0], in.stride[0], y, width, u,
-                                                        chromaWidth, v, chromaWidth, width, rows);
-            if (result != 0)
-                return false;
-            WidenPlane(y, width, y, width, width, rows, false);
+        if (is422) {
+            if (IsNV16(format)) {
+                libyuv::SplitUVPlane(in.data[1], in.stride[1], u, chromaWidth, v, chromaWidth,
+                                     chromaWidth, rows);
+                WidenPlane(in.data[0], in.stride[0], y, width, width, rows, false);
+            } else {
+                const int result =
+                    format == kCVPixelFormatType_422YpCbCr8
+                        ? libyuv::UYVYToI422(in.data[0], in.stride[0], y, width, u, chromaWidth, v,
+                                             chromaWidth, width, rows)
+                        : libyuv::YUY2ToI422(in.data[0], in.stride[0], y, width, u, chromaWidth, v,
+                                             chromaWidth, width, rows);
+                if (result != 0)
+                    return false;
+                WidenPlane(y, width, y, width, width, rows, false);
+            }
             WidenPlane(u, chromaWidth, u, chromaWidth, chromaWidth, rows, true);
             WidenPlane(v, chromaWidth, v, chromaWidth, chromaWidth, rows, true);
         } else {
@@ -184,7 +197,7 @@ bool ReadWidened(OSType format, const Planes& s, YCbCrColour colour, uint8_t* ta
         }
         uint8_t* out = target + static_cast<ptrdiff_t>(row) * targetStride;
         int result;
-        if (packed)
+        if (is422)
             result = libyuv::I422ToARGBMatrix(y, width, u, chromaWidth, v, chromaWidth, out,
                                               targetStride, constants, width, rows);
         else if (nv12)
@@ -199,24 +212,33 @@ bool ReadWidened(OSType format, const Planes& s, YCbCrColour colour, uint8_t* ta
     return true;
 }
 
-// Packed 4:2:2 in another matrix or range than libyuv's packed readers know: split into
-// planes a strip at a time, then read with the matrix.
-void ReadPacked422(bool uyvy, const Planes& source, const libyuv::YuvConstants* constants,
-                   uint8_t* target, int targetStride, int width, int height, Scratch& scratch) {
+// 4:2:2 that libyuv reads with a matrix only as three planes (packed 4:2:2 in another matrix or
+// range than libyuv's packed readers know, and '422v' always): split into planes a strip at a
+// time, then read with the matrix. '422v' keeps its own luma plane.
+void Read422(OSType format, const Planes& source, const libyuv::YuvConstants* constants,
+             uint8_t* target, int targetStride, int width, int height, Scratch& scratch) {
     const int chromaWidth = (width + 1) / 2;
     uint8_t* y = scratch.Get(static_cast<size_t>(width + 2 * chromaWidth) * kStripRows);
     uint8_t* u = y + static_cast<size_t>(width) * kStripRows;
     uint8_t* v = u + static_cast<size_t>(chromaWidth) * kStripRows;
     for (int row = 0; row < height; row += kStripRows) {
         const int rows = std::min(kStripRows, height - row);
-        const uint8_t* packed = source.data[0] + static_cast<ptrdiff_t>(row) * source.stride[0];
-        if (uyvy)
-            libyuv::UYVYToI422(packed, source.stride[0], y, width, u, chromaWidth, v, chromaWidth,
+        const Planes in = FromRow(source, format, row);
+        const uint8_t* luma = y;
+        int lumaStride = width;
+        if (IsNV16(format)) {
+            libyuv::SplitUVPlane(in.data[1], in.stride[1], u, chromaWidth, v, chromaWidth,
+                                 chromaWidth, rows);
+            luma = in.data[0];
+            lumaStride = in.stride[0];
+        } else if (format == kCVPixelFormatType_422YpCbCr8) {
+            libyuv::UYVYToI422(in.data[0], in.stride[0], y, width, u, chromaWidth, v, chromaWidth,
                                width, rows);
-        else
-            libyuv::YUY2ToI422(packed, source.stride[0], y, width, u, chromaWidth, v, chromaWidth,
+        } else {
+            libyuv::YUY2ToI422(in.data[0], in.stride[0], y, width, u, chromaWidth, v, chromaWidth,
                                width, rows);
-        libyuv::I422ToARGBMatrix(y, width, u, chromaWidth, v, chromaWidth,
+        }
+        libyuv::I422ToARGBMatrix(luma, lumaStride, u, chromaWidth, v, chromaWidth,
                                  target + static_cast<ptrdiff_t>(row) * targetStride, targetStride,
                                  constants, width, rows);
     }
@@ -233,16 +255,19 @@ bool ReadToBGRA(OSType format, const Planes& source, YCbCrColour colour, uint8_t
     switch (format) {
     case kCVPixelFormatType_422YpCbCr8:
         if (!IsVideoBT601(colour)) {
-            ReadPacked422(true, s, constants, target, targetStride, width, height, scratch);
+            Read422(format, s, constants, target, targetStride, width, height, scratch);
             return true;
         }
         return libyuv::UYVYToARGB(s.data[0], s.stride[0], target, targetStride, width, height) == 0;
     case kCVPixelFormatType_422YpCbCr8_yuvs:
         if (!IsVideoBT601(colour)) {
-            ReadPacked422(false, s, constants, target, targetStride, width, height, scratch);
+            Read422(format, s, constants, target, targetStride, width, height, scratch);
             return true;
         }
         return libyuv::YUY2ToARGB(s.data[0], s.stride[0], target, targetStride, width, height) == 0;
+    case kCVPixelFormatType_422YpCbCr8BiPlanarVideoRange:
+        Read422(format, s, constants, target, targetStride, width, height, scratch);
+        return true;
     case kCVPixelFormatType_420YpCbCr8BiPlanarVideoRange:
     case kCVPixelFormatType_420YpCbCr8BiPlanarFullRange:
         return libyuv::NV12ToARGBMatrix(s.data[0], s.stride[0], s.data[1], s.stride[1], target,
@@ -300,6 +325,19 @@ bool WriteFromBGRA(OSType format, const uint8_t* source, int sourceStride, const
     case kCVPixelFormatType_420YpCbCr8Planar:
         return libyuv::ARGBToI420(source, sourceStride, t.data[0], t.stride[0], t.data[1],
                                   t.stride[1], t.data[2], t.stride[2], width, height) == 0;
+    case kCVPixelFormatType_422YpCbCr8BiPlanarVideoRange: {
+        // libyuv writes 4:2:2 chroma only as two planes.
+        const int chromaWidth = (width + 1) / 2;
+        const size_t chromaSize = static_cast<size_t>(chromaWidth) * height;
+        uint8_t* u = scratch.Get(2 * chromaSize);
+        uint8_t* v = u + chromaSize;
+        if (libyuv::ARGBToI422(source, sourceStride, t.data[0], t.stride[0], u, chromaWidth, v,
+                               chromaWidth, width, height) != 0)
+            return false;
+        libyuv::MergeUVPlane(u, chromaWidth, v, chromaWidth, t.data[1], t.stride[1], chromaWidth,
+                             height);
+        return true;
+    }
     case kCVPixelFormatType_32BGRA:
         return libyuv::ARGBCopy(source, sourceStride, t.data[0], t.stride[0], width, height) == 0;
     case kCVPixelFormatType_32ARGB:
@@ -321,10 +359,103 @@ bool WriteFromBGRA(OSType format, const uint8_t* source, int sourceStride, const
     }
 }
 
+// Averages each pair of rows into one, as libyuv's 4:2:2 to 4:2:0 conversions do; an odd last
+// row is copied.
+void HalveRows(const uint8_t* in, int inStride, uint8_t* out, int outStride, int bytes, int rows) {
+    if (rows >= 2)
+        libyuv::InterpolatePlane(in, 2 * inStride, in + inStride, 2 * inStride, out, outStride,
+                                 bytes, rows / 2, 128);
+    if (rows % 2 != 0)
+        memcpy(out + static_cast<ptrdiff_t>(rows / 2) * outStride,
+               in + static_cast<ptrdiff_t>(rows - 1) * inStride, bytes);
+}
+
+// Writes each chroma row of a 4:2:0 picture twice, as libyuv's 4:2:0 to 4:2:2 conversions do:
+// `copy` writes chroma rows from `in` to `rows` rows of `out` spaced by `outStride`.
+template <typename CopyRows>
+void DoubleRows(uint8_t* out, int outStride, int height, CopyRows copy) {
+    copy(out, 2 * outStride, (height + 1) / 2);
+    if (height >= 2)
+        copy(out + outStride, 2 * outStride, height / 2);
+}
+
+// '422v' to or from the other Y'CbCr formats libyuv handles, codes unchanged but for the
+// chroma rows that 4:2:0 halves or doubles. False for other pairs.
+bool RepackNV16(OSType from, const Planes& s, OSType to, const Planes& t, int width, int height,
+                Scratch& scratch) {
+    const int chromaWidth = (width + 1) / 2;
+    const bool uyvy = from == kCVPixelFormatType_422YpCbCr8 || to == kCVPixelFormatType_422YpCbCr8;
+    const bool yuy2 =
+        from == kCVPixelFormatType_422YpCbCr8_yuvs || to == kCVPixelFormatType_422YpCbCr8_yuvs;
+    const bool i420 =
+        from == kCVPixelFormatType_420YpCbCr8Planar || to == kCVPixelFormatType_420YpCbCr8Planar;
+    if (IsNV16(to)) {
+        if (IsNV12(from)) {
+            libyuv::CopyPlane(s.data[0], s.stride[0], t.data[0], t.stride[0], width, height);
+            DoubleRows(t.data[1], t.stride[1], height, [&](uint8_t* out, int stride, int rows) {
+                libyuv::CopyPlane(s.data[1], s.stride[1], out, stride, 2 * chromaWidth, rows);
+            });
+            return true;
+        }
+        if (i420) {
+            libyuv::CopyPlane(s.data[0], s.stride[0], t.data[0], t.stride[0], width, height);
+            DoubleRows(t.data[1], t.stride[1], height, [&](uint8_t* out, int stride, int rows) {
+                libyuv::MergeUVPlane(s.data[1], s.stride[1], s.data[2], s.stride[2], out, stride,
+                                     chromaWidth, rows);
+            });
+            return true;
+        }
+        if (!uyvy && !yuy2)
+            return false;
+        const size_t chromaSize = static_cast<size_t>(chromaWidth) * height;
+        uint8_t* u = scratch.Get(2 * chromaSize);
+        uint8_t* v = u + chromaSize;
+        const int result = uyvy ? libyuv::UYVYToI422(s.data[0], s.stride[0], t.data[0], t.stride[0],
+                                                     u, chromaWidth, v, chromaWidth, width, height)
+                                : libyuv::YUY2ToI422(s.data[0], s.stride[0], t.data[0], t.stride[0],
+                                                     u, chromaWidth, v, chromaWidth, width, height);
+        if (result != 0)
+            return false;
+        libyuv::MergeUVPlane(u, chromaWidth, v, chromaWidth, t.data[1], t.stride[1], chromaWidth,
+                             height);
+        return true;
+    }
+    if (IsNV12(to)) {
+        libyuv::CopyPlane(s.data[0], s.stride[0], t.data[0], t.stride[0], width, height);
+        HalveRows(s.data[1], s.stride[1], t.data[1], t.stride[1], 2 * chromaWidth, height);
+        return true;
+    }
+    if (!uyvy && !yuy2 && !i420)
+        return false;
+    // Through Cb and Cr planes a strip at a time.
+    uint8_t* u = scratch.Get(static_cast<size_t>(2 * chromaWidth) * kStripRows);
+    uint8_t* v = u + static_cast<size_t>(chromaWidth) * kStripRows;
+    for (int row = 0; row < height; row += kStripRows) {
+        const int rows = std::min(kStripRows, height - row);
+        const Planes in = FromRow(s, from, row), out = FromRow(t, to, row);
+        libyuv::SplitUVPlane(in.data[1], in.stride[1], u, chromaWidth, v, chromaWidth, chromaWidth,
+                             rows);
+        if (i420) {
+            libyuv::CopyPlane(in.data[0], in.stride[0], out.data[0], out.stride[0], width, rows);
+            HalveRows(u, chromaWidth, out.data[1], out.stride[1], chromaWidth, rows);
+            HalveRows(v, chromaWidth, out.data[2], out.stride[2], chromaWidth, rows);
+        } else if ((uyvy ? libyuv::I422ToUYVY(in.data[0], in.stride[0], u, chromaWidth, v,
+                                              chromaWidth, out.data[0], out.stride[0], width, rows)
+                         : libyuv::I422ToYUY2(in.data[0], in.stride[0], u, chromaWidth, v,
+                                              chromaWidth, out.data[0], out.stride[0], width,
+                                              rows)) != 0) {
+            return false;
+        }
+    }
+    return true;
+}
+
 // Y'CbCr to Y'CbCr of the same range: only the packing changes, directly or through three
 // 4:2:0 planes. False for pairs that need more.
 bool Repack(OSType from, const Planes& s, OSType to, const Planes& t, int width, int height,
             Scratch& scratch) {
+    if (IsNV16(from) || IsNV16(to))
+        return RepackNV16(from, s, to, t, width, height, scratch);
     static const uint8_t kSwapPairs[16] = {1, 0, 3, 2, 5, 4, 7, 6, 9, 8, 11, 10, 13, 12, 15, 14};
     const bool fromUYVY = from == kCVPixelFormatType_422YpCbCr8;
     const bool fromYUY2 = from == kCVPixelFormatType_422YpCbCr8_yuvs;
@@ -441,6 +572,12 @@ bool LibyuvScale(OSType format, const Planes& s, size_t sourceWidth, size_t sour
         return libyuv::NV12Scale(s.data[0], s.stride[0], s.data[1], s.stride[1], sw, sh, t.data[0],
                                  t.stride[0], t.data[1], t.stride[1], w, h,
                                  libyuv::kFilterBilinear) == 0;
+    if (IsNV16(format)) {
+        libyuv::ScalePlane(s.data[0], s.stride[0], sw, sh, t.data[0], t.stride[0], w, h,
+                           libyuv::kFilterBilinear);
+        return libyuv::UVScale(s.data[1], s.stride[1], (sw + 1) / 2, sh, t.data[1], t.stride[1],
+                               (w + 1) / 2, h, libyuv::kFilterBilinear) == 0;
+    }
     if (format == kCVPixelFormatType_420YpCbCr8Planar)
         return libyuv::I420Scale(s.data[0], s.stride[0], s.data[1], s.stride[1], s.data[2],
                                  s.stride[2], sw, sh, t.data[0], t.stride[0], t.data[1],
@@ -470,6 +607,16 @@ void ReleasePool(CVPixelBufferPool*& pool) {
 }
 
 } // namespace
+
+const PixelFormatInfo* SwscaleFormat(OSType format) {
+    const PixelFormatInfo* info = FindPixelFormat(format);
+    if (info == nullptr || info->swscaleStandIn == 0)
+        return info;
+    const auto own = static_cast<AVPixelFormat>(info->ffmpegFormat);
+    if (sws_isSupportedInput(own) > 0 && sws_isSupportedOutput(own) > 0)
+        return info;
+    return FindPixelFormat(info->swscaleStandIn);
+}
 
 bool VideoConversionIsIdentity(OSType sourceFormat, size_t sourceWidth, size_t sourceHeight,
                                OSType pixelFormat, size_t width, size_t height) {
@@ -502,13 +649,16 @@ struct VideoConverter::Implementation {
     Engine engine;
     ConversionPath lastPath = ConversionPath::Impossible;
     CVPixelBufferPool* pool = nullptr; // of delivered buffers
-    // libswscale, for the pairs libyuv does not handle, set up for one source.
+    // libswscale, for the pairs libyuv does not handle, set up for one source and target.
     SwsContext* scaler = nullptr;
-    OSType scalerFormat = 0;
-    size_t scalerWidth = 0, scalerHeight = 0;
+    OSType scalerFormat = 0, scalerTargetFormat = 0;
+    size_t scalerWidth = 0, scalerHeight = 0, scalerTargetWidth = 0, scalerTargetHeight = 0;
     YCbCrColour scalerColour;
     // A frame in the target's format at the source's size, when libyuv converts then scales.
     CVPixelBufferPool* unscaledPool = nullptr;
+    // Frames in the formats libswscale works in for a source or target it does not handle.
+    CVPixelBufferPool* standInSourcePool = nullptr;
+    CVPixelBufferPool* standInTargetPool = nullptr;
     Scratch scratch, rows;
 
     explicit Implementation(Engine engine) : engine(engine) {}
@@ -517,6 +667,8 @@ struct VideoConverter::Implementation {
         sws_freeContext(scaler);
         ReleasePool(pool);
         ReleasePool(unscaledPool);
+        ReleasePool(standInSourcePool);
+        ReleasePool(standInTargetPool);
     }
 
     CVPixelBufferRef PooledBuffer(CVPixelBufferPool*& from, OSType format, size_t width,
@@ -561,8 +713,8 @@ struct VideoConverter::Implementation {
     bool PrepareScaler(CVPixelBufferRef source, CVPixelBufferRef target, YCbCrColour targetColour) {
         if (scaler != nullptr && scalerFormat == source->pixelFormat &&
             scalerWidth == source->width && scalerHeight == source->height &&
-            scalerColour == source->colour && pool->pixelFormat() == target->pixelFormat &&
-            pool->width() == target->width && pool->height() == target->height)
+            scalerColour == source->colour && scalerTargetFormat == target->pixelFormat &&
+            scalerTargetWidth == target->width && scalerTargetHeight == target->height)
             return true;
         sws_freeContext(scaler);
         scaler = nullptr;
@@ -589,6 +741,9 @@ struct VideoConverter::Implementation {
         scalerWidth = source->width;
         scalerHeight = source->height;
         scalerColour = source->colour;
+        scalerTargetFormat = target->pixelFormat;
+        scalerTargetWidth = target->width;
+        scalerTargetHeight = target->height;
         return true;
     }
 
@@ -598,13 +753,43 @@ struct VideoConverter::Implementation {
         YCbCrColour colour = DefaultColour(target->pixelFormat);
         if (from->isYCbCr && to->isYCbCr)
             colour.matrix = source->colour.matrix;
-        if (!PrepareScaler(source, target, colour))
-            return false;
-        const Planes in = PlanesOf(source), out = PlanesOf(target);
-        sws_scale(scaler, in.data, in.stride, 0, static_cast<int>(source->height), out.data,
-                  out.stride);
+        // A format libswscale does not handle is repacked by libyuv, code for code, from or
+        // into the stand-in libswscale works in.
+        const PixelFormatInfo* fromStandIn = SwscaleFormat(from->pixelFormat);
+        const PixelFormatInfo* toStandIn = SwscaleFormat(to->pixelFormat);
+        CVPixelBufferRef input = source, output = target;
+        bool converted = true;
+        if (fromStandIn != from) {
+            input = PooledBuffer(standInSourcePool, fromStandIn->pixelFormat, source->width,
+                                 source->height);
+            converted =
+                input != nullptr &&
+                Repack(from->pixelFormat, PlanesOf(source), input->pixelFormat, PlanesOf(input),
+                       static_cast<int>(source->width), static_cast<int>(source->height), scratch);
+            if (converted)
+                input->colour = source->colour;
+        }
+        if (converted && toStandIn != to) {
+            output = PooledBuffer(standInTargetPool, toStandIn->pixelFormat, target->width,
+                                  target->height);
+            converted = output != nullptr;
+        }
+        converted = converted && PrepareScaler(input, output, colour);
+        if (converted) {
+            const Planes in = PlanesOf(input), out = PlanesOf(output);
+            sws_scale(scaler, in.data, in.stride, 0, static_cast<int>(input->height), out.data,
+                      out.stride);
+        }
+        if (converted && output != target)
+            converted =
+                Repack(output->pixelFormat, PlanesOf(output), to->pixelFormat, PlanesOf(target),
+                       static_cast<int>(target->width), static_cast<int>(target->height), scratch);
+        if (input != source)
+            CVPixelBufferRelease(input);
+        if (output != target)
+            CVPixelBufferRelease(output);
         target->colour = colour;
-        return true;
+        return converted;
     }
 };
 

@@ -112,9 +112,15 @@ struct MovieRecorder::Implementation {
     AVCodecContext* videoCodec = nullptr;
     SwsContext* scaler = nullptr;
     OSType inputFormat = 0; // the frames' pixel format when libyuv converts it to the encoder's
+    // For a frame format libswscale does not read: that format, and a picture of its stand-in,
+    // repacked by libyuv, for libswscale to read instead.
+    OSType repackedFormat = 0;
+    PixelFormatLayout standInLayout;
+    OSType standInFormat = 0;
+    std::vector<uint8_t> standIn;
     MovieVideoSettings videoSettings;
     int64_t lastVideoPts = INT64_MIN;
-    std::mutex videoMutex; // guards scaler and lastVideoPts
+    std::mutex videoMutex; // guards scaler, standIn and lastVideoPts
 
     AVStream* audioStream = nullptr;
     AVCodecContext* audioCodec = nullptr;
@@ -251,10 +257,22 @@ bool MovieRecorder::Implementation::OpenVideo(const MovieVideoSettings& settings
     const PixelFormatInfo* input = FindPixelFormatByFFmpeg(settings.pixelFormat);
     if (input != nullptr && videoCodec->pix_fmt == AV_PIX_FMT_YUV420P)
         inputFormat = input->pixelFormat;
-    scaler = sws_getContext(settings.width, settings.height,
-                            static_cast<AVPixelFormat>(settings.pixelFormat), settings.width,
-                            settings.height, videoCodec->pix_fmt, SWS_BILINEAR, nullptr, nullptr,
-                            nullptr);
+    int scalerInput = settings.pixelFormat;
+    const PixelFormatInfo* standInInfo =
+        input != nullptr ? SwscaleFormat(input->pixelFormat) : nullptr;
+    if (standInInfo != nullptr && standInInfo != input) {
+        // 64 bytes spare: libyuv's vector row functions may store past the picture's end.
+        if (!GetPixelFormatLayout(standInInfo->pixelFormat, size_t(settings.width),
+                                  size_t(settings.height), 64, standInLayout))
+            return false;
+        repackedFormat = input->pixelFormat;
+        standInFormat = standInInfo->pixelFormat;
+        standIn.resize(standInLayout.totalSize + 64);
+        scalerInput = standInInfo->ffmpegFormat;
+    }
+    scaler = sws_getContext(
+        settings.width, settings.height, static_cast<AVPixelFormat>(scalerInput), settings.width,
+        settings.height, videoCodec->pix_fmt, SWS_BILINEAR, nullptr, nullptr, nullptr);
     return scaler != nullptr;
 }
 
@@ -355,8 +373,27 @@ bool MovieRecorder::Implementation::AppendVideo(const uint8_t* const planes[4],
     if (inputFormat == 0 ||
         !ConvertPlanesWithLibyuv(inputFormat, planes, strides, YCbCrColour(),
                                  kCVPixelFormatType_420YpCbCr8Planar, frame->data, frame->linesize,
-                                 size_t(videoCodec->width), size_t(videoCodec->height)))
-        sws_scale(scaler, planes, strides, 0, videoSettings.height, frame->data, frame->linesize);
+                                 size_t(videoCodec->width), size_t(videoCodec->height))) {
+        const uint8_t* in[4] = {planes[0], planes[1], planes[2], planes[3]};
+        int inStrides[4] = {strides[0], strides[1], strides[2], strides[3]};
+        if (standInFormat != 0) {
+            uint8_t* repacked[4] = {nullptr, nullptr, nullptr, nullptr};
+            for (int plane = 0; plane < standInLayout.planeCount; ++plane) {
+                repacked[plane] = standIn.data() + standInLayout.planeOffset[plane];
+                inStrides[plane] = static_cast<int>(standInLayout.bytesPerRow[plane]);
+            }
+            if (!ConvertPlanesWithLibyuv(repackedFormat, planes, strides, YCbCrColour(),
+                                         standInFormat, repacked, inStrides,
+                                         size_t(videoCodec->width), size_t(videoCodec->height))) {
+                FreeFrame(frame);
+                return false;
+            }
+            std::copy(repacked, repacked + 4, in);
+            for (int plane = standInLayout.planeCount; plane < 4; ++plane)
+                inStrides[plane] = 0;
+        }
+        sws_scale(scaler, in, inStrides, 0, videoSettings.height, frame->data, frame->linesize);
+    }
     int64_t pts = std::llround(std::max(0.0, when) / av_q2d(videoCodec->time_base));
     // Encoders need strictly increasing times; a late or duplicate time moves up one tick.
     if (pts <= lastVideoPts)

@@ -41,6 +41,7 @@ const FormatCase kFormats[] = {
     {kCVPixelFormatType_422YpCbCr8, V4L2_PIX_FMT_UYVY},
     {kCVPixelFormatType_420YpCbCr8BiPlanarVideoRange, V4L2_PIX_FMT_NV12},
     {kCVPixelFormatType_420YpCbCr8Planar, V4L2_PIX_FMT_YUV420},
+    {kCVPixelFormatType_422YpCbCr8BiPlanarVideoRange, V4L2_PIX_FMT_NV16},
     {kCVPixelFormatType_444YpCbCr8BiPlanarVideoRange, V4L2_PIX_FMT_NV24},
     {kCVPixelFormatType_24RGB, V4L2_PIX_FMT_RGB24},
     {kCVPixelFormatType_24BGR, V4L2_PIX_FMT_BGR24},
@@ -104,6 +105,8 @@ size_t PictureBytes(OSType format, size_t bytesPerRow, size_t height) {
     case kCVPixelFormatType_420YpCbCr8BiPlanarVideoRange:
     case kCVPixelFormatType_420YpCbCr8Planar:
         return bytesPerRow * height * 3 / 2;
+    case kCVPixelFormatType_422YpCbCr8BiPlanarVideoRange:
+        return bytesPerRow * height * 2;
     case kCVPixelFormatType_444YpCbCr8BiPlanarVideoRange:
         return bytesPerRow * height * 3;
     default:
@@ -127,6 +130,9 @@ Triple SampleAt(const Picture& p, size_t x, size_t y) {
         return triple(px[1 + (x & 1) * 2], px[0], px[2]);
     case kCVPixelFormatType_420YpCbCr8BiPlanarVideoRange:
         px = luma + y / 2 * p.bytesPerRow + x / 2 * 2;
+        return triple(row[x], px[0], px[1]);
+    case kCVPixelFormatType_422YpCbCr8BiPlanarVideoRange:
+        px = luma + y * p.bytesPerRow + x / 2 * 2;
         return triple(row[x], px[0], px[1]);
     case kCVPixelFormatType_420YpCbCr8Planar: {
         const size_t chromaRow = p.bytesPerRow / 2, chromaPlane = chromaRow * (p.height / 2);

@@ -23,6 +23,7 @@ extern "C" {
 #include <libavcodec/avcodec.h>
 #include <libavformat/avformat.h>
 #include <libavutil/pixfmt.h>
+#include <libswscale/swscale.h>
 }
 
 namespace {
@@ -273,6 +274,19 @@ CVPixelBufferRef FirstPicture(const std::string& path) {
             VideoConverter converter;
             result = converter.Convert(planar, kCVPixelFormatType_32BGRA, 0, 0);
             CVPixelBufferRelease(planar);
+        } else if (decoded && CVPixelBufferCreate(nullptr, size_t(frame->width),
+                                                  size_t(frame->height), kCVPixelFormatType_32BGRA,
+                                                  nullptr, &result) == kCVReturnSuccess) {
+            // Other samplings (DV's 4:1:1) through libswscale.
+            SwsContext* scaler = sws_getContext(
+                frame->width, frame->height, static_cast<AVPixelFormat>(frame->format),
+                frame->width, frame->height, AV_PIX_FMT_BGRA,
+                SWS_POINT | SWS_ACCURATE_RND | SWS_FULL_CHR_H_INT, nullptr, nullptr, nullptr);
+            uint8_t* out[4] = {result->base, nullptr, nullptr, nullptr};
+            int outStrides[4] = {int(result->layout.bytesPerRow[0]), 0, 0, 0};
+            if (scaler != nullptr)
+                sws_scale(scaler, frame->data, frame->linesize, 0, frame->height, out, outStrides);
+            sws_freeContext(scaler);
         }
     }
     av_frame_free(&frame);
@@ -285,49 +299,60 @@ CVPixelBufferRef FirstPicture(const std::string& path) {
 } // namespace
 
 // The recorder converts each pixel format it is handed to what the encoder takes with the
-// picture's colours: the test camera's bars come back from the file, within what H.264 loses.
+// picture's colours: the test camera's bars come back from the file, within what H.264 loses;
+// and from DV in NTSC's 4:1:1, which libyuv does not write.
 TEST_F(MovieRecorderTest, PicturesKeepTheirColoursInEveryInputFormat) {
-    for (OSType pixelFormat :
-         {kCVPixelFormatType_422YpCbCr8, kCVPixelFormatType_422YpCbCr8_yuvs,
-          kCVPixelFormatType_32BGRA, kCVPixelFormatType_24RGB,
-          kCVPixelFormatType_420YpCbCr8BiPlanarVideoRange, kCVPixelFormatType_420YpCbCr8Planar}) {
-        const PixelFormatInfo* info = FindPixelFormat(pixelFormat);
-        SCOPED_TRACE(info->name);
-        const std::string path = folder + "/colours-" + info->name + ".mkv";
-        MovieVideoSettings video = Video(320, 240, 30);
-        video.pixelFormat = info->ffmpegFormat;
-        auto recorder = MovieRecorder::Create(path, &video, nullptr);
-        ASSERT_NE(nullptr, recorder);
-        CVPixelBufferRef picture = nullptr;
-        ASSERT_EQ(kCVReturnSuccess,
-                  CVPixelBufferCreate(nullptr, 320, 240, pixelFormat, nullptr, &picture));
-        TestPattern(pixelFormat, 320, 240).Draw(picture, 0);
-        const uint8_t* planes[4] = {nullptr, nullptr, nullptr, nullptr};
-        int strides[4] = {0, 0, 0, 0};
-        for (int plane = 0; plane < picture->layout.planeCount; ++plane) {
-            planes[plane] = picture->base + picture->layout.planeOffset[plane];
-            strides[plane] = int(picture->layout.bytesPerRow[plane]);
-        }
-        for (int frame = 0; frame < 5; ++frame)
-            while (!recorder->AppendVideo(planes, strides, frame / 30.0))
-                std::this_thread::sleep_for(std::chrono::milliseconds(2));
-        recorder->Finish();
-        CVPixelBufferRelease(picture);
+    struct Encoding {
+        size_t width, height;
+        bool dv;
+    };
+    for (Encoding encoding : {Encoding{320, 240, false}, Encoding{720, 480, true}})
+        for (OSType pixelFormat :
+             {kCVPixelFormatType_422YpCbCr8, kCVPixelFormatType_422YpCbCr8_yuvs,
+              kCVPixelFormatType_32BGRA, kCVPixelFormatType_24RGB,
+              kCVPixelFormatType_420YpCbCr8BiPlanarVideoRange, kCVPixelFormatType_420YpCbCr8Planar,
+              kCVPixelFormatType_422YpCbCr8BiPlanarVideoRange}) {
+            const size_t width = encoding.width, height = encoding.height;
+            const PixelFormatInfo* info = FindPixelFormat(pixelFormat);
+            SCOPED_TRACE(testing::Message() << info->name << (encoding.dv ? " DV" : ""));
+            const std::string path =
+                folder + "/colours-" + info->name + (encoding.dv ? ".mov" : ".mkv");
+            MovieVideoSettings video =
+                Video(int(width), int(height), encoding.dv ? 30000.0 / 1001 : 30);
+            video.pixelFormat = info->ffmpegFormat;
+            video.keepAsDV = encoding.dv;
+            auto recorder = MovieRecorder::Create(path, &video, nullptr);
+            ASSERT_NE(nullptr, recorder);
+            CVPixelBufferRef picture = nullptr;
+            ASSERT_EQ(kCVReturnSuccess,
+                      CVPixelBufferCreate(nullptr, width, height, pixelFormat, nullptr, &picture));
+            TestPattern(pixelFormat, width, height).Draw(picture, 0);
+            const uint8_t* planes[4] = {nullptr, nullptr, nullptr, nullptr};
+            int strides[4] = {0, 0, 0, 0};
+            for (int plane = 0; plane < picture->layout.planeCount; ++plane) {
+                planes[plane] = picture->base + picture->layout.planeOffset[plane];
+                strides[plane] = int(picture->layout.bytesPerRow[plane]);
+            }
+            for (int frame = 0; frame < 5; ++frame)
+                while (!recorder->AppendVideo(planes, strides, frame / 30.0))
+                    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+            recorder->Finish();
+            CVPixelBufferRelease(picture);
 
-        CVPixelBufferRef decoded = FirstPicture(path);
-        ASSERT_NE(nullptr, decoded);
-        // The middle of each bar, below the frame counter.
-        for (size_t bar = 0; bar < 8; ++bar) {
-            const size_t x = (2 * bar + 1) * 320 / 16, y = 200;
-            uint8_t rgb[3];
-            TestPattern::Pixel(320, 240, 0, x, y, rgb);
-            const uint8_t* p = decoded->base + y * decoded->layout.bytesPerRow[0] + x * 4;
-            EXPECT_NEAR(rgb[0], p[2], 6) << "bar " << bar;
-            EXPECT_NEAR(rgb[1], p[1], 6) << "bar " << bar;
-            EXPECT_NEAR(rgb[2], p[0], 6) << "bar " << bar;
+            CVPixelBufferRef decoded = FirstPicture(path);
+            ASSERT_NE(nullptr, decoded);
+            // The middle of each bar, below the frame counter.
+            for (size_t bar = 0; bar < 8; ++bar) {
+                const size_t x = (2 * bar + 1) * width / 16, y = height * 5 / 6;
+                uint8_t rgb[3];
+                TestPattern::Pixel(width, height, 0, x, y, rgb);
+                const uint8_t* p = decoded->base + y * decoded->layout.bytesPerRow[0] + x * 4;
+                EXPECT_NEAR(rgb[0], p[2], 6) << "bar " << bar;
+                EXPECT_NEAR(rgb[1], p[1], 6) << "bar " << bar;
+                EXPECT_NEAR(rgb[2], p[0], 6) << "bar " << bar;
+            }
+            CVPixelBufferRelease(decoded);
         }
-        CVPixelBufferRelease(decoded);
-    }
 }
 
 // Interlaced pictures are marked with their field order in every container, and progressive

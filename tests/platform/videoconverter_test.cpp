@@ -68,6 +68,7 @@ TEST(VideoConverter, ConvertsEveryFormatWithCorrectColours) {
         kCVPixelFormatType_24BGR,
         kCVPixelFormatType_420YpCbCr8BiPlanarVideoRange,
         kCVPixelFormatType_420YpCbCr8Planar,
+        kCVPixelFormatType_422YpCbCr8BiPlanarVideoRange,
     };
     const uint64_t frame = 7;
     for (OSType format : formats) {
@@ -152,6 +153,7 @@ const OSType kFormats[] = {
     kCVPixelFormatType_420YpCbCr8BiPlanarVideoRange,
     kCVPixelFormatType_420YpCbCr8BiPlanarFullRange,
     kCVPixelFormatType_420YpCbCr8Planar,
+    kCVPixelFormatType_422YpCbCr8BiPlanarVideoRange,
 };
 const OSType kYCbCrFormats[] = {
     kCVPixelFormatType_422YpCbCr8,
@@ -159,6 +161,7 @@ const OSType kYCbCrFormats[] = {
     kCVPixelFormatType_420YpCbCr8BiPlanarVideoRange,
     kCVPixelFormatType_420YpCbCr8BiPlanarFullRange,
     kCVPixelFormatType_420YpCbCr8Planar,
+    kCVPixelFormatType_422YpCbCr8BiPlanarVideoRange,
 };
 
 // 75% colour bars, in the top half left to right and in the bottom half right to left, so
@@ -209,6 +212,8 @@ std::vector<unsigned char*> Components(CVPixelBufferRef buffer, size_t x, size_t
         return {at(0, x, y), at(1, x / 2 * 2, y / 2), at(1, x / 2 * 2 + 1, y / 2)};
     case kCVPixelFormatType_420YpCbCr8Planar:
         return {at(0, x, y), at(1, x / 2, y / 2), at(2, x / 2, y / 2)};
+    case kCVPixelFormatType_422YpCbCr8BiPlanarVideoRange:
+        return {at(0, x, y), at(1, x / 2 * 2, y), at(1, x / 2 * 2 + 1, y)};
     case kCVPixelFormatType_32BGRA:
         return {at(0, x * 4 + 2, y), at(0, x * 4 + 1, y), at(0, x * 4, y)};
     case kCVPixelFormatType_32ARGB:
@@ -399,22 +404,30 @@ TEST(VideoConverter, ThePixelFormatTableChoosesThePath) {
     CVPixelBufferRelease(source);
 }
 
-// Scaling in every format keeps a bar's colour away from its edges, whichever library scales.
+// Scaling from every format to 'BGRA', and within every format, keeps a bar's colour away from
+// its edges, whichever library scales.
 TEST(VideoConverter, ScalesEveryFormat) {
-    for (OSType format : kFormats) {
-        SCOPED_TRACE(FindPixelFormat(format)->name);
-        CVPixelBufferRef source = Bars(format, 1280, 720, YCbCrColour());
-        VideoConverter converter;
-        CVPixelBufferRef small = converter.Convert(source, kCVPixelFormatType_32BGRA, 320, 180);
-        ASSERT_NE(nullptr, small);
-        uint8_t expected[3];
-        BarColour(1280, 720, 80, 100, expected);
-        std::vector<unsigned char*> p = Components(small, 20, 25);
-        for (int i = 0; i < 3; ++i)
-            EXPECT_NEAR(expected[i], *p[i], 3);
-        CVPixelBufferRelease(small);
-        CVPixelBufferRelease(source);
-    }
+    for (OSType format : kFormats)
+        for (OSType to : {OSType(kCVPixelFormatType_32BGRA), format}) {
+            SCOPED_TRACE(testing::Message()
+                         << FindPixelFormat(format)->name << " to " << FindPixelFormat(to)->name);
+            CVPixelBufferRef source = Bars(format, 1280, 720, YCbCrColour());
+            VideoConverter converter, toBGRA;
+            CVPixelBufferRef small = converter.Convert(source, to, 320, 180);
+            ASSERT_NE(nullptr, small);
+            CVPixelBufferRef bgra = toBGRA.Convert(small, kCVPixelFormatType_32BGRA, 0, 0);
+            ASSERT_NE(nullptr, bgra);
+            // Both quarters of the picture, each mirroring the other's bars.
+            for (size_t y : {25, 155}) {
+                uint8_t expected[3];
+                BarColour(1280, 720, 80, y * 4, expected);
+                std::vector<unsigned char*> p = Components(bgra, 20, y);
+                for (int i = 0; i < 3; ++i)
+                    EXPECT_NEAR(expected[i], *p[i], 3) << "row " << y;
+            }
+            for (CVPixelBufferRef buffer : {source, small, bgra})
+                CVPixelBufferRelease(buffer);
+        }
 }
 
 } // namespace

@@ -223,17 +223,18 @@ CVPixelBufferRef MjpegDecoder::DecodeWithLibavcodec(const uint8_t* data, size_t 
         size_t(p->height) > kLargestSide || p->decode_error_flags != 0 ||
         (p->flags & AV_FRAME_FLAG_CORRUPT) != 0)
         return nullptr;
-    const PixelFormatInfo* info = FindPixelFormat(format);
+    // A format libswscale does not write is decoded into its stand-in and repacked.
+    const PixelFormatInfo* info = SwscaleFormat(format);
     f.scaler = sws_getCachedContext(
         f.scaler, p->width, p->height, static_cast<AVPixelFormat>(p->format), p->width, p->height,
         static_cast<AVPixelFormat>(info->ffmpegFormat),
         SWS_POINT | SWS_ACCURATE_RND | SWS_FULL_CHR_H_INT, nullptr, nullptr, nullptr);
-    CVPixelBufferRef target = Target(format, size_t(p->width), size_t(p->height));
+    CVPixelBufferRef target = Target(info->pixelFormat, size_t(p->width), size_t(p->height));
     if (f.scaler == nullptr || target == nullptr) {
         CVPixelBufferRelease(target);
         return nullptr;
     }
-    const YCbCrColour colour = DefaultColour(format);
+    const YCbCrColour colour = DefaultColour(info->pixelFormat);
     const int* coefficients = sws_getCoefficients(SWS_CS_ITU601);
     sws_setColorspaceDetails(f.scaler, coefficients, 1, coefficients, colour.fullRange ? 1 : 0, 0,
                              1 << 16, 1 << 16);
@@ -245,5 +246,10 @@ CVPixelBufferRef MjpegDecoder::DecodeWithLibavcodec(const uint8_t* data, size_t 
     }
     sws_scale(f.scaler, p->data, p->linesize, 0, p->height, planes, strides);
     target->colour = colour;
-    return target;
+    if (info->pixelFormat == format)
+        return target;
+    VideoConverter converter;
+    CVPixelBufferRef converted = converter.Convert(target, format, 0, 0);
+    CVPixelBufferRelease(target);
+    return converted;
 }

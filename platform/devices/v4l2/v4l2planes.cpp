@@ -101,9 +101,11 @@ uint32_t V4L2BufferSlot::bytesUsed(unsigned plane) const {
 namespace {
 
 // The separate-planes formats with a platform format: 4:2:0 as '420v' (a Y plane and an
-// interleaved CbCr plane) or 'y420' (Y, Cb and Cr planes).
+// interleaved CbCr plane) or 'y420' (Y, Cb and Cr planes), 4:2:2 as '422v' (as '420v' with
+// chroma on every row).
 const V4L2SeparatePlanes kSeparatePlanes[] = {
     {V4L2_PIX_FMT_NV12M, kCVPixelFormatType_420YpCbCr8BiPlanarVideoRange, 2, {0, 1, 0}},
+    {V4L2_PIX_FMT_NV16M, kCVPixelFormatType_422YpCbCr8BiPlanarVideoRange, 2, {0, 1, 0}},
     {V4L2_PIX_FMT_YUV420M, kCVPixelFormatType_420YpCbCr8Planar, 3, {0, 1, 2}},
     {V4L2_PIX_FMT_YVU420M, kCVPixelFormatType_420YpCbCr8Planar, 3, {0, 2, 1}},
 };

@@ -177,14 +177,16 @@ void TestPattern::Fill(CVPixelBufferRef buffer, Rect rect, const uint8_t rgb[3])
                 px[2] = rgbOrder ? rgb[2] : rgb[0];
             }
             break;
-        default: // the luma plane of the grey and 4:2:0 formats
+        default: // the luma plane of the grey and planar formats
             memset(line + rect.x0, y, rect.x1 - rect.x0);
             break;
         }
     }
     if (layout.planeCount < 2)
         return;
-    for (size_t row = rect.y0 / 2; row < (rect.y1 + 1) / 2; ++row) {
+    // Chroma at half the rows for 4:2:0, at every row for '422v'.
+    const size_t shiftY = layout.planeHeight[1] < height ? 1 : 0;
+    for (size_t row = rect.y0 >> shiftY; row < (rect.y1 + shiftY) >> shiftY; ++row) {
         if (layout.planeCount == 2) {
             unsigned char* line = base + layout.planeOffset[1] + row * layout.bytesPerRow[1];
             for (size_t x = rect.x0 / 2; x < (rect.x1 + 1) / 2; ++x) {

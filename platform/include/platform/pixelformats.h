@@ -73,6 +73,9 @@ struct PixelFormatInfo {
     bool isYCbCr;   // codes are Y'CbCr, so matrix and range apply
     bool fullRange; // a Y'CbCr format whose range is fixed at 0-255 ('420f')
     uint8_t libyuv; // LibyuvAbility bits
+    // For a format libswscale may not read or write ('422v' before FFmpeg 7): a table format
+    // of the same sampling that it does, which libyuv repacks into and out of code for code.
+    OSType swscaleStandIn = 0;
 };
 
 // The entry for a Core Video code ('ARGB' text is taken as 32-bit ARGB); null when unknown.

@@ -45,6 +45,11 @@ private:
     std::unique_ptr<Implementation> implementation;
 };
 
+// The table format libswscale works in for `format`: its own entry when libswscale reads and
+// writes it, otherwise its stand-in, which libyuv repacks to and from it code for code ('2vuy'
+// for '422v' with FFmpeg 5.1). Null for an unknown format.
+const PixelFormatInfo* SwscaleFormat(OSType format);
+
 // True when a frame in `source` format and size needs no conversion to be delivered as
 // pixelFormat at width x height (0 meaning "as it is").
 bool VideoConversionIsIdentity(OSType sourceFormat, size_t sourceWidth, size_t sourceHeight,
