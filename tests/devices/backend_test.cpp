@@ -31,19 +31,8 @@
 
 namespace {
 
-std::vector<std::string> DeviceNames() {
-    std::vector<std::string> names;
-    TavixDeviceEnumerateWithCallBack(
-        [](const char* name, void* context) {
-            static_cast<std::vector<std::string>*>(context)->push_back(name);
-            return true;
-        },
-        &names, TavixDeviceMediaTypeAny, 1);
-    return names;
-}
-
 TEST(RealDevices, AreListedBeforeTheBuiltInOnes) {
-    const std::vector<std::string> names = DeviceNames();
+    const std::vector<std::string> names = ListedDeviceNames(TavixDeviceMediaTypeAny);
     ASSERT_GE(names.size(), 3u);
     const size_t real = V4L2ListDevices().size();
     EXPECT_EQ("Tavix Test Camera", names[names.size() - 3]);

@@ -78,30 +78,11 @@ int SelectedInput(const std::string& path) {
     return index;
 }
 
-std::vector<std::string> VideoDeviceNames() {
-    std::vector<std::string> names;
-    TavixDeviceEnumerateWithCallBack(
-        [](const char* name, void* context) {
-            static_cast<std::vector<std::string>*>(context)->push_back(name);
-            return true;
-        },
-        &names, TavixDeviceMediaTypeVideo, 1);
-    return names;
-}
-
-std::vector<platform::DeviceFormat> BackendFormats(const std::string& uniqueId) {
-    for (platform::DeviceBackend* backend : platform::DeviceBackends())
-        for (const auto& device : backend->Enumerate())
-            if (device->Info().uniqueId == uniqueId)
-                return device->Formats();
-    return {};
-}
-
 TEST(Inputs, EachInputIsADeviceNamedCardColonInput) {
     REQUIRE_INPUTS(inputs);
     const NodeInputs node = AskDriver(inputs.front().path);
     ASSERT_EQ(node.names.size(), inputs.size());
-    const std::vector<std::string> listed = VideoDeviceNames();
+    const std::vector<std::string> listed = ListedDeviceNames(TavixDeviceMediaTypeVideo);
     for (const std::string& input : node.names) {
         // The first node carrying its card name keeps the plain name.
         const std::string name = node.card + ": " + input;

@@ -23,17 +23,6 @@
 
 namespace {
 
-std::vector<std::string> DeviceNames() {
-    std::vector<std::string> names;
-    TavixDeviceEnumerateWithCallBack(
-        [](const char* name, void* context) {
-            static_cast<std::vector<std::string>*>(context)->push_back(name);
-            return true;
-        },
-        &names, TavixDeviceMediaTypeVideo, 1);
-    return names;
-}
-
 std::atomic<const unsigned char*> lentPixels{nullptr};
 std::string lentFrom;
 std::atomic<unsigned long> lentFormat{0}, lentWidth{0}, lentHeight{0};
@@ -48,18 +37,9 @@ void KeepMapping(const unsigned char* pixels, unsigned long format, unsigned lon
     lentPixels = pixels;
 }
 
-// The formats the capture core sees for the device with `uniqueId`.
-std::vector<platform::DeviceFormat> BackendFormats(const std::string& uniqueId) {
-    for (platform::DeviceBackend* backend : platform::DeviceBackends())
-        for (const auto& device : backend->Enumerate())
-            if (device->Info().uniqueId == uniqueId)
-                return device->Formats();
-    return {};
-}
-
 TEST(Multiplanar, ACameraIsListedWithItsFormatsAndLendsItsBuffers) {
     REQUIRE_MULTIPLANAR_CAMERA(camera);
-    const std::vector<std::string> names = DeviceNames();
+    const std::vector<std::string> names = ListedDeviceNames(TavixDeviceMediaTypeVideo);
     ASSERT_NE(names.end(), std::find(names.begin(), names.end(), camera.displayName));
     DeviceScope scope(TavixDeviceGet(camera.displayName.c_str(), TavixDeviceMediaTypeVideo));
     ASSERT_NE(0u, scope.handle);

@@ -314,6 +314,10 @@ protected:
             GTEST_SKIP() << "no V4L2 camera (scripts/devvm.sh has one)";
         control = open(camera.path.c_str(), O_RDWR);
         ASSERT_GE(control, 0);
+        // The node's own answers (rates, the plain loop) are of the input it has selected, which
+        // another test may have left on another one.
+        int input = static_cast<int>(camera.input.index);
+        ASSERT_TRUE(!camera.selectsInput || ioctl(control, VIDIOC_S_INPUT, &input) == 0);
         ASSERT_TRUE(SetControl(control, "OSD Text Mode", 2)) << "vivid's text cannot be hidden";
         pool = new NSAutoreleasePool;
     }
@@ -376,11 +380,7 @@ QTCaptureDecompressedVideoOutput* OutputFor(OSType format, size_t width, size_t 
 }
 
 TEST_F(VividFormats, EveryMappedFormatIsListedOnceAtEachSizeWithTheBestRate) {
-    std::vector<platform::DeviceFormat> listed;
-    for (platform::DeviceBackend* backend : platform::DeviceBackends())
-        for (const auto& device : backend->Enumerate())
-            if (device->Info().uniqueId == camera.uniqueId)
-                listed = device->Formats();
+    const std::vector<platform::DeviceFormat> listed = BackendFormats(camera.uniqueId);
     std::set<OSType> formats;
     std::set<std::tuple<OSType, size_t, size_t>> entries;
     for (const platform::DeviceFormat& entry : listed) {

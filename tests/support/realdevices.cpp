@@ -14,6 +14,25 @@
 const char* const kLoopbackCapture = "hw:CARD=Loopback,DEV=1";
 const char* const kLoopbackPlayback = "hw:CARD=Loopback,DEV=0";
 
+std::vector<std::string> ListedDeviceNames(int mediaType) {
+    std::vector<std::string> names;
+    TavixDeviceEnumerateWithCallBack(
+        [](const char* name, void* context) {
+            static_cast<std::vector<std::string>*>(context)->push_back(name);
+            return true;
+        },
+        &names, static_cast<TavixDeviceMediaType>(mediaType), 1);
+    return names;
+}
+
+std::vector<platform::DeviceFormat> BackendFormats(const std::string& uniqueId) {
+    for (platform::DeviceBackend* backend : platform::DeviceBackends())
+        for (const auto& device : backend->Enumerate())
+            if (device->Info().uniqueId == uniqueId)
+                return device->Formats();
+    return {};
+}
+
 V4L2DeviceInfo FindCameraOffering(uint32_t fourcc) {
     for (V4L2DeviceInfo& device : V4L2ListDevices())
         for (const V4L2Format& format : device.formats)

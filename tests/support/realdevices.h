@@ -4,8 +4,16 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
+#include "platform/devicebackend.h"
 #include "platform/devices/v4l2/v4l2camera.h"
+
+// The display names the library lists for `mediaType` (a TavixDeviceMediaType), in its order.
+std::vector<std::string> ListedDeviceNames(int mediaType);
+
+// The formats the capture core sees for the device with `uniqueId`; empty when it is not there.
+std::vector<platform::DeviceFormat> BackendFormats(const std::string& uniqueId);
 
 // The first V4L2 capture node offering `fourcc`; an empty path when there is none.
 V4L2DeviceInfo FindCameraOffering(uint32_t fourcc);
