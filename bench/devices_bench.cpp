@@ -1,10 +1,10 @@
 // Camera capture cost, side by side on the same V4L2 devices in one run: a plain V4L2
 // dequeue/queue loop (the floor), tavix's capture through its C interface (the frames as a host's
-// callback receives them, in the camera's own format), for one camera and for four at once; then,
-// for one camera, the camera class alone and ffmpeg reading the device into a null sink. Prints
-// frames per second and CPU milliseconds per frame, and tavix's cost as a multiple of the loop's.
-// Needs vivid capture nodes offering YUYV (inside scripts/devvm.sh; four with
-// TAVIX_VM_VIVID="n_devs=4"); says so otherwise.
+// callback receives them, in the camera's own format), for one camera and for four at once, in
+// alternating rounds; then, for one camera, the camera class alone and ffmpeg reading the device
+// into a null sink. Prints frames per second and CPU milliseconds per frame, and tavix's cost as a
+// multiple of the loop's. Needs vivid capture nodes offering YUYV (inside scripts/devvm.sh; four
+// with TAVIX_VM_VIVID="n_devs=4"); says so otherwise.
 #include "bench.h"
 
 #include "llib/mac/tavix.h"
@@ -12,6 +12,7 @@
 #include "platform/pixelformats.h"
 #include "plainv4l2.h"
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
@@ -31,7 +32,8 @@ namespace {
 // sustains for four cameras.
 const uint32_t kWidth = 320;
 const uint32_t kHeight = 180;
-const double kSeconds = 5;
+const double kSeconds = 3;
+const int kRounds = 5;
 const int kFfmpegFrames = 60;
 
 struct Figures {
@@ -180,14 +182,31 @@ Figures Ffmpeg(const std::string& path) {
     return figures;
 }
 
+// The guest's CPU clock drifts with the host's load, so the two are measured in alternating
+// rounds and compared round by round; the spread of the ratios shows the noise.
 void Compare(const std::string& what, const std::vector<V4L2DeviceInfo>& cameras) {
-    const Figures plain = PlainLoops(cameras);
-    const Figures tavix = TavixCaptures(cameras);
+    Figures plain, tavix;
+    std::vector<double> ratios;
+    for (int round = 0; round < kRounds; ++round) {
+        const Figures plainRound = PlainLoops(cameras);
+        const Figures tavixRound = TavixCaptures(cameras);
+        if (plainRound.frames == 0 || tavixRound.frames == 0)
+            return;
+        ratios.push_back(tavixRound.msPerFrame() / plainRound.msPerFrame());
+        for (auto [sum, one] : {std::pair{&plain, &plainRound}, std::pair{&tavix, &tavixRound}}) {
+            sum->frames += one->frames;
+            sum->seconds += one->seconds;
+            sum->cpuSeconds += one->cpuSeconds;
+        }
+    }
     Report("plain V4L2 loop, " + what, plain);
     Report("tavix capture, " + what, tavix);
-    if (plain.msPerFrame() > 0 && tavix.frames > 0)
-        bench::Print(("tavix / plain loop CPU per frame, " + what).c_str(),
-                     tavix.msPerFrame() / plain.msPerFrame(), "x");
+    std::sort(ratios.begin(), ratios.end());
+    bench::Print(("tavix / plain loop CPU per frame, " + what + ", all rounds").c_str(),
+                 tavix.msPerFrame() / plain.msPerFrame(), "x");
+    bench::Print("  lowest round", ratios.front(), "x");
+    bench::Print("  median round", ratios[ratios.size() / 2], "x");
+    bench::Print("  highest round", ratios.back(), "x");
 }
 
 void CameraCapture() {
@@ -206,8 +225,8 @@ void CameraCapture() {
         std::printf("  no V4L2 camera offering YUYV: run inside scripts/devvm.sh\n");
         return;
     }
-    std::printf("  YUYV %ux%u, %.0f s each; %zu camera(s): %s", kWidth, kHeight, kSeconds,
-                cameras.size(), cameras[0].displayName.c_str());
+    std::printf("  YUYV %ux%u, %d rounds of %.0f s each; %zu camera(s): %s", kWidth, kHeight,
+                kRounds, kSeconds, cameras.size(), cameras[0].displayName.c_str());
     for (size_t i = 1; i < cameras.size() && i < 4; ++i)
         std::printf(", %s", cameras[i].displayName.c_str());
     std::printf("\n");
