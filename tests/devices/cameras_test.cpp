@@ -147,9 +147,11 @@ TEST_F(ManyCameras, EachDeliversWhatAPlainLoopGetsFromIt) {
                             [](const V4L2DeviceInfo& camera) { return camera.multiplanar; }),
               2)
         << "two of the cameras stream multiplanar buffers";
-    // The yardstick: four plain loops at once, for the same span.
-    std::vector<PlainCaptureFigures> plain(kCount);
-    {
+    // The yardstick: four plain loops at once, for the same span, before and after the
+    // library's turn. The emulated machine's speed wanders with its host's load; of the two
+    // runs, each camera is held to the slower.
+    auto plainLoops = [&] {
+        std::vector<PlainCaptureFigures> plain(kCount);
         std::vector<std::thread> loops;
         for (size_t i = 0; i < kCount; ++i)
             loops.emplace_back([&, i] {
@@ -158,18 +160,37 @@ TEST_F(ManyCameras, EachDeliversWhatAPlainLoopGetsFromIt) {
             });
         for (std::thread& loop : loops)
             loop.join();
-    }
-    for (size_t i = 0; i < kCount; ++i) {
-        ASSERT_TRUE(plain[i].ok) << cameras[i].displayName << ": " << plain[i].error;
-        ASSERT_GT(plain[i].frames, 0) << cameras[i].displayName;
-    }
+        for (size_t i = 0; i < kCount; ++i) {
+            EXPECT_TRUE(plain[i].ok) << cameras[i].displayName << ": " << plain[i].error;
+            EXPECT_GT(plain[i].frames, 0) << cameras[i].displayName;
+        }
+        return plain;
+    };
+    const std::vector<PlainCaptureFigures> plainBefore = plainLoops();
+    if (HasFailure())
+        return;
     Session session(cameras);
     session.Run(sound, false, kSeconds);
     if (HasFatalFailure())
         return;
+    // The capture threads let go of the nodes as they end.
+    EXPECT_TRUE(WaitUntil(
+        [&] {
+            return std::none_of(cameras.begin(), cameras.end(), [](const V4L2DeviceInfo& camera) {
+                return V4L2IsInUse(camera.path);
+            });
+        },
+        std::chrono::seconds(10)));
+    const std::vector<PlainCaptureFigures> plainAfter = plainLoops();
+    if (HasFailure())
+        return;
+    std::vector<double> plainRates(kCount);
+    for (size_t i = 0; i < kCount; ++i)
+        plainRates[i] = std::min(plainBefore[i].frames / plainBefore[i].seconds,
+                                 plainAfter[i].frames / plainAfter[i].seconds);
     for (size_t i = 0; i < kCount; ++i) {
         const std::string& name = cameras[i].displayName;
-        const double plainRate = plain[i].frames / plain[i].seconds;
+        const double plainRate = plainRates[i];
         const double rate = session.counted[i] / session.span;
         std::printf("  %s: plain loop %.1f, tavix %.1f frames per second\n", name.c_str(),
                     plainRate, rate);
