@@ -156,27 +156,6 @@ TEST(RealDevices, AnUnpluggedCameraStopsItsFramesAndReportsItself) {
         WaitUntil([&] { return TavixDeviceIsConnected(scope.handle); }, std::chrono::seconds(10)));
 }
 
-// Plays a 16-bit stereo sine into the loopback card until `stop` is set.
-void PlayTone(double hz, const std::atomic<bool>& stop) {
-    snd_pcm_t* pcm = nullptr;
-    if (snd_pcm_open(&pcm, kLoopbackPlayback, SND_PCM_STREAM_PLAYBACK, 0) != 0)
-        return;
-    const unsigned rate = 48000;
-    snd_pcm_set_params(pcm, SND_PCM_FORMAT_S16_LE, SND_PCM_ACCESS_RW_INTERLEAVED, 2, rate, 0,
-                       200000);
-    std::vector<int16_t> period(2 * rate / 50);
-    for (size_t done = 0; !stop; done += period.size() / 2) {
-        for (size_t i = 0; i < period.size() / 2; ++i)
-            period[2 * i] = period[2 * i + 1] =
-                static_cast<int16_t>(12000 * std::sin(2 * M_PI * hz * double(done + i) / rate));
-        const snd_pcm_sframes_t written = snd_pcm_writei(pcm, period.data(), period.size() / 2);
-        if (written < 0)
-            snd_pcm_recover(pcm, static_cast<int>(written), 1);
-    }
-    snd_pcm_drop(pcm);
-    snd_pcm_close(pcm);
-}
-
 struct ToneLog {
     std::mutex mutex;
     std::vector<int16_t> left; // the first channel, as delivered
@@ -199,7 +178,7 @@ TEST(RealDevices, ASoundInputCapturesAToneAtItsFrequency) {
     ASSERT_NE(0u, scope.handle);
     ASSERT_TRUE(TavixDeviceOpen(scope.handle));
     std::atomic<bool> stop{false};
-    std::thread player(PlayTone, 440.0, std::cref(stop));
+    std::thread player(PlayLoopbackTone, 440.0, std::cref(stop));
     ToneLog log;
     ASSERT_TRUE(TavixDeviceStartCapture(scope.handle, nullptr, 0, 0, 0, 0, KeepSound,
                                         reinterpret_cast<long>(&log), 0, 44100, 2, 2, nullptr));
@@ -229,7 +208,7 @@ TEST(RealDevices, ACameraTakesItsSoundFromAnAlsaCompanion) {
     DeviceScope scope(TavixDeviceGet(camera.displayName.c_str(), TavixDeviceMediaTypeVideo));
     ASSERT_TRUE(TavixDeviceOpen(scope.handle));
     std::atomic<bool> stop{false};
-    std::thread player(PlayTone, 1000.0, std::cref(stop));
+    std::thread player(PlayLoopbackTone, 1000.0, std::cref(stop));
     CallbackLog log;
     ASSERT_TRUE(TavixDeviceStartCaptureWithAudioDevice(scope.handle, input.c_str(), LogFrame,
                                                        DataOf(log), 0, 320, 180, LogSound,

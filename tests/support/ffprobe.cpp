@@ -23,7 +23,7 @@ ProbedMovie ProbeMovie(const std::string& path) {
     const CommandOutput run = RunCommand(
         "ffprobe -v quiet -count_frames -show_entries "
         "format=format_name,duration:stream=codec_type,codec_name,nb_read_frames,width,height,"
-        "sample_rate,channels,field_order,avg_frame_rate -of compact=p=1:nk=0 '" +
+        "sample_rate,channels,field_order,avg_frame_rate,duration -of compact=p=1:nk=0 '" +
         path + "'");
     std::istringstream lines(run.output);
     for (std::string text; std::getline(lines, text);) {
@@ -42,6 +42,8 @@ ProbedMovie ProbeMovie(const std::string& path) {
                 movie.formatName = value;
             else if (section == "format" && key == "duration")
                 movie.duration = atof(value.c_str());
+            else if (section == "stream" && key == "duration")
+                stream.duration = value == "N/A" ? -1 : atof(value.c_str());
             else if (key == "codec_type")
                 stream.codecType = value;
             else if (key == "codec_name")

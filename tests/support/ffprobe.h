@@ -12,6 +12,7 @@ struct ProbedStream {
     int sampleRate = 0, channels = 0;
     std::string fieldOrder; // "progressive", "tt" (top field first), "bb"...; "" when unknown
     double frameRate = 0;   // the stream's average picture rate
+    double duration = -1;   // seconds; -1 when ffprobe does not say
 };
 
 struct ProbedMovie {

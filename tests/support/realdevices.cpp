@@ -1,6 +1,11 @@
 #include "support/realdevices.h"
 
+#include <alsa/asoundlib.h>
+
+#include <cmath>
+#include <cstdint>
 #include <cstdio>
+#include <vector>
 #include <fstream>
 
 #include <gtest/gtest.h>
@@ -91,4 +96,25 @@ void ExpectCameraRecordsWhatTheCallbackSees(const std::string& camera, unsigned 
         EXPECT_EQ(static_cast<int>(width), video->width);
         EXPECT_EQ(static_cast<int>(height), video->height);
     }
+}
+
+// Plays a 16-bit stereo sine into the loopback card until `stop` is set.
+void PlayLoopbackTone(double hz, const std::atomic<bool>& stop) {
+    snd_pcm_t* pcm = nullptr;
+    if (snd_pcm_open(&pcm, kLoopbackPlayback, SND_PCM_STREAM_PLAYBACK, 0) != 0)
+        return;
+    const unsigned rate = 48000;
+    snd_pcm_set_params(pcm, SND_PCM_FORMAT_S16_LE, SND_PCM_ACCESS_RW_INTERLEAVED, 2, rate, 0,
+                       200000);
+    std::vector<int16_t> period(2 * rate / 50);
+    for (size_t done = 0; !stop; done += period.size() / 2) {
+        for (size_t i = 0; i < period.size() / 2; ++i)
+            period[2 * i] = period[2 * i + 1] =
+                static_cast<int16_t>(12000 * std::sin(2 * M_PI * hz * double(done + i) / rate));
+        const snd_pcm_sframes_t written = snd_pcm_writei(pcm, period.data(), period.size() / 2);
+        if (written < 0)
+            snd_pcm_recover(pcm, static_cast<int>(written), 1);
+    }
+    snd_pcm_drop(pcm);
+    snd_pcm_close(pcm);
 }

@@ -2,6 +2,7 @@
 // device tests, which skip themselves, saying why, on a machine without them.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -54,3 +55,7 @@ std::string LoopbackInputName();
     if (name.empty()) {                                                                            \
         GTEST_SKIP() << "no loopback sound card (scripts/devvm.sh loads snd-aloop)";               \
     }
+
+// Plays a 16-bit stereo sine at `hz` into kLoopbackPlayback until `stop` is set; run it on a
+// thread of its own. Returns at once when the card cannot be opened.
+void PlayLoopbackTone(double hz, const std::atomic<bool>& stop);
