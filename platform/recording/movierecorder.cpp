@@ -4,12 +4,16 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <cmath>
 #include <condition_variable>
 #include <cstring>
 #include <deque>
 #include <mutex>
+#include <sys/resource.h>
+#include <sys/syscall.h>
 #include <thread>
+#include <unistd.h>
 #include <vector>
 
 extern "C" {
@@ -32,6 +36,33 @@ namespace {
 constexpr size_t kMaxQueuedPictures = 60;
 // The file is flushed to disk at least this often, so a killed process loses little.
 constexpr double kFlushIntervalSeconds = 0.5;
+// How much lower the encoding threads run than the capture threads: on a machine short of
+// processor time, the encoder falls behind (and the recorder drops whole pictures, counted)
+// before live pictures and sound are held up.
+constexpr int kEncoderNiceness = 5;
+
+// Lowers the calling thread's priority by kEncoderNiceness (on Linux the nice value is per
+// thread, and threads it creates inherit it). Cannot be undone without privileges, so only for
+// threads that do nothing but encode.
+void LowerThisThreadsPriority() {
+    const id_t thread = static_cast<id_t>(syscall(SYS_gettid));
+    errno = 0;
+    const int current = getpriority(PRIO_PROCESS, thread);
+    if (errno == 0)
+        setpriority(PRIO_PROCESS, thread, std::min(current + kEncoderNiceness, 19));
+}
+
+// Opens an encoder on a thread of its own at the encoder's priority, so that the worker threads
+// the encoder starts (x264 starts several) inherit it.
+bool OpenEncoder(AVCodecContext* context, const AVCodec* codec) {
+    int result = -1;
+    std::thread opener([&] {
+        LowerThisThreadsPriority();
+        result = avcodec_open2(context, codec, nullptr);
+    });
+    opener.join();
+    return result >= 0;
+}
 
 enum class Container { QuickTime, MP4, Matroska };
 
@@ -245,7 +276,7 @@ bool MovieRecorder::Implementation::OpenVideo(const MovieVideoSettings& settings
     }
     if (format->oformat->flags & AVFMT_GLOBALHEADER)
         videoCodec->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
-    if (avcodec_open2(videoCodec, codec, nullptr) < 0)
+    if (!OpenEncoder(videoCodec, codec))
         return false;
     videoStream = avformat_new_stream(format, nullptr);
     if (videoStream == nullptr)
@@ -571,6 +602,7 @@ bool MovieRecorder::Implementation::EncodeAudio(AVFrame* frame) {
 }
 
 void MovieRecorder::Implementation::Run() {
+    LowerThisThreadsPriority();
     for (;;) {
         QueuedItem item{nullptr, false};
         {

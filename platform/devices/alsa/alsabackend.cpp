@@ -9,6 +9,8 @@
 // device's own ring.
 #include "platform/devices/alsa/alsabackend.h"
 
+#include <algorithm>
+#include <cmath>
 #include <condition_variable>
 #include <deque>
 #include <map>
@@ -21,6 +23,12 @@ namespace {
 // Captured sound waiting for the session's capture thread, in seconds; beyond this the oldest is
 // dropped.
 constexpr double kMaxQueuedSeconds = 2;
+// What one read hands on at the most: the host's sound is converted in one area of this size,
+// at up to eight bytes a sample.
+constexpr size_t kConversionBytes = 65535;
+constexpr size_t kMostFramesPerRead = 4800;
+// Pieces whose times differ from back to back by less than this follow each other.
+constexpr double kContiguousSeconds = 0.005;
 // How long a probe of a PCM's native format is trusted before it is made again.
 constexpr double kProbeSeconds = 5;
 
@@ -114,6 +122,20 @@ public:
         current = std::move(queue.front());
         queue.pop_front();
         queuedFrames -= current.frames;
+        // A reader that fell behind (a busy machine) takes what waits in one buffer, while the
+        // pieces follow each other without a gap and the buffer fits the host's conversion area
+        // in any format: fewer, larger buffers cost less, so it catches up.
+        const size_t most =
+            std::min<size_t>(kMostFramesPerRead, kConversionBytes / (format.mChannelsPerFrame * 8));
+        while (!queue.empty() && current.frames + queue.front().frames <= most &&
+               std::fabs(queue.front().time - current.time -
+                         double(current.frames) / format.mSampleRate) < kContiguousSeconds) {
+            Chunk& next = queue.front();
+            current.bytes.insert(current.bytes.end(), next.bytes.begin(), next.bytes.end());
+            current.frames += next.frames;
+            queuedFrames -= next.frames;
+            queue.pop_front();
+        }
         locked.unlock();
         list.mNumberBuffers = 1;
         list.mBuffers[0].mNumberChannels = format.mChannelsPerFrame;
