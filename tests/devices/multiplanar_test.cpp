@@ -20,6 +20,7 @@
 #include "support/ffprobe.h"
 #include "support/realdevices.h"
 #include "support/tavix_helpers.h"
+#include "support/vivid.h"
 
 namespace {
 
@@ -124,10 +125,16 @@ std::vector<PlaneRows> PlanesOf(CVPixelBufferRef picture) {
 }
 
 // The same vivid pattern through a separate-planes format and its one-buffer twin: every plane
-// in the lower half (below the pattern's changing text) is the same, so the planes were joined
-// in the right order and with the driver's own strides.
+// in the lower half is the same, so the planes were joined in the right order and with the
+// driver's own strides. vivid's changing text over its pattern (which reaches that far down at
+// 180 lines) is turned off meanwhile.
 TEST(Multiplanar, PlanesInSeparateBuffersJoinIntoTheOneBufferPicture) {
     REQUIRE_MULTIPLANAR_CAMERA(camera);
+    ASSERT_TRUE(SetControl(camera.path, "OSD Text Mode", 2));
+    struct TextBack {
+        std::string node;
+        ~TextBack() { SetControl(node, "OSD Text Mode", 0); }
+    } textBack{camera.path};
     struct Pair {
         uint32_t separate, oneBuffer;
         OSType pixelFormat;
