@@ -2,6 +2,7 @@
 // window resized, keys that drive a deck, record and quit, and the refusal without a display.
 #include <gtest/gtest.h>
 #include <algorithm>
+#include <atomic>
 #include <poll.h>
 #include <signal.h>
 #include <sys/prctl.h>
@@ -82,9 +83,10 @@ public:
             WaitForChild(server);
         }
     }
-    // A shell command run against this display.
+    // A shell command run against this display; one that hangs (an X client waiting for a
+    // reply) is ended after ten seconds.
     CommandOutput Run(const std::string& command) const {
-        return RunCommand("DISPLAY=" + name + " " + command);
+        return RunCommand("DISPLAY=" + name + " timeout 10 " + command);
     }
 
     pid_t server = -1;
@@ -101,10 +103,10 @@ struct Picture {
 
 Picture Screenshot(const VirtualDisplay& display, const std::string& window) {
     Picture picture;
-    FILE* pipe = popen(
-        ("DISPLAY=" + display.name + " import -window " + window + " -depth 8 ppm:- 2>/dev/null")
-            .c_str(),
-        "r");
+    FILE* pipe = popen(("DISPLAY=" + display.name + " timeout 10 import -window " + window +
+                        " -depth 8 ppm:- 2>/dev/null")
+                           .c_str(),
+                       "r");
     if (pipe == nullptr)
         return picture;
     int width = 0, height = 0, maximum = 0;
@@ -206,10 +208,20 @@ public:
             _exit(127);
         });
         close(output[1]);
+        // Reads until the output ends or the test is done with it: a helper the program started
+        // (a session bus the X libraries launch, say) may hold the pipe open after it ended.
         reader = std::thread([this, fd = output[0]] {
             char buffer[4096];
-            ssize_t got;
-            while ((got = read(fd, buffer, sizeof buffer)) > 0) {
+            for (;;) {
+                pollfd ready{fd, POLLIN, 0};
+                if (poll(&ready, 1, 100) == 0) {
+                    if (done)
+                        break;
+                    continue;
+                }
+                const ssize_t got = read(fd, buffer, sizeof buffer);
+                if (got <= 0)
+                    break;
                 std::lock_guard<std::mutex> locked(mutex);
                 text.append(buffer, static_cast<size_t>(got));
             }
@@ -219,6 +231,7 @@ public:
     ~Preview() {
         if (child > 0 && status == kRunning)
             KillChild(child);
+        done = true;
         if (reader.joinable())
             reader.join();
     }
@@ -277,6 +290,7 @@ private:
     const VirtualDisplay& display;
     pid_t child = -1;
     int status = kRunning;
+    std::atomic<bool> done{false};
     std::thread reader;
     std::mutex mutex;
     std::string text;
