@@ -25,6 +25,7 @@ QTCaptureDecompressedVideoOutputDelegate* QTCaptureDecompressedVideoOutput::dele
 
 void QTCaptureDecompressedVideoOutput::setPixelBufferAttributes(NSDictionary* newAttributes) {
     std::lock_guard<std::recursive_mutex> locked(mutex);
+    std::lock_guard<std::mutex> requestLocked(requestMutex);
     if (newAttributes != nullptr)
         newAttributes->retain();
     NSReleaseIfSet(attributes);
@@ -53,7 +54,7 @@ NSDictionary* QTCaptureDecompressedVideoOutput::pixelBufferAttributes() const {
 }
 
 platform::StreamRequest QTCaptureDecompressedVideoOutput::Request() const {
-    std::lock_guard<std::recursive_mutex> locked(mutex);
+    std::lock_guard<std::mutex> locked(requestMutex);
     return request;
 }
 

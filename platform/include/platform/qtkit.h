@@ -214,6 +214,10 @@ private:
     mutable std::recursive_mutex mutex; // held around every delegate call
     QTCaptureDecompressedVideoOutputDelegate* videoDelegate = nullptr;
     NSDictionary* attributes = nullptr;
+    // Written under both locks, read under either: a starting capture thread asks for it while
+    // a delegate call may hold `mutex` and wait for that very thread (a callback stopping
+    // capture joins the session's threads).
+    mutable std::mutex requestMutex;
     platform::StreamRequest request;
     class VideoConverter* converter = nullptr;
 };
