@@ -164,6 +164,24 @@ bool ShowsColourBars(const Picture& window, int frameWidth, int frameHeight) {
     return true;
 }
 
+// What a failed bar check saw: the screenshot's size and the colour at each bar's first place.
+std::string DescribeBars(const Picture& window, int frameWidth, int frameHeight) {
+    if (window.width == 0)
+        return "no screenshot";
+    std::string text = std::to_string(window.width) + " x " + std::to_string(window.height) + ":";
+    const PictureArea area(window, frameWidth, frameHeight);
+    const int y = area.Y(0.4 * frameHeight);
+    for (int bar = 0; bar < 8; ++bar) {
+        const int x = area.X((bar + 0.3) * frameWidth / 8);
+        if (window.Has(x, y)) {
+            const unsigned char* pixel = window.At(x, y);
+            text += " " + std::to_string(pixel[0]) + "," + std::to_string(pixel[1]) + "," +
+                    std::to_string(pixel[2]);
+        }
+    }
+    return text;
+}
+
 // The pixels of the frame counter the test pattern burns in at its top left.
 std::vector<unsigned char> Counter(const Picture& window, int frameWidth, int frameHeight) {
     std::vector<unsigned char> pixels;
@@ -243,12 +261,14 @@ public:
     bool WaitForOutput(const std::string& part, double seconds = 15) {
         return Eventually([&] { return Contains(Output(), part); }, seconds);
     }
-    // The window's id, once the window is there.
+    // The id of the program's window, once it is shown (a hidden one with the same title may
+    // come and go before it).
     std::string FindWindow(const std::string& title) {
         Eventually(
             [&] {
                 // The output carries xdotool's complaints too: the id is the line of digits.
-                const CommandOutput found = display.Run("xdotool search --name '^" + title + "$'");
+                const CommandOutput found =
+                    display.Run("xdotool search --onlyvisible --name '^" + title + "$'");
                 window.clear();
                 size_t start = 0;
                 while (window.empty() && start < found.output.size()) {
@@ -328,8 +348,8 @@ TEST_F(PreviewWindow, ShowsTheLivePictureThroughAResizeAndQuitsOnQ) {
             return ShowsColourBars(first, 1280, 720);
         },
         15))
-        << "the colour bars never showed in a " << first.width << " x " << first.height
-        << " window";
+        << "the colour bars never showed: " << DescribeBars(first, 1280, 720) << "\n"
+        << preview.Output();
     const std::vector<unsigned char> counter = Counter(first, 1280, 720);
     EXPECT_TRUE(Eventually([&] { return Counter(preview.Screenshot(), 1280, 720) != counter; }, 10))
         << "the burnt-in frame counter did not change: the picture is not live";
@@ -343,7 +363,7 @@ TEST_F(PreviewWindow, ShowsTheLivePictureThroughAResizeAndQuitsOnQ) {
                    ShowsColourBars(resized, 1280, 720);
         },
         15))
-        << "after the resize: " << resized.width << " x " << resized.height;
+        << "after the resize: " << DescribeBars(resized, 1280, 720);
 
     preview.Key("s");
     ASSERT_TRUE(preview.WaitForOutput("snapshot ")) << preview.Output();
@@ -365,7 +385,9 @@ TEST_F(PreviewWindow, SpacePlaysTheDeckAndRTwiceLeavesAPlayableRecording) {
             stopped = preview.Screenshot();
             return ShowsColourBars(stopped, 720, 576);
         },
-        15));
+        15))
+        << DescribeBars(stopped, 720, 576) << "\n"
+        << preview.Output();
 
     preview.Key("space");
     ASSERT_TRUE(preview.WaitForOutput("Tavix Test Deck: playing")) << preview.Output();

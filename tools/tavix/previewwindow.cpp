@@ -76,8 +76,12 @@ public:
         int width = 640, height = 360;
         if (session.HasVideo())
             InitialSize(width, height);
+        // Hidden until the renderer exists: making one may replace the window with a new one
+        // (SDL recreates it for OpenGL), and a window that shows and vanishes at once flickers
+        // and misleads whoever looks for it by its title.
         window = SDL_CreateWindow(session.DeviceName().c_str(), SDL_WINDOWPOS_CENTERED,
-                                  SDL_WINDOWPOS_CENTERED, width, height, SDL_WINDOW_RESIZABLE);
+                                  SDL_WINDOWPOS_CENTERED, width, height,
+                                  SDL_WINDOW_RESIZABLE | SDL_WINDOW_HIDDEN);
         if (window == nullptr) {
             error = SDL_GetError();
             return false;
@@ -89,6 +93,7 @@ public:
             error = SDL_GetError();
             return false;
         }
+        SDL_ShowWindow(window);
         return true;
     }
 
