@@ -1,10 +1,11 @@
 // Camera capture cost, side by side on the same V4L2 devices in one run: a plain V4L2
 // dequeue/queue loop (the floor), tavix's capture through its C interface (the frames as a host's
 // callback receives them, in the camera's own format), for one camera and for four at once, in
-// alternating rounds; then, for one camera, the camera class alone and ffmpeg reading the device
-// into a null sink. Prints frames per second and CPU milliseconds per frame, and tavix's cost as a
-// multiple of the loop's. Needs vivid capture nodes offering YUYV (inside scripts/devvm.sh; four
-// with TAVIX_VM_VIVID="n_devs=4"); says so otherwise.
+// alternating rounds; then, for one camera, the camera class alone, the plain loop waiting in
+// poll() as the class does, and ffmpeg reading the device into a null sink. Prints frames per
+// second and CPU milliseconds per frame, and tavix's cost as a multiple of the loop's. Needs
+// vivid capture nodes offering YUYV (inside scripts/devvm.sh; four with
+// TAVIX_VM_VIVID="n_devs=4"); says so otherwise.
 #include "bench.h"
 
 #include "llib/mac/tavix.h"
@@ -236,6 +237,12 @@ void CameraCapture() {
     else
         std::printf("  fewer than four cameras: TAVIX_VM_VIVID=\"n_devs=4\" has four\n");
     Report("tavix camera class alone, one camera", CameraClass(cameras[0]));
+    // The camera class waits in poll() so that it can stop between frames; this is the plain
+    // loop paying the same.
+    PlainCaptureFigures polling =
+        RunPlainV4L2Loop(cameras[0], V4L2_PIX_FMT_YUYV, kWidth, kHeight, kSeconds, true);
+    Report("plain V4L2 loop waiting in poll(), one camera",
+           {polling.frames, polling.seconds, polling.cpuSeconds});
     Report("ffmpeg -f v4l2 -f null, one camera (with start-up)", Ffmpeg(cameras[0].path));
 }
 

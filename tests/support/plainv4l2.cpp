@@ -1,5 +1,7 @@
 #include "support/plainv4l2.h"
 
+#include "platform/devices/v4l2/v4l2planes.h"
+
 #include <cerrno>
 #include <chrono>
 #include <cstring>
@@ -48,7 +50,7 @@ v4l2_fract FastestInterval(const V4L2DeviceInfo& device, uint32_t fourcc, uint32
 } // namespace
 
 PlainCaptureFigures RunPlainV4L2Loop(const V4L2DeviceInfo& device, uint32_t fourcc, uint32_t width,
-                                     uint32_t height, double seconds) {
+                                     uint32_t height, double seconds, bool pollFirst) {
     PlainCaptureFigures figures;
     const int fd = open(device.path.c_str(), O_RDWR);
     if (fd < 0) {
@@ -79,19 +81,7 @@ PlainCaptureFigures RunPlainV4L2Loop(const V4L2DeviceInfo& device, uint32_t four
         if (Ioctl(fd, VIDIOC_S_INPUT, &input) != 0)
             return finish("S_INPUT");
     }
-    v4l2_format format{};
-    format.type = type;
-    if (planes) {
-        format.fmt.pix_mp.width = width;
-        format.fmt.pix_mp.height = height;
-        format.fmt.pix_mp.pixelformat = fourcc;
-        format.fmt.pix_mp.field = V4L2_FIELD_ANY;
-    } else {
-        format.fmt.pix.width = width;
-        format.fmt.pix.height = height;
-        format.fmt.pix.pixelformat = fourcc;
-        format.fmt.pix.field = V4L2_FIELD_ANY;
-    }
+    v4l2_format format = V4L2FormatRequest(type, fourcc, width, height, V4L2_FIELD_ANY);
     if (Ioctl(fd, VIDIOC_S_FMT, &format) != 0)
         return finish("S_FMT");
     const v4l2_fract interval = FastestInterval(device, fourcc, width, height);
@@ -152,6 +142,8 @@ PlainCaptureFigures RunPlainV4L2Loop(const V4L2DeviceInfo& device, uint32_t four
         return finish("first frame");
     const double started = Now(), cpu = ThreadCpuSeconds();
     while (Now() - started < seconds) {
+        if (pollFirst && poll(&watch, 1, 5000) != 1)
+            return finish("poll");
         const int got = cycle();
         if (got < 0)
             return finish("DQBUF");

@@ -18,6 +18,7 @@ struct PlainCaptureFigures {
 // Streams `device` (its input selected when the node has several) as fourcc at width x height
 // and the fastest rate offered for that size, dequeueing (blocking) and requeueing each frame;
 // measures for `seconds` from the first frame on. Run it on a thread of its own per camera: CPU
-// time is the calling thread's.
+// time is the calling thread's. With `pollFirst` it waits in poll() before each dequeue, as a
+// loop that must be stoppable between frames does.
 PlainCaptureFigures RunPlainV4L2Loop(const V4L2DeviceInfo& device, uint32_t fourcc, uint32_t width,
-                                     uint32_t height, double seconds);
+                                     uint32_t height, double seconds, bool pollFirst = false);
