@@ -160,20 +160,14 @@ bool GetPixelFormatLayout(OSType pixelFormat, size_t width, size_t height, size_
         break;
     case kCVPixelFormatType_420YpCbCr8BiPlanarVideoRange:
     case kCVPixelFormatType_420YpCbCr8BiPlanarFullRange:
+    case kCVPixelFormatType_422YpCbCr8BiPlanarVideoRange: // chroma on every row
         layout.planeCount = 2;
         layout.bytesPerRow[0] = Align(width, alignment);
         layout.bytesPerRow[1] = Align(chromaWidth * 2, alignment);
         layout.planeWidth[0] = width;
         layout.planeWidth[1] = chromaWidth;
-        layout.planeHeight[1] = chromaHeight;
-        break;
-    case kCVPixelFormatType_422YpCbCr8BiPlanarVideoRange:
-        layout.planeCount = 2;
-        layout.bytesPerRow[0] = Align(width, alignment);
-        layout.bytesPerRow[1] = Align(chromaWidth * 2, alignment);
-        layout.planeWidth[0] = width;
-        layout.planeWidth[1] = chromaWidth;
-        layout.planeHeight[1] = height;
+        layout.planeHeight[1] =
+            pixelFormat == kCVPixelFormatType_422YpCbCr8BiPlanarVideoRange ? height : chromaHeight;
         break;
     case kCVPixelFormatType_444YpCbCr8BiPlanarVideoRange:
         layout.planeCount = 2;

@@ -297,10 +297,26 @@ bool ReadToBGRA(OSType format, const Planes& source, YCbCrColour colour, uint8_t
     }
 }
 
+// Fills the interleaved CbCr plane of a semi-planar target from Cb and Cr planes that `write`
+// produces in scratch: libyuv writes some chroma (full-range 4:2:0, all 4:2:2) only as planes.
+template <typename WritePlanes>
+bool ThroughChromaPlanes(const Planes& t, int chromaWidth, int chromaHeight, Scratch& scratch,
+                         WritePlanes write) {
+    const size_t chromaSize = static_cast<size_t>(chromaWidth) * chromaHeight;
+    uint8_t* u = scratch.Get(2 * chromaSize);
+    uint8_t* v = u + chromaSize;
+    if (!write(u, v))
+        return false;
+    libyuv::MergeUVPlane(u, chromaWidth, v, chromaWidth, t.data[1], t.stride[1], chromaWidth,
+                         chromaHeight);
+    return true;
+}
+
 // 'BGRA' to any format libyuv writes; Y'CbCr comes out BT.601 in the format's range.
 bool WriteFromBGRA(OSType format, const uint8_t* source, int sourceStride, const Planes& target,
                    int width, int height, Scratch& scratch) {
     const Planes& t = target;
+    const int chromaWidth = (width + 1) / 2;
     switch (format) {
     case kCVPixelFormatType_422YpCbCr8:
         return libyuv::ARGBToUYVY(source, sourceStride, t.data[0], t.stride[0], width, height) == 0;
@@ -309,35 +325,20 @@ bool WriteFromBGRA(OSType format, const uint8_t* source, int sourceStride, const
     case kCVPixelFormatType_420YpCbCr8BiPlanarVideoRange:
         return libyuv::ARGBToNV12(source, sourceStride, t.data[0], t.stride[0], t.data[1],
                                   t.stride[1], width, height) == 0;
-    case kCVPixelFormatType_420YpCbCr8BiPlanarFullRange: {
-        // libyuv writes full-range 4:2:0 only as three planes.
-        const int chromaWidth = (width + 1) / 2, chromaHeight = (height + 1) / 2;
-        const size_t chromaSize = static_cast<size_t>(chromaWidth) * chromaHeight;
-        uint8_t* u = scratch.Get(2 * chromaSize);
-        uint8_t* v = u + chromaSize;
-        if (libyuv::ARGBToJ420(source, sourceStride, t.data[0], t.stride[0], u, chromaWidth, v,
-                               chromaWidth, width, height) != 0)
-            return false;
-        libyuv::MergeUVPlane(u, chromaWidth, v, chromaWidth, t.data[1], t.stride[1], chromaWidth,
-                             chromaHeight);
-        return true;
-    }
+    case kCVPixelFormatType_420YpCbCr8BiPlanarFullRange:
+        return ThroughChromaPlanes(
+            t, chromaWidth, (height + 1) / 2, scratch, [&](uint8_t* u, uint8_t* v) {
+                return libyuv::ARGBToJ420(source, sourceStride, t.data[0], t.stride[0], u,
+                                          chromaWidth, v, chromaWidth, width, height) == 0;
+            });
     case kCVPixelFormatType_420YpCbCr8Planar:
         return libyuv::ARGBToI420(source, sourceStride, t.data[0], t.stride[0], t.data[1],
                                   t.stride[1], t.data[2], t.stride[2], width, height) == 0;
-    case kCVPixelFormatType_422YpCbCr8BiPlanarVideoRange: {
-        // libyuv writes 4:2:2 chroma only as two planes.
-        const int chromaWidth = (width + 1) / 2;
-        const size_t chromaSize = static_cast<size_t>(chromaWidth) * height;
-        uint8_t* u = scratch.Get(2 * chromaSize);
-        uint8_t* v = u + chromaSize;
-        if (libyuv::ARGBToI422(source, sourceStride, t.data[0], t.stride[0], u, chromaWidth, v,
-                               chromaWidth, width, height) != 0)
-            return false;
-        libyuv::MergeUVPlane(u, chromaWidth, v, chromaWidth, t.data[1], t.stride[1], chromaWidth,
-                             height);
-        return true;
-    }
+    case kCVPixelFormatType_422YpCbCr8BiPlanarVideoRange:
+        return ThroughChromaPlanes(t, chromaWidth, height, scratch, [&](uint8_t* u, uint8_t* v) {
+            return libyuv::ARGBToI422(source, sourceStride, t.data[0], t.stride[0], u, chromaWidth,
+                                      v, chromaWidth, width, height) == 0;
+        });
     case kCVPixelFormatType_32BGRA:
         return libyuv::ARGBCopy(source, sourceStride, t.data[0], t.stride[0], width, height) == 0;
     case kCVPixelFormatType_32ARGB:
@@ -407,18 +408,11 @@ bool RepackNV16(OSType from, const Planes& s, OSType to, const Planes& t, int wi
         }
         if (!uyvy && !yuy2)
             return false;
-        const size_t chromaSize = static_cast<size_t>(chromaWidth) * height;
-        uint8_t* u = scratch.Get(2 * chromaSize);
-        uint8_t* v = u + chromaSize;
-        const int result = uyvy ? libyuv::UYVYToI422(s.data[0], s.stride[0], t.data[0], t.stride[0],
-                                                     u, chromaWidth, v, chromaWidth, width, height)
-                                : libyuv::YUY2ToI422(s.data[0], s.stride[0], t.data[0], t.stride[0],
-                                                     u, chromaWidth, v, chromaWidth, width, height);
-        if (result != 0)
-            return false;
-        libyuv::MergeUVPlane(u, chromaWidth, v, chromaWidth, t.data[1], t.stride[1], chromaWidth,
-                             height);
-        return true;
+        return ThroughChromaPlanes(t, chromaWidth, height, scratch, [&](uint8_t* u, uint8_t* v) {
+            const auto toI422 = uyvy ? libyuv::UYVYToI422 : libyuv::YUY2ToI422;
+            return toI422(s.data[0], s.stride[0], t.data[0], t.stride[0], u, chromaWidth, v,
+                          chromaWidth, width, height) == 0;
+        });
     }
     if (IsNV12(to)) {
         libyuv::CopyPlane(s.data[0], s.stride[0], t.data[0], t.stride[0], width, height);
