@@ -120,16 +120,14 @@ INSTANTIATE_TEST_SUITE_P(Levels, EachBlockLevel,
 
 } // namespace
 
-TEST(UTF8Decoder, StopsBeforeACharacterThatWouldReachTheSize) {
+TEST(UTF8Decoder, StopsBeforeTheSizeAndAtMalformedInputKeepingWhatCameBefore) {
     std::u32string out;
     EXPECT_EQ(kLCopyTruncated, Decode("\xC3\xA9", 2, out));
     EXPECT_EQ(U"", out);
     EXPECT_EQ(kLCopyDone, Decode("\xC3\xA9", 3, out));
     EXPECT_EQ(U"\u00E9", out);
     EXPECT_EQ(kLCopyTruncated, Decode("abc", 0, out));
-}
 
-TEST(UTF8Decoder, RejectsMalformedInputKeepingWhatCameBefore) {
     const char* const malformed[] = {
         "x\xE0\x80\x80",     // overlong 3-byte form
         "x\xC0\xAF",         // overlong 2-byte form
@@ -147,11 +145,9 @@ TEST(UTF8Decoder, RejectsMalformedInputKeepingWhatCameBefore) {
         "x\xC3(",    // trailing byte missing
     };
     for (const char* text : malformed) {
-        std::u32string out;
         EXPECT_EQ(kLCopyIllegalInput, Decode(text, 64, out)) << text;
         EXPECT_EQ(U"x", out);
     }
-    std::u32string out;
     EXPECT_EQ(kLCopyDone, Decode("\xED\x9F\xBF\xEE\x80\x80\xF4\x8F\xBF\xBF", 64, out));
     EXPECT_EQ(U"\uD7FF\uE000\U0010FFFF", out) << "the neighbours of the excluded ranges";
 }
@@ -253,22 +249,17 @@ TEST_P(EachBlockLevel, EncoderReplacesOutOfRangeValuesAndEncodesSurrogatesAsIs) 
     EXPECT_EQ(kLCopyTruncated, Encode(U"a", 0, out));
     // An out-of-range value at every place in and around the encoder's blocks.
     std::u32string mixed;
-    std::string mixedUtf8;
-    for (int i = 0; i < 16; ++i) {
+    for (int i = 0; i < 16; ++i)
         mixed += U"\u00E9\u20ACz\U0001F600";
-        mixedUtf8 += "\xC3\xA9\xE2\x82\xAC"
-                     "z\xF0\x9F\x98\x80";
-    }
     for (size_t at = 0; at < 40; ++at) {
+        std::string before, after;
+        Encode(mixed.substr(0, at), 400, before);
+        Encode(mixed.substr(at), 400, after);
         for (char32_t bad : {char32_t(0x110000), char32_t(0x80000000u)}) {
-            std::u32string text = mixed;
-            text.insert(at, 1, bad);
-            size_t bytes = 0;
-            for (size_t i = 0; i < at; ++i)
-                bytes += mixed[i] < 0x80 ? 1 : mixed[i] < 0x800 ? 2 : mixed[i] < 0x10000 ? 3 : 4;
-            ASSERT_EQ(kLCopyIllegalInput, Encode(text, 400, out)) << at;
-            ASSERT_EQ(mixedUtf8.substr(0, bytes) + "\xEF\xBF\xBD" + mixedUtf8.substr(bytes), out)
+            ASSERT_EQ(kLCopyIllegalInput,
+                      Encode(mixed.substr(0, at) + bad + mixed.substr(at), 400, out))
                 << at;
+            ASSERT_EQ(before + "\xEF\xBF\xBD" + after, out) << at;
         }
     }
 }

@@ -25,42 +25,22 @@ protected:
     TempFolder temp{"tavix-files"};
 };
 
-// Another process that opens a file and holds a flock lock on it until destroyed.
+// A lock held through a descriptor of its own: flock locks belong to the open file, so it
+// conflicts with the handles' locks exactly as another process's would.
 class LockHolder {
 public:
-    LockHolder(const std::string& path, int operation) {
-        int ready[2], release[2];
-        if (pipe(ready) != 0 || pipe(release) != 0)
-            return;
-        child = StartChild([&] {
-            const int fd = open(path.c_str(), O_RDWR | O_CREAT, 0666);
-            const char result = fd >= 0 && flock(fd, operation) == 0 ? 'y' : 'n';
-            char byte;
-            if (write(ready[1], &result, 1) != 1 || read(release[0], &byte, 1) < 0)
-                _exit(1);
-        });
-        close(ready[1]);
-        close(release[0]);
-        releaseFd = release[1];
-        char result = 'n';
-        held = read(ready[0], &result, 1) == 1 && result == 'y';
-        close(ready[0]);
-    }
+    LockHolder(const std::string& path, int operation)
+        : fd(open(path.c_str(), O_RDWR | O_CREAT, 0666)),
+          held(fd >= 0 && flock(fd, operation | LOCK_NB) == 0) {}
     ~LockHolder() { Release(); }
-    // Lets the holder end, which drops its lock.
+    // Closes the descriptor, which drops the lock.
     void Release() {
-        if (child <= 0)
-            return;
-        (void)!write(releaseFd, "x", 1);
-        close(releaseFd);
-        WaitForChild(child);
-        child = -1;
+        if (fd >= 0)
+            close(fd);
+        fd = -1;
     }
-    bool held = false;
-
-private:
-    pid_t child = -1;
-    int releaseFd = -1;
+    int fd;
+    bool held;
 };
 
 // Asks to stop after a number of IsToStop calls and records the progress reports.
@@ -123,6 +103,8 @@ TEST_F(Files, SharedReadersExcludeWritersAcrossProcesses) {
         EXPECT_TRUE(LFile::IsErrorSharingViolation());
         EXPECT_EQ("contents", ReadFile(path)) << "a refused writer leaves the file alone";
         EXPECT_TRUE(LFile::TestFileShareWriteBlocked(path.c_str()));
+        EXPECT_EQ(0, ForkAndWait([&] { _exit(LWriteFile(path.c_str()).IsValid() ? 1 : 0); }))
+            << "nor can another process write";
     }
     {
         LockHolder writer(path, LOCK_EX);
@@ -217,7 +199,7 @@ TEST_F(Files, OpeningNewAppendingTimesAndTheErrorTests) {
     EXPECT_FALSE(none.SetFileModifiedTime(1000));
 }
 
-TEST_F(Files, LengthPrefixedStringsAndLittleEndianRecords) {
+TEST_F(Files, RecordsLinesAndFormattedWriting) {
     const std::string path = Path("settings.bin");
     const std::string s254(254, 'a'), s255(255, 'b'), s600(600, 'c');
     {
@@ -262,6 +244,17 @@ TEST_F(Files, LengthPrefixedStringsAndLittleEndianRecords) {
     EXPECT_EQ(3u, partial.ReadStringUTF8(text, 3));
     EXPECT_STREQ("abc", text);
     EXPECT_EQ(0x5678u, partial.ReadIntLE<unsigned int>()) << "bytes not read count as 0";
+
+    // Line writers and formatted writing.
+    const std::string written = Path("written.txt");
+    {
+        LWriteFile file(written.c_str());
+        EXPECT_EQ(2u, file.WriteLineCRLF("crlf"));
+        EXPECT_EQ(1u, file.WriteLineLF("lf"));
+        EXPECT_TRUE(file.WriteStringUTF8("\xC3\xA9"));
+        EXPECT_EQ(1007u, fprintf(file, " %d %s|%x", 42, std::string(1000, 'z').c_str(), 255));
+    }
+    EXPECT_EQ("crlf\r\nlf\n\xC3\xA9 42 " + std::string(1000, 'z') + "|ff", ReadFile(written));
 }
 
 TEST_F(Files, LineEndsForBothReaders) {
@@ -379,19 +372,6 @@ TEST_F(Files, BufferedReadsPeeksAndSeeks) {
     EXPECT_EQ(0u, missing.Read(out.data(), 10));
     char line[8];
     EXPECT_FALSE(missing.ReadLine(line, sizeof line));
-}
-
-TEST_F(Files, LineWritersAndFormattedWriting) {
-    const std::string path = Path("written.txt");
-    {
-        LWriteFile file(path.c_str());
-        EXPECT_EQ(2u, file.WriteLineCRLF("crlf"));
-        EXPECT_EQ(1u, file.WriteLineLF("lf"));
-        EXPECT_TRUE(file.WriteStringUTF8("\xC3\xA9"));
-        const std::string longText(1000, 'z');
-        EXPECT_EQ(1007u, fprintf(file, " %d %s|%x", 42, longText.c_str(), 255));
-    }
-    EXPECT_EQ("crlf\r\nlf\n\xC3\xA9 42 " + std::string(1000, 'z') + "|ff", ReadFile(path));
 }
 
 TEST_F(Files, ChunkedTransfersStopThroughTheProcessInterface) {
