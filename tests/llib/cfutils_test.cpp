@@ -43,35 +43,33 @@ std::string SpecPath(const LToFSSpec& spec) {
 
 } // namespace
 
-TEST(CFString, Utf8RoundTripsAndInvalidBytesStillMakeAString) {
-    LCFString valid;
-    valid.SetString("h\xC3\xA9llo \xE2\x82\xAC");
-    EXPECT_EQ("h\xC3\xA9llo \xE2\x82\xAC", Text(valid));
-    EXPECT_EQ(L"h\u00E9llo \u20AC", WideText(valid));
-
-    // The lenient decoder keeps what precedes the malformed byte.
-    LCFString invalid;
-    invalid.SetString("ab\xFF"
-                      "cd");
-    ASSERT_NE(nullptr, invalid.String);
-    EXPECT_EQ("ab", Text(invalid));
-
-    // Setting again replaces the text.
-    invalid.SetString("new");
-    EXPECT_EQ("new", Text(invalid));
-}
-
-TEST(CFString, ABufferCopyNeverCutsACharacter) {
+TEST(CFString, Utf8RoundTripsAndCopiesCutBetweenCharacters) {
     LCFString string;
+    EXPECT_EQ("", Text(string));
+    EXPECT_EQ(L"", WideText(string));
+    wchar_t wide[8] = L"left";
+    string.GetString(wide, 8);
+    EXPECT_EQ(0, wide[0]);
+
+    string.SetString("h\xC3\xA9llo \xE2\x82\xAC");
+    EXPECT_EQ("h\xC3\xA9llo \xE2\x82\xAC", Text(string));
+    EXPECT_EQ(L"h\u00E9llo \u20AC", WideText(string));
+
+    // A buffer copy leaves out a character that does not fit whole.
     string.SetString("ab\xC3\xA9z");
     char out[4];
     string.GetString(out, sizeof out);
     EXPECT_STREQ("ab", out);
-
     LStringLongTemplate<char> whole;
     string.GetString(whole);
     EXPECT_EQ(5u, whole.GetLength());
     EXPECT_STREQ("ab\xC3\xA9z", whole.GetText());
+
+    // The lenient decoder keeps what precedes the malformed byte.
+    string.SetString("ab\xFF"
+                     "cd");
+    ASSERT_NE(nullptr, string.String);
+    EXPECT_EQ("ab", Text(string));
 }
 
 TEST(CFString, SurrogatePairsBecomeOneWideCharacter) {
@@ -90,30 +88,16 @@ TEST(CFString, SurrogatePairsBecomeOneWideCharacter) {
     LStringLongTemplate<char> utf8;
     LUnicodeString(units).GetString(utf8);
     EXPECT_STREQ("\xF0\x9F\x98\x80x", utf8.GetText());
-}
-
-TEST(CFString, EmptyWrappersGiveEmptyText) {
-    LCFString empty;
-    EXPECT_EQ("", Text(empty));
-    EXPECT_EQ(L"", WideText(empty));
-    wchar_t wide[8] = L"left";
-    empty.GetString(wide, 8);
-    EXPECT_EQ(0, wide[0]);
 
     const unsigned short nothing[] = {0};
-    LStringLongTemplate<char> utf8;
-    utf8 = "left over";
     LUnicodeString(nothing).GetString(utf8);
     EXPECT_EQ(0u, utf8.GetLength());
+    utf8 = "left over";
     LUnicodeString(nullptr).GetString(utf8);
     EXPECT_STREQ("", utf8.GetText());
-
-    LCFURL url;
-    EXPECT_EQ("", UrlPath(url));
-    EXPECT_EQ("", SpecPath(LToFSSpec()));
 }
 
-TEST(CFURL, FullPathsRoundTripWithSpacesPercentAndNonAscii) {
+TEST(CFURL, PathsRoundTripAndOnlyFileAddressesNameAFile) {
     for (const char* path : {"/tmp/a b/100% sure.txt",
                              "/home/\xC3\xBC"
                              "ber/r\xC3\xA9sum\xC3\xA9",
@@ -123,13 +107,12 @@ TEST(CFURL, FullPathsRoundTripWithSpacesPercentAndNonAscii) {
         EXPECT_EQ(path, UrlPath(url));
     }
     LCFURL url;
+    EXPECT_EQ("", UrlPath(url));
     url.CreateFromFullPath("/first");
     url.Release();
-    EXPECT_EQ(nullptr, url.URL);
-}
+    EXPECT_EQ("", UrlPath(url));
 
-TEST(CFURL, WebAddressesNameAFileOnlyWithTheFileScheme) {
-    LCFURL url;
+    // A web address names a file only with the file scheme.
     ASSERT_TRUE(url.CreateFromWebURL("file:///tmp/two%20words/x"));
     EXPECT_EQ("/tmp/two words/x", UrlPath(url));
     ASSERT_TRUE(url.CreateFromWebURL("http://example.com/page.html"));
@@ -177,19 +160,19 @@ protected:
     std::string folder;
 };
 
-TEST_F(FSSpecTest, ExistingItemsTurnBackIntoTheirPaths) {
-    for (const std::string& path : {folder + "/Docs/report", folder + "/Docs", std::string("/")}) {
+// Existing items and a new name in an existing folder turn back into their paths, the folder
+// named through its resolved path.
+TEST_F(FSSpecTest, ItemsTurnBackIntoTheirPaths) {
+    const std::string fresh = folder + "/Docs/not yet \xC3\xA9"
+                                       "crit";
+    for (const std::string& path :
+         {folder + "/Docs/report", folder + "/Docs", std::string("/"), fresh}) {
         LToFSSpec spec(path.c_str());
         ASSERT_TRUE(spec.bValid) << path;
         EXPECT_EQ(path, SpecPath(spec));
     }
-    LToFSSpec report((folder + "/Docs/report").c_str());
-    EXPECT_EQ(6, report.Spec.name[0]);
-    EXPECT_EQ(0, memcmp(report.Spec.name + 1, "report", 6));
-
-    // The folder is named through its resolved path.
-    LToFSSpec dotted((folder + "/Docs/../Docs/./report").c_str());
-    EXPECT_EQ(report.Spec.parID, dotted.Spec.parID);
+    EXPECT_EQ(folder + "/Docs/report",
+              SpecPath(LToFSSpec((folder + "/Docs/../Docs/./report").c_str())));
 }
 
 // Linux paths run far deeper than 260 bytes, so the copy out must keep to the size it is given.
@@ -204,6 +187,7 @@ TEST_F(FSSpecTest, APathIsCutToTheBufferItIsGiven) {
     LToFSSpec spec(path.c_str());
     ASSERT_TRUE(spec.bValid);
     ASSERT_GT(path.size(), 260u);
+    EXPECT_EQ("", SpecPath(LToFSSpec())) << "an invalid record gives nothing";
 
     // 32 bytes with guards on both sides, the one after long enough to take a whole path.
     std::vector<char> guarded(8 + 32 + path.size() + 8, '#');
@@ -228,27 +212,15 @@ TEST_F(FSSpecTest, APathIsCutToTheBufferItIsGiven) {
     EXPECT_EQ('#', out[0]) << "nothing at all for a size of 0";
 }
 
-TEST_F(FSSpecTest, ANewNameInAnExistingFolderHasAFileRecord) {
-    const std::string path = folder + "/Docs/not yet \xC3\xA9"
-                                      "crit";
-    FSSpec spec;
-    ASSERT_EQ(0, LToFSSpec::CStringToFSSpec(path.c_str(), &spec));
-    LToFSSpec made;
-    made.Spec = spec;
-    made.bValid = true;
-    EXPECT_EQ(path, SpecPath(made));
-    EXPECT_EQ(LToFSSpec((folder + "/Docs/report").c_str()).Spec.parID, spec.parID);
-}
-
 TEST_F(FSSpecTest, MissingFoldersAndOverlongNamesAreRefused) {
+    const std::string longName = folder + "/" + std::string(64, 'n');
     FSSpec spec;
-    EXPECT_EQ(-43, LToFSSpec::CStringToFSSpec((folder + "/Nowhere/file").c_str(), &spec));
-    EXPECT_EQ(-43, LToFSSpec::CStringToFSSpec((folder + "/Docs/report/inside").c_str(), &spec))
-        << "a file holds nothing";
-    const std::string longName(64, 'n');
-    EXPECT_EQ(-43, LToFSSpec::CStringToFSSpec((folder + "/" + longName).c_str(), &spec));
-    std::ofstream(folder + "/" + longName) << "";
-    EXPECT_EQ(-37, LToFSSpec::CStringToFSSpec((folder + "/" + longName).c_str(), &spec));
+    // A missing folder, a file taken for a folder, a name too long to record.
+    for (const std::string& path :
+         {folder + "/Nowhere/file", folder + "/Docs/report/inside", longName})
+        EXPECT_EQ(-43, LToFSSpec::CStringToFSSpec(path.c_str(), &spec)) << path;
+    std::ofstream(longName) << "";
+    EXPECT_EQ(-37, LToFSSpec::CStringToFSSpec(longName.c_str(), &spec));
     EXPECT_FALSE(LToFSSpec((folder + "/Nowhere/file").c_str()).bValid);
 }
 

@@ -76,7 +76,7 @@ TEST(FolderIterator, MatchesHidesDotNamesAndOpensOnAFile) {
               (std::set<std::string>{"./", "../", ".hidden", "a.TXT", "b.dat", "sub.txt/"}));
 
     // On the path of a file: that file only, or every entry of its folder for AllFiles.
-    ASSERT_TRUE(entries.Open((temp / "a.txt").c_str()) == false);
+    EXPECT_FALSE(entries.Open((temp / "a.txt").c_str())) << "a file's name is matched exactly";
     ASSERT_TRUE(entries.Open((temp / "a.TXT").c_str()));
     EXPECT_EQ(Names(entries), std::set<std::string>{"a.TXT"});
     LFile::FolderIteratorAllFiles onFile((temp / "b.dat").c_str());
@@ -183,23 +183,21 @@ TEST(Folders, DeleteOldFilesWithThirtyTwoBitLimit) {
 
 TEST(Folders, CopyFileKeepsContentTimeAndPermissions) {
     TempFolder temp{"tavix-folders"};
-    const std::string content(20000, 'c'); // more than two 8192-byte pieces
-    WriteFile(temp / "src", content);
-    chmod((temp / "src").c_str(), 0640);
-    WriteFile(temp / "empty", "");
+    const std::string source = temp / "src";
     struct timespec times[2] = {{1000000000, 0}, {1000000000, 0}};
-    utimensat(AT_FDCWD, (temp / "empty").c_str(), times, 0);
-
-    ASSERT_TRUE(LFile::CopyFile((temp / "src").c_str(), (temp / "dst").c_str()));
-    EXPECT_EQ(ReadFile(temp / "dst"), content);
-    struct stat info;
-    stat((temp / "dst").c_str(), &info);
-    EXPECT_EQ(info.st_mode & 07777, 0640u);
-
-    ASSERT_TRUE(LFile::CopyFile((temp / "empty").c_str(), (temp / "empty2").c_str()));
-    stat((temp / "empty2").c_str(), &info);
-    EXPECT_EQ(info.st_size, 0);
-    EXPECT_EQ(info.st_mtime, 1000000000);
+    // More than two 8192-byte pieces, and nothing at all.
+    for (const std::string& content : {std::string(20000, 'c'), std::string()}) {
+        const std::string copy = temp / ("dst" + std::to_string(content.size()));
+        WriteFile(source, content);
+        chmod(source.c_str(), 0640);
+        utimensat(AT_FDCWD, source.c_str(), times, 0);
+        ASSERT_TRUE(LFile::CopyFile(source.c_str(), copy.c_str()));
+        EXPECT_EQ(ReadFile(copy), content);
+        struct stat info;
+        stat(copy.c_str(), &info);
+        EXPECT_EQ(info.st_mode & 07777, 0640u);
+        EXPECT_EQ(info.st_mtime, 1000000000);
+    }
 
     symlink("src", (temp / "link").c_str());
     ASSERT_TRUE(LFile::CopyFile((temp / "link").c_str(), (temp / "link2").c_str()));
@@ -287,10 +285,10 @@ TEST(Folders, ArchiveAttributeFollowsTheBackupDate) {
     const std::string file = temp / "doc";
     WriteFile(file, "x");
     EXPECT_TRUE(LFile::IsSetFileAttributeArchive(file.c_str())); // never backed up
-    ASSERT_EQ(LFile::SetFileAttributeArchive(file.c_str(), false), 0);
-    EXPECT_FALSE(LFile::IsSetFileAttributeArchive(file.c_str()));
-    ASSERT_EQ(LFile::SetFileAttributeArchive(file.c_str(), true), 0);
-    EXPECT_TRUE(LFile::IsSetFileAttributeArchive(file.c_str()));
+    for (bool set : {false, true}) {
+        ASSERT_EQ(LFile::SetFileAttributeArchive(file.c_str(), set), 0);
+        EXPECT_EQ(set, LFile::IsSetFileAttributeArchive(file.c_str()));
+    }
     EXPECT_NE(LFile::SetFileAttributeArchive((temp / "missing").c_str(), true), 0);
     EXPECT_FALSE(LFile::IsSetFileAttributeArchive((temp / "missing").c_str()));
 }

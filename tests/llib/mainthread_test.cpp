@@ -40,7 +40,6 @@ struct Recorded : LThreadRunOnMainThreadData {
 };
 
 TEST_F(MainThreadTest, WorkPostedFromWorkersRunsOnTheMainThreadInOrder) {
-    EXPECT_TRUE(LIsMainThread());
     LThreadRunOnMainThread runner;
     std::vector<int> log;
     std::thread worker([&] {
@@ -108,12 +107,8 @@ TEST_F(MainThreadTest, NotificationsCarryACopyOfTheirData) {
 }
 
 // What a progress window on the main thread is told.
-struct ProgressWindow : LProcessInterface {
+struct ProgressWindow : LProcessInterfaceVoid {
     std::vector<std::string> calls;
-    bool IsToStop() override { return false; }
-    bool ProcessWait(unsigned int) override { return false; }
-    int ProcessWaitSignal(LSignalObjectRef, unsigned int) override { return 2; }
-    int ProcessWaitSignalObjectGroup(LSignalObjectGroup&, unsigned int) override { return 2; }
     void SetError(const char* text) override { calls.push_back(std::string("error ") + text); }
     void SetStatus(const char* text, int line) override {
         calls.push_back("status" + std::to_string(line) + " " + text);
