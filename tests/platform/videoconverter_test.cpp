@@ -12,6 +12,7 @@
 #include "platform/devices/virtual/testpattern.h"
 #include "platform/pixelformats.h"
 #include "platform/videoconverter.h"
+#include "support/colourbars.h"
 
 namespace {
 
@@ -21,24 +22,6 @@ CVPixelBufferRef Pattern(OSType format, size_t width, size_t height, uint64_t fr
               CVPixelBufferCreate(nullptr, width, height, format, nullptr, &buffer));
     TestPattern(format, width, height).Draw(buffer, frame);
     return buffer;
-}
-
-// Largest difference of any colour component between a BGRA buffer and the pattern's colours.
-int WorstBGRAError(CVPixelBufferRef bgra, uint64_t frame) {
-    CVPixelBufferLockBaseAddress(bgra, 0);
-    const auto* base = static_cast<const unsigned char*>(CVPixelBufferGetBaseAddress(bgra));
-    const size_t width = CVPixelBufferGetWidth(bgra), height = CVPixelBufferGetHeight(bgra);
-    int worst = 0;
-    for (size_t y = 0; y < height; ++y)
-        for (size_t x = 0; x < width; ++x) {
-            uint8_t rgb[3];
-            TestPattern::Pixel(width, height, frame, x, y, rgb);
-            const unsigned char* p = base + y * CVPixelBufferGetBytesPerRow(bgra) + x * 4;
-            worst = std::max(
-                {worst, std::abs(p[2] - rgb[0]), std::abs(p[1] - rgb[1]), std::abs(p[0] - rgb[2])});
-        }
-    CVPixelBufferUnlockBaseAddress(bgra, 0);
-    return worst;
 }
 
 TEST(VideoConverter, DeliversTheSourceItselfWhenNothingChanges) {
@@ -52,63 +35,6 @@ TEST(VideoConverter, DeliversTheSourceItselfWhenNothingChanges) {
         CVPixelBufferRelease(out);
     }
     EXPECT_EQ(0u, converter.PooledBufferCount());
-    CVPixelBufferRelease(source);
-}
-
-// Each format the camera can deliver, converted to BGRA, shows the pattern's colours; and BGRA
-// converted into each format and back again does too. Edges lie on even pixels, so 4:2:x
-// formats are exact up to rounding.
-TEST(VideoConverter, ConvertsEveryFormatWithCorrectColours) {
-    const OSType formats[] = {
-        kCVPixelFormatType_422YpCbCr8,
-        kCVPixelFormatType_422YpCbCr8_yuvs,
-        kCVPixelFormatType_32BGRA,
-        kCVPixelFormatType_32ARGB,
-        kCVPixelFormatType_24RGB,
-        kCVPixelFormatType_24BGR,
-        kCVPixelFormatType_420YpCbCr8BiPlanarVideoRange,
-        kCVPixelFormatType_420YpCbCr8Planar,
-        kCVPixelFormatType_422YpCbCr8BiPlanarVideoRange,
-    };
-    const uint64_t frame = 7;
-    for (OSType format : formats) {
-        SCOPED_TRACE(testing::Message() << std::hex << format);
-        VideoConverter toBGRA, there;
-        CVPixelBufferRef source = Pattern(format, 160, 120, frame);
-        CVPixelBufferRef bgra = toBGRA.Convert(source, kCVPixelFormatType_32BGRA, 0, 0);
-        ASSERT_NE(nullptr, bgra);
-        EXPECT_LE(WorstBGRAError(bgra, frame), 6);
-
-        CVPixelBufferRef converted = there.Convert(bgra, format, 0, 0);
-        ASSERT_NE(nullptr, converted);
-        EXPECT_EQ(format, CVPixelBufferGetPixelFormatType(converted));
-        VideoConverter back;
-        CVPixelBufferRef again = back.Convert(converted, kCVPixelFormatType_32BGRA, 0, 0);
-        ASSERT_NE(nullptr, again);
-        EXPECT_LE(WorstBGRAError(again, frame), 8);
-        for (CVPixelBufferRef b : {source, bgra, converted, again})
-            CVPixelBufferRelease(b);
-    }
-}
-
-TEST(VideoConverter, ScalesToTheAskedSize) {
-    VideoConverter converter;
-    CVPixelBufferRef source = Pattern(kCVPixelFormatType_422YpCbCr8, 1280, 720, 0);
-    CVPixelBufferRef out = converter.Convert(source, kCVPixelFormatType_32BGRA, 320, 180);
-    ASSERT_NE(nullptr, out);
-    EXPECT_EQ(320u, CVPixelBufferGetWidth(out));
-    EXPECT_EQ(180u, CVPixelBufferGetHeight(out));
-    // Away from edges, a scaled bar keeps its colour: sample the middle of the first bar.
-    CVPixelBufferLockBaseAddress(out, 0);
-    const auto* p = static_cast<const unsigned char*>(CVPixelBufferGetBaseAddress(out)) +
-                    90 * CVPixelBufferGetBytesPerRow(out) + 20 * 4;
-    uint8_t rgb[3];
-    TestPattern::Pixel(1280, 720, 0, 80, 360, rgb);
-    EXPECT_NEAR(rgb[0], p[2], 8);
-    EXPECT_NEAR(rgb[1], p[1], 8);
-    EXPECT_NEAR(rgb[2], p[0], 8);
-    CVPixelBufferUnlockBaseAddress(out, 0);
-    CVPixelBufferRelease(out);
     CVPixelBufferRelease(source);
 }
 
@@ -167,65 +93,21 @@ const OSType kYCbCrFormats[] = {
 // 75% colour bars, in the top half left to right and in the bottom half right to left, so
 // there are edges across and down; every edge falls on an even pixel, a chroma site's edge.
 void BarColour(size_t width, size_t height, size_t x, size_t y, uint8_t rgb[3]) {
-    static const uint8_t kBars[8][3] = {{191, 191, 191}, {191, 191, 0}, {0, 191, 191}, {0, 191, 0},
-                                        {191, 0, 191},   {191, 0, 0},   {0, 0, 191},   {0, 0, 0}};
     size_t bar = std::min<size_t>(7, (x & ~size_t(1)) * 8 / width);
     if (y >= (height / 2 & ~size_t(1)))
         bar = 7 - bar;
-    std::copy(kBars[bar], kBars[bar] + 3, rgb);
+    std::copy(kColourBars[bar], kColourBars[bar] + 3, rgb);
 }
 
-// The Y'CbCr codes of a colour, computed from the standards' equations.
+// The Y'CbCr codes of a colour, rounded.
 void Encode(const uint8_t rgb[3], YCbCrColour colour, uint8_t ycbcr[3]) {
-    const double kr = colour.matrix == YCbCrMatrix::BT709    ? 0.2126
-                      : colour.matrix == YCbCrMatrix::BT2020 ? 0.2627
-                                                             : 0.299;
-    const double kb = colour.matrix == YCbCrMatrix::BT709    ? 0.0722
-                      : colour.matrix == YCbCrMatrix::BT2020 ? 0.0593
-                                                             : 0.114;
-    const double r = rgb[0] / 255.0, g = rgb[1] / 255.0, b = rgb[2] / 255.0;
-    const double y = kr * r + (1 - kr - kb) * g + kb * b;
-    const double cb = (b - y) / (2 * (1 - kb)), cr = (r - y) / (2 * (1 - kr));
-    const double luma = colour.fullRange ? 255 * y : 16 + 219 * y;
-    const double chroma = colour.fullRange ? 255 : 224;
-    ycbcr[0] = static_cast<uint8_t>(std::lround(luma));
-    ycbcr[1] = static_cast<uint8_t>(std::clamp(std::lround(128 + chroma * cb), 0L, 255L));
-    ycbcr[2] = static_cast<uint8_t>(std::clamp(std::lround(128 + chroma * cr), 0L, 255L));
+    const std::array<double, 3> codes = YCbCrOf(rgb, colour);
+    for (int i = 0; i < 3; ++i)
+        ycbcr[i] = static_cast<uint8_t>(std::clamp(std::lround(codes[i]), 0L, 255L));
 }
 
-// Where the components of pixel (x, y) sit in a buffer, and the order of R, G, B (or Y, Cb,
-// Cr) among them.
 std::vector<unsigned char*> Components(CVPixelBufferRef buffer, size_t x, size_t y) {
-    const PixelFormatLayout& l = buffer->layout;
-    auto at = [&](int plane, size_t column, size_t row) {
-        return buffer->base + l.planeOffset[plane] + row * l.bytesPerRow[plane] + column;
-    };
-    switch (buffer->pixelFormat) {
-    case kCVPixelFormatType_422YpCbCr8: // U Y V Y
-        return {at(0, x * 2 + 1, y), at(0, (x & ~size_t(1)) * 2, y),
-                at(0, (x & ~size_t(1)) * 2 + 2, y)};
-    case kCVPixelFormatType_422YpCbCr8_yuvs: // Y U Y V
-        return {at(0, x * 2, y), at(0, (x & ~size_t(1)) * 2 + 1, y),
-                at(0, (x & ~size_t(1)) * 2 + 3, y)};
-    case kCVPixelFormatType_420YpCbCr8BiPlanarVideoRange:
-    case kCVPixelFormatType_420YpCbCr8BiPlanarFullRange:
-        return {at(0, x, y), at(1, x / 2 * 2, y / 2), at(1, x / 2 * 2 + 1, y / 2)};
-    case kCVPixelFormatType_420YpCbCr8Planar:
-        return {at(0, x, y), at(1, x / 2, y / 2), at(2, x / 2, y / 2)};
-    case kCVPixelFormatType_422YpCbCr8BiPlanarVideoRange:
-        return {at(0, x, y), at(1, x / 2 * 2, y), at(1, x / 2 * 2 + 1, y)};
-    case kCVPixelFormatType_32BGRA:
-        return {at(0, x * 4 + 2, y), at(0, x * 4 + 1, y), at(0, x * 4, y)};
-    case kCVPixelFormatType_32ARGB:
-        return {at(0, x * 4 + 1, y), at(0, x * 4 + 2, y), at(0, x * 4 + 3, y)};
-    case kCVPixelFormatType_32RGBA:
-        return {at(0, x * 4, y), at(0, x * 4 + 1, y), at(0, x * 4 + 2, y)};
-    case kCVPixelFormatType_24RGB:
-        return {at(0, x * 3, y), at(0, x * 3 + 1, y), at(0, x * 3 + 2, y)};
-    case kCVPixelFormatType_24BGR:
-        return {at(0, x * 3 + 2, y), at(0, x * 3 + 1, y), at(0, x * 3, y)};
-    }
-    return {};
+    return ComponentsAt(buffer->pixelFormat, PlanesOf(buffer), x, y);
 }
 
 // A buffer of colour bars in any format, Y'CbCr ones encoded in `colour`.
@@ -430,12 +312,10 @@ TEST(VideoConverter, ScalesEveryFormat) {
         }
 }
 
-} // namespace
-
-namespace {
-
 // Odd sizes, with a last chroma row and column that cover one pixel, in every matrix and range:
-// libyuv converts every pair right. (libswscale is off at the odd column in some pairs.)
+// libyuv converts every pair right. (libswscale is off at the odd column in some pairs.) 17 rows
+// are a strip of 16 and one of a single row, below the bars' mirror line, so a last chroma row
+// left out (or taken from the strip before) shows.
 TEST(VideoConverter, OddSizesConvertInEveryPair) {
     for (YCbCrColour colour : {YCbCrColour(), YCbCrColour{YCbCrMatrix::BT709, false},
                                YCbCrColour{YCbCrMatrix::BT709, true}})
@@ -445,7 +325,7 @@ TEST(VideoConverter, OddSizesConvertInEveryPair) {
                     continue;
                 SCOPED_TRACE(testing::Message()
                              << FindPixelFormat(from)->name << " to " << FindPixelFormat(to)->name);
-                CVPixelBufferRef source = Bars(from, 37, 35, colour);
+                CVPixelBufferRef source = Bars(from, 37, 17, colour);
                 VideoConverter converter;
                 CVPixelBufferRef out = converter.Convert(source, to, 0, 0);
                 ASSERT_NE(nullptr, out);
