@@ -3,6 +3,7 @@
 // refuses goes through libavcodec; damaged, truncated and foreign data give no picture, are
 // counted, and never crash.
 #include "platform/devices/v4l2/mjpegdecoder.h"
+#include "support/colourbars.h"
 
 #include <gtest/gtest.h>
 #include <turbojpeg.h>
@@ -18,12 +19,9 @@ extern "C" {
 
 namespace {
 
-const uint8_t kBars[8][3] = {{191, 191, 191}, {191, 191, 0}, {0, 191, 191}, {0, 191, 0},
-                             {191, 0, 191},   {191, 0, 0},   {0, 0, 191},   {0, 0, 0}};
-
 // Eight bars across, 16 pixels apart at least, so bar middles are flat after JPEG's blocks.
 const uint8_t* BarAt(int width, int x) {
-    return kBars[std::min(7, x * 8 / width)];
+    return kColourBars[std::min(7, x * 8 / width)];
 }
 
 std::vector<uint8_t> EncodeBars(int width, int height, int subsampling) {
@@ -57,64 +55,21 @@ std::vector<uint8_t> WithoutHuffmanTables(const std::vector<uint8_t>& jpeg) {
     return out;
 }
 
-// BT.601 codes of an RGB colour, video range or full.
-void Encode601(const uint8_t rgb[3], bool full, int ycbcr[3]) {
-    const double r = rgb[0] / 255.0, g = rgb[1] / 255.0, b = rgb[2] / 255.0;
-    const double y = 0.299 * r + 0.587 * g + 0.114 * b;
-    const double cb = (b - y) / 1.772, cr = (r - y) / 1.402;
-    ycbcr[0] = int(std::lround(full ? 255 * y : 16 + 219 * y));
-    ycbcr[1] = int(std::lround(128 + (full ? 255 : 224) * cb));
-    ycbcr[2] = int(std::lround(128 + (full ? 255 : 224) * cr));
-}
-
 // Largest difference at the middle of each bar between a decoded picture and the bars: R, G,
-// B, or the Y'CbCr codes of its format's range.
+// B, or the BT.601 Y'CbCr codes of its format's range.
 int WorstBarError(CVPixelBufferRef picture) {
-    const PixelFormatLayout& l = picture->layout;
-    const int width = int(picture->width), y = int(picture->height / 2);
+    const PicturePlanes planes = PlanesOf(picture);
+    const bool ycbcr = FindPixelFormat(picture->pixelFormat)->isYCbCr;
     int worst = 0;
     for (int bar = 0; bar < 8; ++bar) {
-        const int x = (2 * bar + 1) * width / 16 & ~1;
-        const uint8_t* rgb = BarAt(width, x);
-        int expected[3] = {rgb[0], rgb[1], rgb[2]};
-        int got[3] = {0, 0, 0};
-        const uint8_t* row = picture->base + l.planeOffset[0] + size_t(y) * l.bytesPerRow[0];
-        const uint8_t* chroma = picture->base + l.planeOffset[1] + size_t(y / 2) * l.bytesPerRow[1];
-        switch (picture->pixelFormat) {
-        case kCVPixelFormatType_32BGRA:
-            got[0] = row[x * 4 + 2], got[1] = row[x * 4 + 1], got[2] = row[x * 4];
-            break;
-        case kCVPixelFormatType_32ARGB:
-            got[0] = row[x * 4 + 1], got[1] = row[x * 4 + 2], got[2] = row[x * 4 + 3];
-            break;
-        case kCVPixelFormatType_32RGBA:
-            got[0] = row[x * 4], got[1] = row[x * 4 + 1], got[2] = row[x * 4 + 2];
-            break;
-        case kCVPixelFormatType_24RGB:
-            got[0] = row[x * 3], got[1] = row[x * 3 + 1], got[2] = row[x * 3 + 2];
-            break;
-        case kCVPixelFormatType_24BGR:
-            got[0] = row[x * 3 + 2], got[1] = row[x * 3 + 1], got[2] = row[x * 3];
-            break;
-        case kCVPixelFormatType_422YpCbCr8:
-            got[0] = row[x * 2 + 1], got[1] = row[x * 2], got[2] = row[x * 2 + 2];
-            break;
-        case kCVPixelFormatType_422YpCbCr8_yuvs:
-            got[0] = row[x * 2], got[1] = row[x * 2 + 1], got[2] = row[x * 2 + 3];
-            break;
-        case kCVPixelFormatType_420YpCbCr8BiPlanarVideoRange:
-        case kCVPixelFormatType_420YpCbCr8BiPlanarFullRange:
-            got[0] = row[x], got[1] = chroma[x], got[2] = chroma[x + 1];
-            break;
-        case kCVPixelFormatType_420YpCbCr8Planar:
-            got[0] = row[x], got[1] = chroma[x / 2];
-            got[2] = picture->base[l.planeOffset[2] + size_t(y / 2) * l.bytesPerRow[2] + x / 2];
-            break;
-        }
-        if (FindPixelFormat(picture->pixelFormat)->isYCbCr)
-            Encode601(rgb, picture->colour.fullRange, expected);
+        const std::array<double, 3> seen = SampleAt(
+            picture->pixelFormat, planes, BarMiddle(picture->width, bar), picture->height / 2);
+        const std::array<double, 3> expected =
+            ycbcr ? YCbCrOf(kColourBars[bar], {YCbCrMatrix::BT601, picture->colour.fullRange})
+                  : std::array<double, 3>{double(kColourBars[bar][0]), double(kColourBars[bar][1]),
+                                          double(kColourBars[bar][2])};
         for (int i = 0; i < 3; ++i)
-            worst = std::max(worst, std::abs(got[i] - expected[i]));
+            worst = std::max(worst, int(std::lround(std::abs(seen[i] - expected[i]))));
     }
     return worst;
 }

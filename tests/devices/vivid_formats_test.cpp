@@ -22,6 +22,7 @@
 #include "platform/devicebackend.h"
 #include "platform/pixelformats.h"
 #include "platform/qtkit.h"
+#include "support/colourbars.h"
 #include "support/plainv4l2.h"
 #include "support/realdevices.h"
 #include "support/tavix_helpers.h"
@@ -59,38 +60,6 @@ std::string NameOf(OSType format) {
     return info != nullptr ? info->name : std::to_string(format);
 }
 
-// vivid's 75% colour bars, left to right, in R'G'B' at 75% of full level.
-constexpr int kBars = 8;
-constexpr int kLevel = 191;
-const int kBarRGB[kBars][3] = {
-    {kLevel, kLevel, kLevel}, {kLevel, kLevel, 0}, {0, kLevel, kLevel}, {0, kLevel, 0},
-    {kLevel, 0, kLevel},      {kLevel, 0, 0},      {0, 0, kLevel},      {0, 0, 0},
-};
-
-// How the device says its Y'CbCr codes stand for colours (what VIDIOC_G_FMT reports).
-struct Encoding {
-    bool bt709 = false;
-    bool fullRange = false;
-};
-
-struct Triple {
-    double v[3] = {0, 0, 0};
-};
-
-// Y'CbCr of an R'G'B' colour, as codes of the encoding's range.
-Triple YCbCrOf(const int rgb[3], Encoding encoding) {
-    const double kr = encoding.bt709 ? 0.2126 : 0.299, kb = encoding.bt709 ? 0.0722 : 0.114;
-    const double r = rgb[0] / 255.0, g = rgb[1] / 255.0, b = rgb[2] / 255.0;
-    const double y = kr * r + (1 - kr - kb) * g + kb * b;
-    const double cb = (b - y) / (2 * (1 - kb)), cr = (r - y) / (2 * (1 - kr));
-    Triple codes;
-    if (encoding.fullRange)
-        codes = {{y * 255, 128 + cb * 255, 128 + cr * 255}};
-    else
-        codes = {{16 + y * 219, 128 + cb * 224, 128 + cr * 224}};
-    return codes;
-}
-
 // One picture as the video callback saw it.
 struct Picture {
     OSType format = 0;
@@ -114,65 +83,20 @@ size_t PictureBytes(OSType format, size_t bytesPerRow, size_t height) {
     }
 }
 
-// The sample at (x, y): Y'CbCr codes, R'G'B' levels, or grey in all three.
-Triple SampleAt(const Picture& p, size_t x, size_t y) {
-    const uint8_t* row = p.bytes.data() + y * p.bytesPerRow;
-    const uint8_t* luma = p.bytes.data() + p.bytesPerRow * p.height; // the next plane
-    auto triple = [](double a, double b, double c) { return Triple{{a, b, c}}; };
-    auto expand = [](unsigned value, unsigned bits) { return value * 255.0 / ((1u << bits) - 1); };
-    const uint8_t* px;
-    switch (p.format) {
-    case kCVPixelFormatType_422YpCbCr8_yuvs:
-        px = row + x / 2 * 4;
-        return triple(px[(x & 1) * 2], px[1], px[3]);
-    case kCVPixelFormatType_422YpCbCr8:
-        px = row + x / 2 * 4;
-        return triple(px[1 + (x & 1) * 2], px[0], px[2]);
-    case kCVPixelFormatType_420YpCbCr8BiPlanarVideoRange:
-        px = luma + y / 2 * p.bytesPerRow + x / 2 * 2;
-        return triple(row[x], px[0], px[1]);
-    case kCVPixelFormatType_422YpCbCr8BiPlanarVideoRange:
-        px = luma + y * p.bytesPerRow + x / 2 * 2;
-        return triple(row[x], px[0], px[1]);
-    case kCVPixelFormatType_420YpCbCr8Planar: {
-        const size_t chromaRow = p.bytesPerRow / 2, chromaPlane = chromaRow * (p.height / 2);
-        px = luma + y / 2 * chromaRow + x / 2;
-        return triple(row[x], px[0], px[chromaPlane]);
+// Where the picture's planes are: they follow the luma rows, their rows as long as the first
+// plane's (half as long for 'y420', twice for 4:4:4).
+PicturePlanes PlanesOf(Picture& p) {
+    PicturePlanes planes;
+    planes.data[0] = p.bytes.data();
+    planes.bytesPerRow[0] = planes.bytesPerRow[1] = p.bytesPerRow;
+    planes.data[1] = p.bytes.data() + p.bytesPerRow * p.height;
+    if (p.format == kCVPixelFormatType_420YpCbCr8Planar) {
+        planes.bytesPerRow[1] = planes.bytesPerRow[2] = p.bytesPerRow / 2;
+        planes.data[2] = planes.data[1] + p.bytesPerRow / 2 * (p.height / 2);
+    } else if (p.format == kCVPixelFormatType_444YpCbCr8BiPlanarVideoRange) {
+        planes.bytesPerRow[1] = 2 * p.bytesPerRow;
     }
-    case kCVPixelFormatType_444YpCbCr8BiPlanarVideoRange:
-        px = luma + y * 2 * p.bytesPerRow + x * 2;
-        return triple(row[x], px[0], px[1]);
-    case kCVPixelFormatType_24RGB:
-        px = row + x * 3;
-        return triple(px[0], px[1], px[2]);
-    case kCVPixelFormatType_24BGR:
-        px = row + x * 3;
-        return triple(px[2], px[1], px[0]);
-    case kCVPixelFormatType_32BGRA:
-        px = row + x * 4;
-        return triple(px[2], px[1], px[0]);
-    case kCVPixelFormatType_32ARGB:
-        px = row + x * 4;
-        return triple(px[1], px[2], px[3]);
-    case kCVPixelFormatType_32RGBA:
-        px = row + x * 4;
-        return triple(px[0], px[1], px[2]);
-    case kCVPixelFormatType_32ABGR:
-        px = row + x * 4;
-        return triple(px[3], px[2], px[1]);
-    case kCVPixelFormatType_16LE565:
-    case kCVPixelFormatType_16BE565: {
-        px = row + x * 2;
-        const unsigned word =
-            p.format == kCVPixelFormatType_16LE565 ? px[0] | px[1] << 8 : px[0] << 8 | px[1];
-        return triple(expand(word >> 11, 5), expand(word >> 5 & 63, 6), expand(word & 31, 5));
-    }
-    case kCVPixelFormatType_OneComponent8:
-        return triple(row[x], row[x], row[x]);
-    default:
-        ADD_FAILURE() << "no reader for " << NameOf(p.format);
-        return Triple();
-    }
+    return planes;
 }
 
 bool IsYCbCr(OSType format) {
@@ -182,28 +106,26 @@ bool IsYCbCr(OSType format) {
 
 // vivid draws its grey formats as full-range luma with BT.709 weights; it reports no Y'CbCr
 // encoding or range for them.
-constexpr Encoding kGreyEncoding{true, true};
+constexpr YCbCrColour kGreyEncoding{YCbCrMatrix::BT709, true};
 
 // Checks each bar at its middle, on a row in the lower half: its Y'CbCr codes in the device's
 // encoding, its R'G'B' levels, or for grey its luma (the same in every channel once converted).
-void ExpectColourBars(const Picture& picture, OSType source, Encoding encoding, double tolerance) {
+void ExpectColourBars(Picture& picture, OSType source, YCbCrColour encoding, double tolerance) {
     ASSERT_FALSE(picture.bytes.empty()) << "no picture";
     const size_t y = picture.height * 3 / 4;
-    for (int bar = 0; bar < kBars; ++bar) {
-        const size_t x = (2 * bar + 1) * picture.width / (2 * kBars) & ~size_t(1);
-        Triple expected;
+    for (int bar = 0; bar < 8; ++bar) {
+        const uint8_t* rgb = kColourBars[bar];
+        std::array<double, 3> expected = {double(rgb[0]), double(rgb[1]), double(rgb[2])};
         if (IsYCbCr(picture.format)) {
-            expected = YCbCrOf(kBarRGB[bar], encoding);
+            expected = YCbCrOf(rgb, encoding);
         } else if (source == kCVPixelFormatType_OneComponent8) {
-            const double luma = YCbCrOf(kBarRGB[bar], kGreyEncoding).v[0];
-            expected = {{luma, luma, luma}};
-        } else {
-            expected = {
-                {double(kBarRGB[bar][0]), double(kBarRGB[bar][1]), double(kBarRGB[bar][2])}};
+            const double luma = YCbCrOf(rgb, kGreyEncoding)[0];
+            expected = {luma, luma, luma};
         }
-        const Triple seen = SampleAt(picture, x, y);
+        const std::array<double, 3> seen =
+            SampleAt(picture.format, PlanesOf(picture), BarMiddle(picture.width, bar), y);
         for (int c = 0; c < 3; ++c)
-            EXPECT_NEAR(expected.v[c], seen.v[c], tolerance)
+            EXPECT_NEAR(expected[c], seen[c], tolerance)
                 << NameOf(picture.format) << " bar " << bar << " component " << c;
     }
 }
@@ -262,17 +184,15 @@ NodeState NodeStateOf(const std::string& node) {
     return state;
 }
 
-Encoding EncodingOf(const v4l2_pix_format& format) {
+YCbCrColour EncodingOf(const v4l2_pix_format& format) {
     uint32_t ycbcr = format.ycbcr_enc;
     if (ycbcr == V4L2_YCBCR_ENC_DEFAULT)
         ycbcr = V4L2_MAP_YCBCR_ENC_DEFAULT(format.colorspace);
     uint32_t quantization = format.quantization;
     if (quantization == V4L2_QUANTIZATION_DEFAULT)
         quantization = V4L2_MAP_QUANTIZATION_DEFAULT(false, format.colorspace, ycbcr);
-    Encoding encoding;
-    encoding.bt709 = ycbcr == V4L2_YCBCR_ENC_709;
-    encoding.fullRange = quantization == V4L2_QUANTIZATION_FULL_RANGE;
-    return encoding;
+    return {ycbcr == V4L2_YCBCR_ENC_709 ? YCbCrMatrix::BT709 : YCbCrMatrix::BT601,
+            quantization == V4L2_QUANTIZATION_FULL_RANGE};
 }
 
 // The fastest rate the driver offers for a format at a size; 0 when it offers none.
