@@ -134,3 +134,7 @@ std::string WrongBars(const RGBImage& image, int frameWidth, int frameHeight, in
     }
     return right ? "" : seen;
 }
+
+RGBImage ReadImageFile(const std::string& path) {
+    return ReadPPMFrom("ffmpeg -v error -i '" + path + "' -f image2pipe -c:v ppm - 2>/dev/null");
+}

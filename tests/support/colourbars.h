@@ -46,6 +46,8 @@ struct RGBImage {
 // The binary PPM a shell command writes to its output (ImageMagick's `import ... ppm:-`,
 // ffmpeg decoding a file to `-f image2pipe -c:v ppm -`); an empty image when there is none.
 RGBImage ReadPPMFrom(const std::string& command);
+// A picture file (a PNG, say) decoded by ffmpeg; an empty image when it cannot be read.
+RGBImage ReadImageFile(const std::string& path);
 
 // Where a frame of frameWidth x frameHeight lands in an image: scaled to fit, centred.
 struct PictureArea {

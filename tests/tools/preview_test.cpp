@@ -18,6 +18,7 @@
 #include <thread>
 #include <vector>
 
+#include "support/colourbars.h"
 #include "support/ffprobe.h"
 #include "support/process.h"
 #include "support/tempfolder.h"
@@ -54,8 +55,10 @@ public:
                 ":" + std::to_string(100 + (getpid() * 7 + attempt * 13) % 800);
             server = StartChild([&] {
                 prctl(PR_SET_PDEATHSIG, SIGTERM);
+                // Without -noreset the server resets when its last client leaves, as the
+                // readiness probe below does, and refuses the next one for a moment.
                 execlp("Xvfb", "Xvfb", candidate.c_str(), "-screen", "0", "1024x768x24",
-                       "-nolisten", "tcp", static_cast<char*>(nullptr));
+                       "-nolisten", "tcp", "-noreset", static_cast<char*>(nullptr));
                 _exit(127);
             });
             if (server <= 0)
@@ -93,97 +96,20 @@ public:
     std::string name; // ":N"; empty when the server did not start
 };
 
-// A screenshot as 8-bit RGB.
-struct Picture {
-    int width = 0, height = 0;
-    std::vector<unsigned char> rgb;
-    bool Has(int x, int y) const { return x >= 0 && x < width && y >= 0 && y < height; }
-    const unsigned char* At(int x, int y) const { return &rgb[(y * width + x) * 3]; }
-};
-
-Picture Screenshot(const VirtualDisplay& display, const std::string& window) {
-    Picture picture;
-    FILE* pipe = popen(("DISPLAY=" + display.name + " timeout 10 import -window " + window +
-                        " -depth 8 ppm:- 2>/dev/null")
-                           .c_str(),
-                       "r");
-    if (pipe == nullptr)
-        return picture;
-    int width = 0, height = 0, maximum = 0;
-    if (fscanf(pipe, "P6 %d %d %d", &width, &height, &maximum) == 3 && maximum == 255 &&
-        width > 0 && height > 0 && fgetc(pipe) != EOF) {
-        picture.rgb.resize(static_cast<size_t>(width) * height * 3);
-        if (fread(picture.rgb.data(), 1, picture.rgb.size(), pipe) == picture.rgb.size()) {
-            picture.width = width;
-            picture.height = height;
-        }
-    }
-    pclose(pipe);
-    return picture;
+RGBImage Screenshot(const VirtualDisplay& display, const std::string& window) {
+    return ReadPPMFrom("DISPLAY=" + display.name + " timeout 10 import -window " + window +
+                       " -depth 8 ppm:- 2>/dev/null");
 }
 
-// Where a frame of frameWidth x frameHeight lands in a window: scaled to fit, centred.
-struct PictureArea {
-    PictureArea(const Picture& window, int frameWidth, int frameHeight)
-        : scale(std::min(static_cast<double>(window.width) / frameWidth,
-                         static_cast<double>(window.height) / frameHeight)),
-          left((window.width - frameWidth * scale) / 2),
-          top((window.height - frameHeight * scale) / 2) {}
-    int X(double frameX) const { return static_cast<int>(left + frameX * scale); }
-    int Y(double frameY) const { return static_cast<int>(top + frameY * scale); }
-    double scale, left, top;
-};
-
-// The test pattern's 75% colour bars, left to right.
-const unsigned char kBars[8][3] = {{191, 191, 191}, {191, 191, 0}, {0, 191, 191}, {0, 191, 0},
-                                   {191, 0, 191},   {191, 0, 0},   {0, 0, 191},   {0, 0, 0}};
-
-bool Near(const unsigned char* pixel, const unsigned char* colour, int tolerance = 40) {
+bool Near(const unsigned char* pixel, const unsigned char* colour, int tolerance) {
     for (int c = 0; c < 3; ++c)
         if (std::abs(pixel[c] - colour[c]) > tolerance)
             return false;
     return true;
 }
 
-// Every bar shows its colour at 40% of the picture's height, away from the frame counter and
-// the overlay. Each bar is looked at in two places, as the moving white bar may cover one.
-bool ShowsColourBars(const Picture& window, int frameWidth, int frameHeight) {
-    if (window.width == 0)
-        return false;
-    const PictureArea area(window, frameWidth, frameHeight);
-    const int y = area.Y(0.4 * frameHeight);
-    for (int bar = 0; bar < 8; ++bar) {
-        bool seen = false;
-        for (double within : {0.3, 0.7}) {
-            const int x = area.X((bar + within) * frameWidth / 8);
-            seen = seen || (window.Has(x, y) && Near(window.At(x, y), kBars[bar]));
-        }
-        if (!seen)
-            return false;
-    }
-    return true;
-}
-
-// What a failed bar check saw: the screenshot's size and the colour at each bar's first place.
-std::string DescribeBars(const Picture& window, int frameWidth, int frameHeight) {
-    if (window.width == 0)
-        return "no screenshot";
-    std::string text = std::to_string(window.width) + " x " + std::to_string(window.height) + ":";
-    const PictureArea area(window, frameWidth, frameHeight);
-    const int y = area.Y(0.4 * frameHeight);
-    for (int bar = 0; bar < 8; ++bar) {
-        const int x = area.X((bar + 0.3) * frameWidth / 8);
-        if (window.Has(x, y)) {
-            const unsigned char* pixel = window.At(x, y);
-            text += " " + std::to_string(pixel[0]) + "," + std::to_string(pixel[1]) + "," +
-                    std::to_string(pixel[2]);
-        }
-    }
-    return text;
-}
-
 // The pixels of the frame counter the test pattern burns in at its top left.
-std::vector<unsigned char> Counter(const Picture& window, int frameWidth, int frameHeight) {
+std::vector<unsigned char> Counter(const RGBImage& window, int frameWidth, int frameHeight) {
     std::vector<unsigned char> pixels;
     if (window.width == 0)
         return pixels;
@@ -289,7 +215,7 @@ public:
         display.Run("xdotool windowsize " + window + " " + std::to_string(width) + " " +
                     std::to_string(height));
     }
-    Picture Screenshot() { return ::Screenshot(display, window); }
+    RGBImage Screenshot() { return ::Screenshot(display, window); }
     // The exit status once the program ends within `seconds`, else kRunning.
     int Exited(double seconds = 15) {
         Eventually(
@@ -341,36 +267,40 @@ TEST_F(PreviewWindow, ShowsTheLivePictureThroughAResizeAndQuitsOnQ) {
         << "no window titled with the device's name\n"
         << preview.Output();
 
-    Picture first;
+    RGBImage first;
+    std::string wrong;
     ASSERT_TRUE(Eventually(
         [&] {
             first = preview.Screenshot();
-            return ShowsColourBars(first, 1280, 720);
+            wrong = WrongBars(first, 1280, 720, 40);
+            return wrong.empty();
         },
         15))
-        << "the colour bars never showed: " << DescribeBars(first, 1280, 720) << "\n"
+        << "the colour bars never showed: " << wrong << "\n"
         << preview.Output();
     const std::vector<unsigned char> counter = Counter(first, 1280, 720);
     EXPECT_TRUE(Eventually([&] { return Counter(preview.Screenshot(), 1280, 720) != counter; }, 10))
         << "the burnt-in frame counter did not change: the picture is not live";
 
     preview.Resize(500, 400);
-    Picture resized;
     EXPECT_TRUE(Eventually(
         [&] {
-            resized = preview.Screenshot();
-            return resized.width == 500 && resized.height == 400 &&
-                   ShowsColourBars(resized, 1280, 720);
+            const RGBImage resized = preview.Screenshot();
+            wrong = WrongBars(resized, 1280, 720, 40);
+            return resized.width == 500 && resized.height == 400 && wrong.empty();
         },
         15))
-        << "after the resize: " << DescribeBars(resized, 1280, 720);
+        << "after the resize: " << wrong;
 
     preview.Key("s");
     ASSERT_TRUE(preview.WaitForOutput("snapshot ")) << preview.Output();
     const std::string output = preview.Output();
     const size_t name = output.find("snapshot ") + 9;
-    const std::string png = ReadFile(temp / output.substr(name, output.find('\n', name) - name));
-    EXPECT_EQ(std::string("\x89PNG\r\n\x1a\n", 8), png.substr(0, 8));
+    // The snapshot is the camera's own picture, its Y'CbCr made RGB: close to the bars.
+    const RGBImage snapshot =
+        ReadImageFile(temp / output.substr(name, output.find('\n', name) - name));
+    EXPECT_EQ(1280, snapshot.width);
+    EXPECT_EQ("", WrongBars(snapshot, 1280, 720, 6));
 
     preview.Key("q");
     EXPECT_EQ(0, preview.Exited()) << preview.Output();
@@ -379,14 +309,16 @@ TEST_F(PreviewWindow, ShowsTheLivePictureThroughAResizeAndQuitsOnQ) {
 TEST_F(PreviewWindow, SpacePlaysTheDeckAndRTwiceLeavesAPlayableRecording) {
     Preview preview(display, temp.path, {"Tavix Test Deck"});
     ASSERT_FALSE(preview.FindWindow("Tavix Test Deck").empty()) << preview.Output();
-    Picture stopped;
+    RGBImage stopped;
+    std::string wrong;
     ASSERT_TRUE(Eventually(
         [&] {
             stopped = preview.Screenshot();
-            return ShowsColourBars(stopped, 720, 576);
+            wrong = WrongBars(stopped, 720, 576, 40);
+            return wrong.empty();
         },
         15))
-        << DescribeBars(stopped, 720, 576) << "\n"
+        << wrong << "\n"
         << preview.Output();
 
     preview.Key("space");
@@ -426,7 +358,7 @@ TEST_F(PreviewWindow, ASoundOnlyDeviceShowsItsWaveAndHasNoTransport) {
     const unsigned char waveGreen[3] = {60, 210, 80};
     EXPECT_TRUE(Eventually(
         [&] {
-            const Picture window = preview.Screenshot();
+            const RGBImage window = preview.Screenshot();
             return window.Has(window.width - 2, window.height / 3) &&
                    Near(window.At(window.width - 2, window.height / 3), waveGreen, 10);
         },
