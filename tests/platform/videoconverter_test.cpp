@@ -9,63 +9,11 @@
 #include <tuple>
 #include <vector>
 
-#include "platform/devices/virtual/testpattern.h"
 #include "platform/pixelformats.h"
 #include "platform/videoconverter.h"
 #include "support/colourbars.h"
 
 namespace {
-
-CVPixelBufferRef Pattern(OSType format, size_t width, size_t height, uint64_t frame) {
-    CVPixelBufferRef buffer = nullptr;
-    EXPECT_EQ(kCVReturnSuccess,
-              CVPixelBufferCreate(nullptr, width, height, format, nullptr, &buffer));
-    TestPattern(format, width, height).Draw(buffer, frame);
-    return buffer;
-}
-
-TEST(VideoConverter, DeliversTheSourceItselfWhenNothingChanges) {
-    VideoConverter converter;
-    CVPixelBufferRef source = Pattern(kCVPixelFormatType_422YpCbCr8, 64, 48, 0);
-    for (auto [format, width, height] : {std::tuple<OSType, size_t, size_t>{0, 0, 0},
-                                         {kCVPixelFormatType_422YpCbCr8, 0, 0},
-                                         {kCVPixelFormatType_422YpCbCr8, 64, 48}}) {
-        CVPixelBufferRef out = converter.Convert(source, format, width, height);
-        EXPECT_EQ(source, out) << "no pixel is copied";
-        CVPixelBufferRelease(out);
-    }
-    EXPECT_EQ(0u, converter.PooledBufferCount());
-    CVPixelBufferRelease(source);
-}
-
-TEST(VideoConverter, ReusesPooledBuffersOnceTheyAreReleased) {
-    VideoConverter converter;
-    CVPixelBufferRef source = Pattern(kCVPixelFormatType_422YpCbCr8, 64, 48, 0);
-    for (int i = 0; i < 20; ++i)
-        CVPixelBufferRelease(converter.Convert(source, kCVPixelFormatType_32BGRA, 0, 0));
-    EXPECT_EQ(1u, converter.PooledBufferCount());
-
-    // Buffers still held by a host are not handed out again.
-    std::vector<CVPixelBufferRef> held;
-    for (int i = 0; i < 3; ++i)
-        held.push_back(converter.Convert(source, kCVPixelFormatType_32BGRA, 0, 0));
-    EXPECT_NE(held[0], held[1]);
-    EXPECT_NE(held[1], held[2]);
-    EXPECT_EQ(3u, converter.PooledBufferCount());
-    for (CVPixelBufferRef b : held)
-        CVPixelBufferRelease(b);
-    CVPixelBufferRelease(source);
-}
-
-TEST(VideoConverter, RefusesWhatItCannotConvert) {
-    VideoConverter converter;
-    CVPixelBufferRef source = Pattern(kCVPixelFormatType_422YpCbCr8, 64, 48, 0);
-    EXPECT_EQ(nullptr, converter.Convert(source, 0x3F3F3F3F, 0, 0)) << "an unknown format";
-    EXPECT_EQ(nullptr, converter.Convert(source, kCVPixelFormatType_32BGRA, 1u << 20, 1u << 20))
-        << "a size no buffer can have";
-    EXPECT_EQ(nullptr, converter.Convert(nullptr, kCVPixelFormatType_32BGRA, 0, 0));
-    CVPixelBufferRelease(source);
-}
 
 // Every format the converter reads and writes through one library or the other.
 const OSType kFormats[] = {
@@ -155,6 +103,49 @@ int WorstBarsError(CVPixelBufferRef buffer) {
                 worst = std::max(worst, std::abs(*components[i] - expected[i]));
         }
     return worst;
+}
+
+TEST(VideoConverter, DeliversTheSourceItselfWhenNothingChanges) {
+    VideoConverter converter;
+    CVPixelBufferRef source = Bars(kCVPixelFormatType_422YpCbCr8, 64, 48, YCbCrColour());
+    for (auto [format, width, height] : {std::tuple<OSType, size_t, size_t>{0, 0, 0},
+                                         {kCVPixelFormatType_422YpCbCr8, 0, 0},
+                                         {kCVPixelFormatType_422YpCbCr8, 64, 48}}) {
+        CVPixelBufferRef out = converter.Convert(source, format, width, height);
+        EXPECT_EQ(source, out) << "no pixel is copied";
+        CVPixelBufferRelease(out);
+    }
+    EXPECT_EQ(0u, converter.PooledBufferCount());
+    CVPixelBufferRelease(source);
+}
+
+TEST(VideoConverter, ReusesPooledBuffersOnceTheyAreReleased) {
+    VideoConverter converter;
+    CVPixelBufferRef source = Bars(kCVPixelFormatType_422YpCbCr8, 64, 48, YCbCrColour());
+    for (int i = 0; i < 20; ++i)
+        CVPixelBufferRelease(converter.Convert(source, kCVPixelFormatType_32BGRA, 0, 0));
+    EXPECT_EQ(1u, converter.PooledBufferCount());
+
+    // Buffers still held by a host are not handed out again.
+    std::vector<CVPixelBufferRef> held;
+    for (int i = 0; i < 3; ++i)
+        held.push_back(converter.Convert(source, kCVPixelFormatType_32BGRA, 0, 0));
+    EXPECT_NE(held[0], held[1]);
+    EXPECT_NE(held[1], held[2]);
+    EXPECT_EQ(3u, converter.PooledBufferCount());
+    for (CVPixelBufferRef b : held)
+        CVPixelBufferRelease(b);
+    CVPixelBufferRelease(source);
+}
+
+TEST(VideoConverter, RefusesWhatItCannotConvert) {
+    VideoConverter converter;
+    CVPixelBufferRef source = Bars(kCVPixelFormatType_422YpCbCr8, 64, 48, YCbCrColour());
+    EXPECT_EQ(nullptr, converter.Convert(source, 0x3F3F3F3F, 0, 0)) << "an unknown format";
+    EXPECT_EQ(nullptr, converter.Convert(source, kCVPixelFormatType_32BGRA, 1u << 20, 1u << 20))
+        << "a size no buffer can have";
+    EXPECT_EQ(nullptr, converter.Convert(nullptr, kCVPixelFormatType_32BGRA, 0, 0));
+    CVPixelBufferRelease(source);
 }
 
 struct Case {
@@ -278,7 +269,7 @@ TEST(VideoConverter, ThePixelFormatTableChoosesThePath) {
     EXPECT_EQ(ConversionPath::Impossible, ChooseConversionPath(0x3F3F3F3F, 64, 48, bgra, 64, 48));
 
     VideoConverter converter;
-    CVPixelBufferRef source = Pattern(uyvy, 64, 48, 0);
+    CVPixelBufferRef source = Bars(uyvy, 64, 48, YCbCrColour());
     CVPixelBufferRef out = converter.Convert(source, grey, 0, 0);
     ASSERT_NE(nullptr, out);
     EXPECT_EQ(ConversionPath::Swscale, converter.LastPath());
