@@ -26,9 +26,10 @@ endfunction()
 tavix_vm_test(devices_vm "n_devs=1" test_devices_v4l2 test_devices_alsa test_devices_backend
               test_devices_faults)
 
-# Two instances, the second multiplanar: the multiplanar, input and pixel-format tests.
+# Two instances, the second multiplanar: the multiplanar, input and pixel-format tests, and the
+# `tavix` command's report of what a stalled capture lost.
 tavix_vm_test(devices_vm_inputs "n_devs=2 multiplanar=1,2" test_devices_multiplanar
-              test_devices_inputs test_devices_vivid_formats)
+              test_devices_inputs test_devices_vivid_formats test_tools_stall)
 
 # Four instances, the last two multiplanar: four cameras and the sound card at once.
 tavix_vm_test(devices_vm_cameras "n_devs=4 multiplanar=1,1,2,2" test_devices_cameras)
