@@ -19,7 +19,7 @@ def first_running(session):
 
 
 def latest_frame(session):
-    frame = session.read(timeout=2)
+    frame = session.read(timeout=20)
     while True:
         newer = session.read(timeout=0)
         if newer is None:

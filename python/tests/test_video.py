@@ -41,11 +41,11 @@ def test_a_frame_never_changes_once_handed_out(camera):
     # Frame buffers are used again for later frames once nothing refers to them: a frame, or
     # only a slice of one, that is still held must keep its pixels.
     session = camera.capture(pixel_format="BGRA", size=(320, 240), queue_size=2)
-    first = session.read(timeout=5)
+    first = session.read(timeout=20)
     kept = first.copy()
-    corner = session.read(timeout=5)[16:40, 16:120]  # the frame counter's digits
+    corner = session.read(timeout=20)[16:40, 16:120]  # the frame counter's digits
     kept_corner = corner.copy()
-    later = [session.read(timeout=5) for _ in range(12)]
+    later = [session.read(timeout=20) for _ in range(12)]
     session.stop()
     assert np.array_equal(first, kept)
     assert np.array_equal(corner, kept_corner)
@@ -70,7 +70,7 @@ def test_a_frame_never_changes_once_handed_out(camera):
 )
 def test_each_pixel_format_has_its_shape_and_layout(camera, pixel_format, shape, check):
     with camera.capture(pixel_format=pixel_format, size=(200, 150)) as session:
-        frame = session.read(timeout=5)
+        frame = session.read(timeout=20)
     assert frame.shape == shape
     x, y = 36, 120  # inside the yellow bar (25..50), below the frame counter
     if check is not None:
@@ -89,14 +89,14 @@ def test_each_pixel_format_has_its_shape_and_layout(camera, pixel_format, shape,
 
 def test_the_library_scales_to_the_size_asked_for(camera):
     with camera.capture(pixel_format="BGRA", size=(1920, 1080)) as session:
-        frame = session.read(timeout=5)
+        frame = session.read(timeout=20)
     assert frame.shape == (1080, 1920, 4)
     np.testing.assert_allclose(bar_colours(frame[700, :, 2::-1]), BARS, atol=8)
 
 
 def test_the_native_format_is_delivered_when_none_is_asked(camera):
     with camera.capture(pixel_format=None) as session:
-        frame = session.read(timeout=5)
+        frame = session.read(timeout=20)
     assert frame.pixel_format == "2vuy" and frame.shape == (720, 1280, 2)
 
 
