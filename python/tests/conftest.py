@@ -1,6 +1,8 @@
 """Shared fixtures: the three built-in devices, opened for one test each, and the check that a
 test leaves no device handle in use."""
 
+import time
+
 import numpy as np
 import pytest
 
@@ -41,6 +43,16 @@ def bar_colours(rgb_row):
 def dominant_frequency(samples, sample_rate):
     spectrum = np.abs(np.fft.rfft(samples * np.hanning(len(samples))))
     return np.fft.rfftfreq(len(samples), 1.0 / sample_rate)[np.argmax(spectrum)]
+
+
+def wait_until(predicate, timeout=20):
+    """Whether predicate came true within timeout seconds; generous, as a loaded machine needs."""
+    deadline = time.monotonic() + timeout
+    while not predicate():
+        if time.monotonic() > deadline:
+            return False
+        time.sleep(0.01)
+    return True
 
 
 @pytest.fixture(autouse=True)

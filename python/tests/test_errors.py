@@ -86,7 +86,7 @@ def test_one_capture_at_a_time(camera):
         with pytest.raises(tavix.TavixError, match="already capturing"):
             camera.capture()
     with camera.capture(size=(64, 48)) as again:
-        assert again.read(timeout=5) is not None
+        assert again.read(timeout=20) is not None
 
 
 def test_reading_what_a_session_does_not_carry(camera):

@@ -3,7 +3,6 @@
 import json
 import shutil
 import subprocess
-import time
 
 import pytest
 
@@ -26,11 +25,10 @@ def probe(path):
 def test_records_picture_and_sound_while_frames_arrive(camera, tmp_path):
     take = tmp_path / "take.mp4"
     with camera.capture(size=(640, 360), audio=MICROPHONE, record=take) as session:
-        deadline = time.monotonic() + 1.5
-        frames = 0
-        while time.monotonic() < deadline:
-            frames += session.read(timeout=1) is not None
-    assert frames >= 30
+        # Forty-five frames take at least a second and a half of the camera's time, however
+        # slowly they are read.
+        for _ in range(45):
+            assert session.read(timeout=20) is not None
 
     info = probe(take)
     streams = {s["codec_type"]: s for s in info["streams"]}

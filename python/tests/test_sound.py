@@ -12,7 +12,7 @@ from conftest import MICROPHONE, dominant_frequency
 
 def test_the_microphone_tone_is_1_khz_in_float_stereo(microphone):
     with microphone.capture(sample_rate=48000, channels=2, dtype="float32") as session:
-        sound = session.read_audio(9600, timeout=5)
+        sound = session.read_audio(9600, timeout=20)
     assert isinstance(sound, np.ndarray)
     assert sound.shape == (9600, 2) and sound.dtype == np.float32
     assert sound.sample_rate == 48000
@@ -28,7 +28,7 @@ def test_the_microphone_tone_is_1_khz_in_float_stereo(microphone):
 )
 def test_each_sample_type_carries_the_tone(microphone, dtype, sample_rate, channels):
     with microphone.capture(sample_rate=sample_rate, channels=channels, dtype=dtype) as session:
-        sound = session.read_audio(sample_rate // 5, timeout=5)
+        sound = session.read_audio(sample_rate // 5, timeout=20)
     assert sound.shape == (sample_rate // 5, channels) and sound.dtype == np.dtype(dtype)
     signal = sound[:, 0].astype(np.float64)
     assert abs(dominant_frequency(signal - signal.mean(), sample_rate) - 1000) <= 5
@@ -36,8 +36,8 @@ def test_each_sample_type_carries_the_tone(microphone, dtype, sample_rate, chann
 
 def test_read_audio_returns_exactly_what_is_asked_and_keeps_the_rest(microphone):
     with microphone.capture() as session:
-        first = session.read_audio(1000, timeout=5)
-        second = session.read_audio(1000, timeout=5)
+        first = session.read_audio(1000, timeout=20)
+        second = session.read_audio(1000, timeout=20)
         everything = session.read_audio(timeout=5)
     assert len(first) == len(second) == 1000
     assert len(everything) > 0
@@ -56,14 +56,14 @@ def test_sound_goes_to_on_audio_on_the_capture_thread(microphone):
             enough.set()
 
     with microphone.capture(dtype="int16", on_audio=on_audio):
-        assert enough.wait(5)
+        assert enough.wait(20)
     assert all(b.dtype == np.int16 and b.shape[1] == 2 for b in blocks)
 
 
 def test_a_camera_takes_sound_from_a_companion_microphone(camera):
     with camera.capture(size=(160, 120), audio=MICROPHONE, dtype="int16") as session:
-        frame = session.read(timeout=5)
-        sound = session.read_audio(4800, timeout=5)
+        frame = session.read(timeout=20)
+        sound = session.read_audio(4800, timeout=20)
     assert frame.shape == (120, 160, 4)
     assert sound.shape == (4800, 2)
     assert abs(dominant_frequency(sound[:, 0].astype(float), 48000) - 1000) <= 10

@@ -1,6 +1,6 @@
 # Installs the library into a temporary prefix and builds and runs hosts against that install
-# alone: the example through pkg-config and through find_package(tavix), and a program that
-# takes the address of every name the installed headers declare (tests/consumer/public_names.py).
+# alone: the example through pkg-config and through find_package(tavix); and compares the names
+# the installed headers declare with those the library exports (tests/consumer/public_names.py).
 # Not in sanitizer builds: a host built without the sanitizer cannot load such a library.
 if(TAVIX_SANITIZE)
   return()

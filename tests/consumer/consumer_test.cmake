@@ -12,8 +12,8 @@ function(run)
   set(output "${output}" PARENT_SCOPE)
 endfunction()
 
-# The example's output: the test camera, its default format, and two seconds of frames and
-# sound (30 fps, 48 kHz), with room for a loaded machine.
+# The example's output: the test camera, its default format, and at least two seconds' worth of
+# frames and sound (30 fps, 48 kHz); a loaded machine may take longer over the two seconds.
 function(check_capture label output)
   if(NOT output MATCHES "device: Tavix Test Camera\n"
      OR NOT output MATCHES "format: video 2vuy 1280 x 720\n"
@@ -24,8 +24,7 @@ function(check_capture label output)
   if(NOT output MATCHES "sample frames: ([0-9]+)")
     message(FATAL_ERROR "${label}: no sound:\n${output}")
   endif()
-  if(frames LESS 30 OR frames GREATER 70 OR CMAKE_MATCH_1 LESS 48000 OR
-     CMAKE_MATCH_1 GREATER 110000)
+  if(frames LESS 30 OR CMAKE_MATCH_1 LESS 48000)
     message(FATAL_ERROR "${label}: ${frames} frames, ${CMAKE_MATCH_1} sample frames:\n${output}")
   endif()
   message(STATUS "${label}: ${frames} frames, ${CMAKE_MATCH_1} sample frames")
@@ -53,20 +52,26 @@ foreach(file ${package_files})
   endforeach()
 endforeach()
 
-# Every declared name against the exported ones, and the program that takes their addresses.
-set(names_source "")
+# The library's name: hosts record it, not the file they were linked against.
+run(readelf -d ${prefix}/${LIBDIR}/libtavix.so.1)
+if(NOT output MATCHES "Library soname: \\[libtavix\\.so\\.1\\]")
+  message(FATAL_ERROR "libtavix.so.1 lacks its soname:\n${output}")
+endif()
+
+# Every declared name against the exported ones: nothing of the platform layer, the standard
+# library or FFmpeg leaves the library.
+set(names_checked FALSE)
 if(PYTHON AND CLANGXX)
   configure_file(${CMAKE_CURRENT_LIST_DIR}/instantiations.h ${WORK_DIR}/instantiations.h COPYONLY)
   execute_process(COMMAND ${PYTHON} ${CMAKE_CURRENT_LIST_DIR}/public_names.py
                           --include ${prefix}/include --library ${prefix}/${LIBDIR}/libtavix.so.1
                           --clang ${CLANGXX} --instantiations ${WORK_DIR}/instantiations.h
-                          --output ${WORK_DIR}/public_names.cpp
                   RESULT_VARIABLE status OUTPUT_VARIABLE output ERROR_VARIABLE output)
   message("${output}")
   if(NOT status EQUAL 0)
     message(FATAL_ERROR "the installed headers and the exported names differ")
   endif()
-  set(names_source ${WORK_DIR}/public_names.cpp)
+  set(names_checked TRUE)
 endif()
 
 # The example through pkg-config, with the installed tavix.pc the only one it can find.
@@ -85,28 +90,21 @@ endforeach()
 run(${C_COMPILER} -std=c99 -Wall -Wextra -Werror -pedantic ${SOURCE_DIR}/examples/capture.c
     ${flags} -o ${WORK_DIR}/capture_pkgconfig)
 
-# The example and the address program through find_package(tavix).
+# The example through find_package(tavix).
 run(${CMAKE_COMMAND} -S ${CMAKE_CURRENT_LIST_DIR}/project -B ${WORK_DIR}/project
     -DCMAKE_PREFIX_PATH=${prefix} -DCMAKE_FIND_USE_PACKAGE_REGISTRY=OFF
     -DCMAKE_C_COMPILER=${C_COMPILER} -DCMAKE_CXX_COMPILER=${CXX_COMPILER}
-    -DEXAMPLE_SOURCE=${SOURCE_DIR}/examples/capture.c -DPUBLIC_NAMES_SOURCE=${names_source})
+    -DEXAMPLE_SOURCE=${SOURCE_DIR}/examples/capture.c)
 run(${CMAKE_COMMAND} --build ${WORK_DIR}/project -j 2)
 
-# The CMake-built programs find the library through their RPATH, the other through
-# LD_LIBRARY_PATH; the address program says which file the loader took.
-if(names_source)
-  run(${WORK_DIR}/project/public_names)
-  if(NOT output MATCHES "^[0-9]+ addresses; ${prefix}/${LIBDIR}/libtavix\\.so\\.1\n$")
-    message(FATAL_ERROR "public_names: ${output}")
-  endif()
-  message(STATUS "public_names: ${output}")
-endif()
+# The CMake-built example finds the library through its RPATH, the other through
+# LD_LIBRARY_PATH.
 run(${WORK_DIR}/project/capture)
 check_capture("find_package" "${output}")
 run(${CMAKE_COMMAND} -E env LD_LIBRARY_PATH=${prefix}/${LIBDIR} ${WORK_DIR}/capture_pkgconfig)
 check_capture("pkg-config" "${output}")
 
-if(NOT names_source)
+if(NOT names_checked)
   message(STATUS "the header check is skipped: it needs python3 and clang++")
   cmake_language(EXIT 77)
 endif()

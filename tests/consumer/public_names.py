@@ -1,15 +1,11 @@
 #!/usr/bin/env python3
 """Reads the installed public headers with clang and compares what they declare with what the
-installed library exports.
+installed library exports: every function, member function and global that the headers declare
+but do not define (so only the library can provide it) must be exported, and every exported name
+must be declared. Templates the headers declare without a definition are taken in the
+instantiations that instantiations.h lists, and a template missing from that list is an error.
 
-It writes a C++ program that takes the address of every function, member function and global
-that the headers declare but do not define (so only the library can provide it); linking that
-program against the installed library proves each one is reachable from outside. Templates the
-headers declare without a definition are taken in the instantiations that instantiations.h
-lists, and a template missing from that list is an error. It also fails when the library exports
-a name that no public header declares.
-
-    public_names.py --include DIR --library LIB --clang CLANG --instantiations FILE --output FILE
+    public_names.py --include DIR --library LIB --clang CLANG --instantiations FILE
 """
 
 import argparse
@@ -59,14 +55,13 @@ class Headers:
         self.include_dir = os.path.realpath(include_dir)
         self.by_id = {}
         self.defined = set()  # ids of function declarations that have a definition in a header
-        self.entries = []  # (kind, qualified name, mangled name, type, public)
-        self.classes = []  # (qualified name, polymorphic)
+        self.entries = []  # (kind, qualified name, mangled name)
         self.names = set()  # every qualified name the headers declare, template arguments dropped
         self.missing_instantiations = []
         self.record_paths = set()  # qualified names of the classes, to tell members apart
         self.index(root)
         self.mark_definitions(root)
-        self.walk(root, [], "public")
+        self.walk(root, [])
 
     def public_header(self, node):
         path = node.get("_file") or ""
@@ -91,65 +86,51 @@ class Headers:
         for child in node.get("inner", []):
             self.mark_definitions(child)
 
-    def walk(self, node, scope, access):
+    def walk(self, node, scope):
         kind = node.get("kind")
         if kind in ("TranslationUnitDecl", "LinkageSpecDecl"):
             for child in node.get("inner", []):
-                self.walk(child, scope, "public")
+                self.walk(child, scope)
             return
         if not self.public_header(node) or node.get("isImplicit"):
             return
         name = node.get("name", "")
         if kind == "NamespaceDecl":
             for child in node.get("inner", []):
-                self.walk(child, scope + [name], "public")
+                self.walk(child, scope + [name])
         elif kind in RECORD_KINDS and node.get("completeDefinition") and name:
-            self.record(node, scope + [name], access)
+            self.record(node, scope + [name])
         elif kind in FUNCTION_KINDS:
             self.names.add("::".join(scope + [name]))
-            self.function(node, scope, access)
+            self.function(node, scope)
         elif kind == "VarDecl":
             self.names.add("::".join(scope + [name]))
             member = "::".join(scope) in self.record_paths
             if (node.get("storageClass") == "extern" or member) and not node.get("constexpr") \
                     and not node.get("inline") and not node.get("init"):
                 self.entries.append(("variable", "::".join(scope + [name]),
-                                     node.get("mangledName"), None, access == "public"))
+                                     node.get("mangledName")))
         elif kind in ("FunctionTemplateDecl", "ClassTemplateDecl"):
-            self.template(node, scope, access)
+            self.template(node, scope)
 
-    def record(self, node, path, access):
+    def record(self, node, path):
         self.names.add("::".join(path))
         self.record_paths.add("::".join(path))
         # Implicit destructors of polymorphic classes are emitted with the vtable.
         self.names.add("::".join(path + ["~" + path[-1]]))
-        self.classes.append(("::".join(path),
-                             node.get("definitionData", {}).get("isPolymorphic", False)))
-        member_access = "public" if node.get("tagUsed") in ("struct", "union") else "private"
         for child in node.get("inner", []):
-            if child.get("kind") == "AccessSpecDecl":
-                member_access = child["access"]
-            else:
-                self.walk(child, path, member_access if access == "public" else access)
+            self.walk(child, path)
 
-    def function(self, node, scope, access, pattern=None):
+    def function(self, node, scope):
         member = "::".join(scope) in self.record_paths
         if node["id"] in self.defined or node.get("storageClass") == "static" and not member:
             return
-        if pattern is not None and pattern["id"] in self.defined:
-            return
-        kind = node["kind"]
-        # A pointer to a virtual member holds a vtable slot, not the function: like
-        # constructors and destructors, such members are reached by their symbol.
-        by_symbol = kind in ("CXXConstructorDecl", "CXXDestructorDecl") or node.get("virtual")
-        # A va_list parameter is shown as the pointer it decays to.
-        type_ = node["type"]["qualType"].replace("__va_list_tag *", "va_list")
-        self.entries.append(("symbol" if by_symbol else "member" if kind != "FunctionDecl" and
-                             node.get("storageClass") != "static" else "function",
-                             "::".join(scope + [node["name"]]), node.get("mangledName"), type_,
-                             access == "public"))
+        # Constructors and destructors may be exported under their base-object symbol alone.
+        structor = node["kind"] in ("CXXConstructorDecl", "CXXDestructorDecl")
+        self.entries.append(("structor" if structor else "function",
+                             "::".join(scope + [node["name"]]), node.get("mangledName")))
 
-    def template(self, node, scope, access):
+    def template(self, node, scope):
         inner = node.get("inner", [])
         self.names.add("::".join(scope + [node["name"]]))
         patterns = [c for c in inner if c.get("kind") in FUNCTION_KINDS | {"CXXRecordDecl"}
@@ -165,7 +146,7 @@ class Headers:
             if not specializations:
                 self.missing_instantiations.append("::".join(scope + [node["name"]]))
             for specialization in specializations:
-                self.function(specialization, scope, access)
+                self.function(specialization, scope)
             return
         # A class template: its members declared without a definition come from the library.
         declared = {}
@@ -189,60 +170,11 @@ class Headers:
                          for a in specialization.get("inner", [])
                          if a.get("kind") == "TemplateArgument"]
             path = scope + ["%s<%s>" % (node["name"], ", ".join(arguments))]
-            member_access = "public" if pattern.get("tagUsed") == "struct" else "private"
             for member in specialization.get("inner", []):
-                if member.get("kind") == "AccessSpecDecl":
-                    member_access = member["access"]
-                elif member.get("kind") in FUNCTION_KINDS and not member.get("isImplicit") \
+                if member.get("kind") in FUNCTION_KINDS and not member.get("isImplicit") \
                         and all(m["id"] not in self.defined
                                 for m in declared.get(member["name"].split("<")[0], [])):
-                    self.function(member, path, member_access)
-
-
-def program(headers, instantiations, entries, classes):
-    """The C++ program that takes the address of every entry."""
-    lines = ["// Generated by public_names.py: the address of every name the public headers",
-             "// declare and only the library defines.",
-             "#include <cstdio>", "#include <dlfcn.h>", "#include <typeinfo>", ""]
-    lines += ['#include "%s"' % h for h in headers] + ['#include "%s"' % instantiations, ""]
-    lines += ["template <class T>", "const void* Address(T* pointer) {",
-              "    return const_cast<const void*>(reinterpret_cast<const volatile void*>(pointer));",
-              "}", ""]
-    body = []
-    for index, (kind, name, mangled, type_, public) in enumerate(entries):
-        if kind == "variable" and public:
-            body.append("    Address(&%s)," % name)
-        elif kind in ("function", "member") and public:
-            lines.append("using Type%d = %s;" % (index, type_))
-            pointer = "Type%d*" % index if kind == "function" else "Type%d %s::*" % (
-                index, name.rsplit("::", 1)[0])
-            holder = "Member%d" % index
-            lines.append("static const %s %s = &%s;" % (pointer, holder, name))
-            body.append("    Address(&%s)," % holder)
-        else:
-            # Constructors, destructors, virtual and non-public members are reached by their
-            # symbol.
-            lines.append('extern "C" void Symbol%d() __asm__("%s");' % (index, mangled))
-            body.append("    Address(&Symbol%d)," % index)
-    for index, (name, polymorphic) in enumerate(classes):
-        if polymorphic:
-            body.append("    &typeid(%s)," % name)
-    lines += ["", "const void* const gAddresses[] = {"] + body + ["};", ""]
-    # Members are checked through their holders; the functions and globals by the loader, which
-    # says from which file the first free function was resolved.
-    first = next((e for e in entries if e[0] == "function" and e[4]), None)
-    lines += ["int main() {",
-              "    unsigned long count = sizeof gAddresses / sizeof gAddresses[0];",
-              "    for (unsigned long i = 0; i < count; i++)",
-              "        if (gAddresses[i] == nullptr)",
-              '            return std::printf("address %lu is null\\n", i), 1;',
-              "    Dl_info info{};",
-              "    dladdr(reinterpret_cast<const void*>(&%s), &info);" % first[1]
-              if first else "    (void)info;",
-              '    std::printf("%lu addresses; %s\\n", count, info.dli_fname ? info.dli_fname '
-              ': "?");',
-              "    return 0;", "}", ""]
-    return "\n".join(lines)
+                    self.function(member, path)
 
 
 def strip_templates(text):
@@ -285,7 +217,7 @@ def exported_name(demangled):
 
 def main():
     parser = argparse.ArgumentParser()
-    for option in ("include", "library", "clang", "instantiations", "output"):
+    for option in ("include", "library", "clang", "instantiations"):
         parser.add_argument("--" + option, required=True)
     args = parser.parse_args()
 
@@ -308,8 +240,8 @@ def main():
     demangled = subprocess.run(["c++filt"], input="\n".join(symbols), stdout=subprocess.PIPE,
                                check=True, text=True).stdout.split("\n")
     exported = set(symbols)
-    for kind, name, mangled, _, _ in found.entries:
-        if mangled not in exported and not (kind == "symbol" and (
+    for kind, name, mangled in found.entries:
+        if mangled not in exported and not (kind == "structor" and (
                 mangled.replace("C1E", "C2E", 1) in exported or
                 mangled.replace("D1E", "D2E", 1) in exported)):
             print("error: %s (%s) is declared in a public header but not exported" % (name,
@@ -325,9 +257,6 @@ def main():
             print("error: %s (%s) is exported but no public header declares it" % (text, symbol))
             failed = True
 
-    with open(args.output, "w") as output:
-        output.write(program(headers, os.path.abspath(args.instantiations), found.entries,
-                             found.classes))
     print("%d declared names, %d exported symbols" % (len(found.entries), len(symbols)))
     return 1 if failed else 0
 

@@ -65,11 +65,14 @@ TEST(CFString, Utf8RoundTripsAndCopiesCutBetweenCharacters) {
     EXPECT_EQ(5u, whole.GetLength());
     EXPECT_STREQ("ab\xC3\xA9z", whole.GetText());
 
-    // The lenient decoder keeps what precedes the malformed byte.
-    string.SetString("ab\xFF"
-                     "cd");
-    ASSERT_NE(nullptr, string.String);
-    EXPECT_EQ("ab", Text(string));
+    // The lenient decoder keeps what precedes malformed UTF-8: a stray or invalid byte, an
+    // overlong form, an encoded surrogate, a code point past U+10FFFF, a cut sequence.
+    for (const char* bad : {"\xFF", "\x80", "\xC0\xAF", "\xE0\x80\xAF", "\xED\xA0\x80",
+                            "\xF4\x90\x80\x80", "\xE2\x82"}) {
+        string.SetString((std::string("ab") + bad + "cd").c_str());
+        ASSERT_NE(nullptr, string.String);
+        EXPECT_EQ("ab", Text(string)) << static_cast<unsigned>(bad[0] & 0xFF);
+    }
 }
 
 TEST(CFString, SurrogatePairsBecomeOneWideCharacter) {
@@ -88,6 +91,10 @@ TEST(CFString, SurrogatePairsBecomeOneWideCharacter) {
     LStringLongTemplate<char> utf8;
     LUnicodeString(units).GetString(utf8);
     EXPECT_STREQ("\xF0\x9F\x98\x80x", utf8.GetText());
+
+    const unsigned short lone[] = {'a', 0xD800, 0};
+    LUnicodeString(lone).GetString(utf8);
+    EXPECT_STREQ("", utf8.GetText()) << "a lone surrogate does not convert";
 
     const unsigned short nothing[] = {0};
     LUnicodeString(nothing).GetString(utf8);
@@ -112,9 +119,11 @@ TEST(CFURL, PathsRoundTripAndOnlyFileAddressesNameAFile) {
     url.Release();
     EXPECT_EQ("", UrlPath(url));
 
-    // A web address names a file only with the file scheme.
+    // A web address names a file only with the file scheme; what it leaves unencoded is encoded.
     ASSERT_TRUE(url.CreateFromWebURL("file:///tmp/two%20words/x"));
     EXPECT_EQ("/tmp/two words/x", UrlPath(url));
+    ASSERT_TRUE(url.CreateFromWebURL("file:///tmp/a b/100%/\xC3\xA9"));
+    EXPECT_EQ("/tmp/a b/100%/\xC3\xA9", UrlPath(url));
     ASSERT_TRUE(url.CreateFromWebURL("http://example.com/page.html"));
     EXPECT_EQ("", UrlPath(url));
 }

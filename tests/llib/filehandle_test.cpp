@@ -132,17 +132,14 @@ TEST_F(Files, TimedLockWaitsAboutItsTimeOutAndOpensWithoutTheLockAfterward) {
     const int fd = open(path.c_str(), O_RDONLY);
     auto begin = Clock::now();
     EXPECT_NE(0, flocktimed(fd, LOCK_SH, 320));
-    double elapsed = MillisecondsSince(begin);
-    EXPECT_GE(elapsed, 300) << "about the time-out";
-    EXPECT_LT(elapsed, 3000);
+    EXPECT_GE(MillisecondsSince(begin), 300) << "waited out the time-out";
     EXPECT_EQ(EWOULDBLOCK, errno);
     close(fd);
 
     begin = Clock::now();
     const int written = LFile::_OpenWrite(path.c_str(), 100);
-    elapsed = MillisecondsSince(begin);
+    EXPECT_GE(MillisecondsSince(begin), 90);
     EXPECT_GE(written, 0) << "opened although the lock was not obtained";
-    EXPECT_GE(elapsed, 90);
     EXPECT_EQ("", ReadFile(path));
     close(written);
 

@@ -7,17 +7,19 @@
 #include <thread>
 
 TEST(TickCount, FollowsTheTimeOfDayInMillisecondsAndMeasuresSpans) {
-    timeval now{};
-    gettimeofday(&now, nullptr);
-    const unsigned int expected = static_cast<unsigned int>(
-        static_cast<unsigned long long>(now.tv_sec) * 1000u + now.tv_usec / 1000u);
-    EXPECT_LE(GetTickCount() - expected, 100u);
+    const auto milliseconds = [] {
+        timeval now{};
+        gettimeofday(&now, nullptr);
+        return static_cast<unsigned int>(static_cast<unsigned long long>(now.tv_sec) * 1000u +
+                                         now.tv_usec / 1000u);
+    };
+    const unsigned int before = milliseconds();
+    const unsigned int tick = GetTickCount();
+    EXPECT_LE(tick - before, milliseconds() - before) << "read between the two times of day";
 
     const unsigned int begin = GetTickCount();
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    const unsigned int elapsed = GetTickCount() - begin;
-    EXPECT_GE(elapsed, 99u);
-    EXPECT_LT(elapsed, 2000u);
+    EXPECT_GE(GetTickCount() - begin, 99u);
 }
 
 TEST(Randomize, SeedsDifferentlyOverTime) {

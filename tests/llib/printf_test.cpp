@@ -136,7 +136,13 @@ TEST(FormattedOutput, OutsideTheSyntaxTheArgumentsStayAligned) {
 
 TEST(FormattedOutput, HugeWidthsAndPrecisionsAreCutAt259) {
     LStringLongTemplate<char> text;
-    EXPECT_EQ(259u, sprintf(text, "%500d", 1));
+    // Up to the cap the conversion is whole; from there on it is cut, and never holds a 0.
+    for (const unsigned long width : {258ul, 259ul, 260ul, 261ul, 500ul}) {
+        const std::string format = "%" + std::to_string(width) + "d";
+        const unsigned long n = sprintf(text, format.c_str(), 1);
+        EXPECT_EQ(std::min(width, 259ul), n) << format;
+        EXPECT_EQ(n, strlen(text.pData)) << format;
+    }
     EXPECT_EQ(259u + 2, sprintf(text, "%.400f|%s", 1.0, "x")) << text.pData;
     const std::string digits(1000, '9');
     const std::string format = "%" + digits + "d|%s";

@@ -15,15 +15,9 @@ class FrameCounter : public NSObject, public QTCaptureDecompressedVideoOutputDel
 public:
     void captureOutput(QTCaptureOutput*, CVImageBufferRef, QTSampleBuffer*,
                        QTCaptureConnection*) override {
-        EXPECT_FALSE(stopped.load()) << "a delegate call after it was cut off";
-        inCall = true;
-        if (slow)
-            std::this_thread::sleep_for(2ms);
         ++frames;
-        inCall = false;
     }
     std::atomic<int> frames{0};
-    std::atomic<bool> stopped{false}, inCall{false}, slow{false};
 };
 
 class SoundCounter : public NSObject, public QTCaptureDecompressedAudioOutputDelegate {
@@ -103,27 +97,7 @@ TEST_F(SessionTest, BuiltInDevicesAreListedLastWithStableIds) {
     EXPECT_EQ(nullptr, NSClassFromString("QTNoSuchThing"));
 }
 
-TEST_F(SessionTest, NoDelegateCallAfterStopOrAfterTheDelegateIsCleared) {
-    virtualdevices::SetUnthrottled(true);
-    QTCaptureDevice* camera = FindDevice(virtualdevices::kTestCameraName);
-    ASSERT_TRUE(camera->open(nullptr));
-    for (int round = 0; round < 20; ++round) {
-        auto* delegate = new FrameCounter;
-        delegate->slow = true;
-        Running<QTCaptureDecompressedVideoOutput, FrameCounter> run(camera, delegate);
-        ASSERT_TRUE(WaitUntil([&] { return delegate->frames >= 1; }));
-        // Either way round, once the call returns no delegate call is running or starts.
-        if (round % 2 == 0)
-            run.output->setDelegate(nullptr);
-        else
-            run.session->stopRunning();
-        EXPECT_FALSE(delegate->inCall.load());
-        delegate->stopped = true;
-    }
-    camera->close();
-}
-
-TEST_F(SessionTest, RefusesInputsOfClosedDevicesAndWhatATestRefuses) {
+TEST_F(SessionTest, RefusesTheInputOfAClosedDevice) {
     QTCaptureDevice* camera = FindDevice(virtualdevices::kTestCameraName);
     auto* session = new QTCaptureSession;
     auto* input = new QTCaptureDeviceInput(camera);
@@ -131,18 +105,9 @@ TEST_F(SessionTest, RefusesInputsOfClosedDevicesAndWhatATestRefuses) {
     EXPECT_FALSE(session->addInput(input, &error)) << "not open";
     EXPECT_NE(nullptr, error);
     ASSERT_TRUE(camera->open(nullptr));
-    virtualdevices::SetSessionRefusesInput(camera->uniqueID()->str(), true);
-    EXPECT_FALSE(session->addInput(input, nullptr));
-    virtualdevices::SetSessionRefusesInput(camera->uniqueID()->str(), false);
     EXPECT_TRUE(session->addInput(input, nullptr));
     EXPECT_TRUE(session->addInput(input, nullptr)) << "adding twice is harmless";
-    auto* audio = new QTCaptureDecompressedAudioOutput;
-    virtualdevices::SetSessionRefusesOutput(QTCaptureOutput::Kind::Audio, true);
-    EXPECT_FALSE(session->addOutput(audio, nullptr));
-    virtualdevices::SetSessionRefusesOutput(QTCaptureOutput::Kind::Audio, false);
-    EXPECT_TRUE(session->addOutput(audio, nullptr));
     session->release();
-    audio->release();
     input->release();
     camera->close();
 }
@@ -175,10 +140,15 @@ TEST_F(SessionTest, UnpluggingStopsFramesAndReportsNotConnected) {
         ASSERT_TRUE(WaitUntil([&] { return run.delegate->frames >= 2; }));
         virtualdevices::SetConnected(id, false);
         EXPECT_FALSE(device->isConnected());
-        std::this_thread::sleep_for(200ms);
+        // Every frame the device delivered reaches the delegate, and then no more come.
+        ASSERT_TRUE(WaitUntil([&] {
+            return static_cast<uint64_t>(run.delegate->frames) ==
+                   virtualdevices::DeliveredSamples(id);
+        }));
         const int frozen = run.delegate->frames;
-        std::this_thread::sleep_for(200ms);
+        std::this_thread::sleep_for(200ms); // ten frame times of the device
         EXPECT_EQ(frozen, run.delegate->frames.load());
+        EXPECT_EQ(static_cast<uint64_t>(frozen), virtualdevices::DeliveredSamples(id));
         EXPECT_TRUE(run.session->isRunning());
     }
     device->close();

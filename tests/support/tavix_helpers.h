@@ -9,10 +9,10 @@
 #include "llib/mac/tavix.h"
 #include "platform/virtualdevices.h"
 
-// Waits up to `limit` for predicate to hold.
+// Waits up to `limit` for predicate to hold; the default is generous, for a loaded machine.
 template <class Predicate>
 bool WaitUntil(Predicate predicate,
-               std::chrono::milliseconds limit = std::chrono::milliseconds(5000)) {
+               std::chrono::milliseconds limit = std::chrono::milliseconds(20000)) {
     const auto end = std::chrono::steady_clock::now() + limit;
     while (!predicate()) {
         if (std::chrono::steady_clock::now() > end)

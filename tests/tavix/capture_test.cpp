@@ -235,20 +235,32 @@ TEST_F(CaptureTest, SoundDefaultsToSixteenBitStereoAt44100AndFitsTheBuffer) {
     EXPECT_LE(log.maxSampleFrames * 2 * 2, 65535u);
 }
 
+// Closing the companion, through its device or for every device at once, closes the microphone
+// (its own handle sees the same device) and stops the session.
 TEST_F(CaptureTest, CompanionMicrophoneGivesACameraSoundUntilItIsClosed) {
+    for (const bool closeAll : {false, true}) {
+        SCOPED_TRACE(closeAll ? "every companion" : "the device's companion");
+        DeviceScope scope(OpenCamera());
+        CallbackLog log;
+        ASSERT_TRUE(TavixDeviceStartCaptureWithAudioDevice(
+            scope.handle, virtualdevices::kTestMicrophoneName, LogFrame, DataOf(log), 0, 0, 0,
+            LogSound, DataOf(log), kAudioFormatFlagIsFloat | kAudioFormatFlagIsPacked, 48000, 1, 4,
+            nullptr));
+        ASSERT_TRUE(WaitUntil([&] { return log.frames >= 2 && log.sampleFrames >= 4800; }));
+        EXPECT_EQ(48000u, log.sampleRate.load());
+        EXPECT_EQ(1u, log.channels.load());
+        EXPECT_EQ(4u, log.bytesPerSample.load());
+        DeviceScope microphone(
+            TavixDeviceGet(virtualdevices::kTestMicrophoneName, TavixDeviceMediaTypeSound));
+        EXPECT_TRUE(TavixDeviceIsOpened(microphone.handle));
+
+        EXPECT_TRUE(closeAll ? TavixDeviceCloseAllAudioDevices()
+                             : TavixDeviceCloseAudioDevice(scope.handle));
+        EXPECT_FALSE(TavixDeviceIsCapturing(scope.handle));
+        EXPECT_FALSE(TavixDeviceIsOpened(microphone.handle));
+    }
     DeviceScope scope(OpenCamera());
     CallbackLog log;
-    ASSERT_TRUE(TavixDeviceStartCaptureWithAudioDevice(
-        scope.handle, virtualdevices::kTestMicrophoneName, LogFrame, DataOf(log), 0, 0, 0, LogSound,
-        DataOf(log), kAudioFormatFlagIsFloat | kAudioFormatFlagIsPacked, 48000, 1, 4, nullptr));
-    ASSERT_TRUE(WaitUntil([&] { return log.frames >= 2 && log.sampleFrames >= 4800; }));
-    EXPECT_EQ(48000u, log.sampleRate.load());
-    EXPECT_EQ(1u, log.channels.load());
-    EXPECT_EQ(4u, log.bytesPerSample.load());
-
-    // Dropping the companion stops the whole session.
-    EXPECT_TRUE(TavixDeviceCloseAudioDevice(scope.handle));
-    EXPECT_FALSE(TavixDeviceIsCapturing(scope.handle));
     EXPECT_FALSE(TavixDeviceStartCaptureWithAudioDevice(scope.handle, "", LogFrame, DataOf(log), 0,
                                                         0, 0, LogSound, DataOf(log), 0, 0, 0, 0,
                                                         nullptr));

@@ -53,7 +53,7 @@ void LoadCaptureAndUnload() {
     frames = 0;
     EXPECT_TRUE(lib.Get<decltype(&TavixDeviceStartCapture)>("TavixDeviceStartCapture")(
         device, CountFrame, 0, 0, 320, 240, nullptr, 0, 0, 0, 0, 0, nullptr));
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
     while (frames < 3 && std::chrono::steady_clock::now() < end)
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     EXPECT_GE(frames.load(), 3);

@@ -1,6 +1,8 @@
 // Device handles, look-up, reference counting and enumeration, through the exported functions.
 #include <gtest/gtest.h>
+#include <atomic>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "platform/virtualdevices.h"
@@ -188,4 +190,33 @@ TEST_F(RegistryTest, OpenStateAndDeviceState) {
     EXPECT_TRUE(TavixDeviceClose(handle));
     EXPECT_FALSE(TavixDeviceIsOpened(handle));
     EXPECT_TRUE(TavixDeviceClose(handle));
+}
+
+// Hosts get, retain and release handles from several threads at once: every thread sees the one
+// slot of a name, the counts come out right, and a slot nobody holds is made and freed over and
+// over while the others work.
+TEST_F(RegistryTest, ThreadsSharingHandlesKeepTheCountsRight) {
+    const unsigned long held = TavixDeviceGet("Tavix Test Camera", TavixDeviceMediaTypeVideo);
+    ASSERT_NE(0u, held);
+    std::atomic<int> wrongHandles{0}, failures{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t)
+        threads.emplace_back([&, t] {
+            const char* other = t % 2 == 0 ? "Tavix Test Microphone" : "tavix test microphone";
+            for (int i = 0; i < 100; ++i) {
+                const unsigned long camera =
+                    TavixDeviceGet("TAVIX test camera", TavixDeviceMediaTypeVideo);
+                wrongHandles += camera != held;
+                const unsigned long mic = TavixDeviceGet(other, TavixDeviceMediaTypeSound);
+                failures += !TavixDeviceRetain(camera) + !TavixDeviceRelease(camera);
+                failures += !TavixDeviceRelease(camera) + !TavixDeviceRelease(mic);
+            }
+        });
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_EQ(0, wrongHandles.load());
+    EXPECT_EQ(0, failures.load());
+    EXPECT_EQ(1, RefCount(held));
+    EXPECT_TRUE(TavixDeviceRelease(held));
+    EXPECT_FALSE(TavixHasUsedDevices());
 }

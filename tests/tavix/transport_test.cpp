@@ -1,6 +1,5 @@
 // Tape transport modes, timecode of captured frames and the timecode-to-milliseconds conversion.
 #include <gtest/gtest.h>
-#include <thread>
 
 #include "platform/foundation.h"
 #include "platform/virtualdevices.h"
@@ -138,11 +137,15 @@ TEST_F(TransportTest, TheLatestFramesTimecodeAdvancesWhilePlaying) {
                TavixDeviceSMPTE2Milliseconds(&later) >= first + 200;
     })) << "tape time moves at about the wall clock's pace";
 
-    // Stopped, the tape holds still.
+    // Stopped, the tape holds still: the frames after the first couple all show one timecode.
     TavixDeviceSetTransportMode(deck, TavixDeviceTransportModeStop);
-    std::this_thread::sleep_for(std::chrono::milliseconds(120));
+    const auto framesFrom = [&](int count) {
+        const int from = log.frames;
+        return WaitUntil([&] { return log.frames >= from + count; });
+    };
+    ASSERT_TRUE(framesFrom(2));
     ASSERT_TRUE(TavixDeviceGetSMPTETime(deck, &time));
-    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    ASSERT_TRUE(framesFrom(5));
     ASSERT_TRUE(TavixDeviceGetSMPTETime(deck, &later));
     EXPECT_EQ(TavixDeviceSMPTE2Milliseconds(&time), TavixDeviceSMPTE2Milliseconds(&later));
 
