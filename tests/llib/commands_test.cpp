@@ -31,7 +31,6 @@ TEST_F(CommandsTest, ACommandSucceedsOnlyWithExitStatusZero) {
 TEST_F(CommandsTest, OneWayPipesReadAndWriteACommand) {
     LPipeIn in;
     ASSERT_TRUE(in._Open("printf 'one\\ntwo\\n'"));
-    EXPECT_NE(-1, in.hFile);
     EXPECT_NE(0, fcntl(in.hFile, F_GETFD) & FD_CLOEXEC) << "later children do not inherit it";
     char buffer[64] = {};
     const size_t got = in.Read(buffer, sizeof buffer - 1);

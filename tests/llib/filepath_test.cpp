@@ -279,8 +279,3 @@ TEST(DisplayHelpers, SizesDrivesAndSuffixes) {
     EXPECT_EQ(-1, tstrcmpend("ov", ".mov"));
     EXPECT_EQ(0, tstrcmpend("x", ""));
 }
-
-TEST(Volumes, LocalFoldersAreNeitherNetworkNorAudioCD) {
-    EXPECT_FALSE(LFile::IsNetworkPath("/tmp"));
-    EXPECT_FALSE(LFile::IsOnAudioCD("/no/such/path/here"));
-}

@@ -117,13 +117,7 @@ TEST(Processes, FindsARealChildByItsCommandName) {
     gGuiUid = -1;
 }
 
-TEST(Processes, SignaturesBundlesAndOpenFiles) {
-    ProcessSerialNumber psn{7, 7};
-    EXPECT_FALSE(LGetPSNFromSignature(0x54564958, 0x4150504C, &psn));
-    EXPECT_EQ(0u, psn.highLongOfPSN);
-    EXPECT_EQ(0u, psn.lowLongOfPSN);
-    EXPECT_FALSE(LIsApplicationBundled());
-
+TEST(Processes, TheOpenFilesLimitIsRaisedTo1024) {
     rlimit before{};
     getrlimit(RLIMIT_NOFILE, &before);
     if (before.rlim_max >= 1024) {

@@ -95,11 +95,6 @@ TEST(FormattedOutput, WritersContinueReplaceAndAppend) {
                            static_cast<const char*>(nullptr)));
     EXPECT_STREQ("00042|3.14|ff|ab|%", text.pData);
 
-    LStringLongTemplate<char> appended;
-    appended = "ab";
-    EXPECT_EQ(3u, tsprintfappend(appended, "%d", 7));
-    EXPECT_STREQ("ab7", appended.pData);
-
     LStringLongTemplate<char> big;
     const std::string chunk(1000, 'q');
     for (int i = 0; i < 10; ++i)

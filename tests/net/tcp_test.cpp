@@ -1,7 +1,6 @@
 // TCP operations and the listener thread against real peers on the loopback interface: one that
 // accepts, one that refuses, one that never answers, one that closes, one that never reads.
 #include <arpa/inet.h>
-#include <dirent.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <poll.h>
@@ -11,9 +10,7 @@
 #include <atomic>
 #include <memory>
 #include <chrono>
-#include <fstream>
 #include <set>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -299,27 +296,17 @@ std::string Ask(unsigned short port, const std::string& line) {
     return std::string(got, received);
 }
 
-// The ports of this process's listening sockets, from the kernel's table of IPv4 sockets.
+// The ports of this process's listening sockets.
 std::set<unsigned short> ListeningPorts() {
-    std::set<std::string> ours;
-    if (DIR* fds = opendir("/proc/self/fd")) {
-        char target[64];
-        while (dirent* entry = readdir(fds)) {
-            const ssize_t length = readlinkat(dirfd(fds), entry->d_name, target, sizeof target);
-            if (length > 0)
-                ours.emplace(target, static_cast<size_t>(length));
-        }
-        closedir(fds);
-    }
     std::set<unsigned short> ports;
-    std::ifstream table("/proc/net/tcp");
-    std::string line, local, state, inode, skip;
-    std::getline(table, line); // the heading
-    while (std::getline(table, line)) {
-        std::istringstream(line) >> skip >> local >> skip >> state >> skip >> skip >> skip >>
-            skip >> skip >> inode;
-        if (state == "0A" && ours.count("socket:[" + inode + "]"))
-            ports.insert(static_cast<unsigned short>(std::stoul(local.substr(9), nullptr, 16)));
+    for (int fd = 0; fd < 1024; ++fd) {
+        int listening = 0;
+        socklen_t size = sizeof listening;
+        sockaddr_in address{};
+        socklen_t length = sizeof address;
+        if (getsockopt(fd, SOL_SOCKET, SO_ACCEPTCONN, &listening, &size) == 0 && listening &&
+            getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) == 0)
+            ports.insert(ntohs(address.sin_port));
     }
     return ports;
 }
