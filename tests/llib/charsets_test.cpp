@@ -128,21 +128,15 @@ TEST(UTF8Decoder, StopsBeforeTheSizeAndAtMalformedInputKeepingWhatCameBefore) {
     EXPECT_EQ(U"\u00E9", out);
     EXPECT_EQ(kLCopyTruncated, Decode("abc", 0, out));
 
+    // The kinds the step-by-step comparison below does not insert: the others are held there
+    // against the reference at every block level.
     const char* const malformed[] = {
-        "x\xE0\x80\x80",     // overlong 3-byte form
-        "x\xC0\xAF",         // overlong 2-byte form
-        "x\xC1\xBF",         //
-        "x\xF0\x8F\xBF\xBF", // overlong 4-byte form
-        "x\xED\xA0\x80",     // encoded high surrogate
-        "x\xED\xBF\xBF",     // encoded low surrogate
-        "x\xF4\x90\x80\x80", // above U+10FFFF
-        "x\xF5\x80\x80\x80", // lead byte above F4
-        "x\xF8\x88\x80\x80\x80",
+        "x\xC0\xAF",             // overlong 2-byte form
+        "x\xED\xBF\xBF",         // encoded low surrogate
+        "x\xF8\x88\x80\x80\x80", // lead byte above F4
         "x\xFF",
-        "x\x80",     // stray trailing byte
-        "x\xC3",     // cut short by the terminator
-        "x\xE2\x82", //
-        "x\xC3(",    // trailing byte missing
+        "x\xC3",  // cut short by the terminator
+        "x\xC3(", // trailing byte missing
     };
     for (const char* text : malformed) {
         EXPECT_EQ(kLCopyIllegalInput, Decode(text, 64, out)) << text;
