@@ -45,7 +45,7 @@ TEST_F(TavixCommand, ListsDevicesAndFormats) {
 }
 
 TEST_F(TavixCommand, EveryCommandHasHelp) {
-    for (const char* command : {"", "list ", "formats ", "capture ", "transport "}) {
+    for (const char* command : {"", "list ", "formats ", "capture ", "transport ", "preview "}) {
         const CommandRun help = Tavix(std::string(command) + "--help");
         EXPECT_EQ(0, help.status) << command;
         EXPECT_TRUE(Contains(help.output, "usage: tavix")) << command << help.output;
