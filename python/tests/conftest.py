@@ -13,18 +13,8 @@ MICROPHONE = "Tavix Test Microphone"
 DECK = "Tavix Test Deck"
 
 # The test camera's 75% colour bars, left to right, as red, green, blue.
-BARS = np.array(
-    [
-        [191, 191, 191],
-        [191, 191, 0],
-        [0, 191, 191],
-        [0, 191, 0],
-        [191, 0, 191],
-        [191, 0, 0],
-        [0, 0, 191],
-        [0, 0, 0],
-    ]
-)
+BARS = np.array([[191, 191, 191], [191, 191, 0], [0, 191, 191], [0, 191, 0],
+                 [191, 0, 191], [191, 0, 0], [0, 0, 191], [0, 0, 0]])
 
 
 def bar_colours(rgb_row):
