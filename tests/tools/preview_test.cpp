@@ -9,7 +9,9 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <functional>
 #include <string>
 #include <thread>
@@ -43,37 +45,26 @@ bool Contains(const std::string& text, const std::string& part) {
 class VirtualDisplay {
 public:
     VirtualDisplay() {
-        // Numbers from this process's id, so two test programs rarely try the same one; a
-        // server that finds its number taken ends at once and the next is tried.
-        for (int attempt = 0; attempt < 20 && name.empty(); ++attempt) {
-            const std::string candidate =
-                ":" + std::to_string(100 + (getpid() * 7 + attempt * 13) % 800);
-            server = StartChild([&] {
-                prctl(PR_SET_PDEATHSIG, SIGTERM);
-                // Without -noreset the server resets when its last client leaves, as the
-                // readiness probe below does, and refuses the next one for a moment.
-                execlp("Xvfb", "Xvfb", candidate.c_str(), "-screen", "0", "1024x768x24",
-                       "-nolisten", "tcp", "-noreset", static_cast<char*>(nullptr));
-                _exit(127);
-            });
-            if (server <= 0)
-                return;
-            // Ready once a client gets an answer; gone when the server ended.
-            const bool answers = Eventually(
-                [&] {
-                    return waitpid(server, nullptr, WNOHANG) != 0 ||
-                           RunCommand("DISPLAY=" + candidate + " xdotool getdisplaygeometry")
-                                   .status == 0;
-                },
-                60);
-            if (answers && waitpid(server, nullptr, WNOHANG) == 0) {
-                name = candidate;
-            } else {
-                kill(server, SIGTERM);
-                waitpid(server, nullptr, 0);
-                server = -1;
-            }
-        }
+        int ready[2];
+        if (pipe(ready) != 0)
+            return;
+        const std::string fd = std::to_string(ready[1]);
+        server = StartChild([&] {
+            prctl(PR_SET_PDEATHSIG, SIGTERM);
+            close(ready[0]);
+            // The server takes a free display number and writes it to the pipe once it accepts
+            // clients. Without -noreset it resets when its last client leaves and refuses the
+            // next one for a moment.
+            execlp("Xvfb", "Xvfb", "-displayfd", fd.c_str(), "-screen", "0", "1024x768x24",
+                   "-nolisten", "tcp", "-noreset", static_cast<char*>(nullptr));
+            _exit(127);
+        });
+        close(ready[1]);
+        FILE* answer = fdopen(ready[0], "r");
+        char number[32];
+        if (server > 0 && fgets(number, sizeof number, answer) != nullptr)
+            name = ":" + std::string(number, strcspn(number, "\n"));
+        fclose(answer);
     }
     ~VirtualDisplay() {
         if (server > 0) {
