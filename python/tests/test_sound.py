@@ -12,13 +12,8 @@ from conftest import MICROPHONE, dominant_frequency
 
 @pytest.mark.parametrize(
     "dtype, sample_rate, channels",
-    [
-        ("float32", 48000, 2),
-        ("int16", 16000, 1),
-        ("int32", 44100, 2),
-        ("uint8", 8000, 1),
-        ("float64", 32000, 6),
-    ],
+    [("float32", 48000, 2), ("int16", 16000, 1), ("int32", 44100, 2), ("uint8", 8000, 1),
+     ("float64", 32000, 6)],
 )
 def test_each_sample_type_carries_the_tone(microphone, dtype, sample_rate, channels):
     with microphone.capture(sample_rate=sample_rate, channels=channels, dtype=dtype) as session:
