@@ -13,18 +13,8 @@ MICROPHONE = "Tavix Test Microphone"
 DECK = "Tavix Test Deck"
 
 # The test camera's 75% colour bars, left to right, as red, green, blue.
-BARS = np.array(
-    [
-        [191, 191, 191],
-        [191, 191, 0],
-        [0, 191, 191],
-        [0, 191, 0],
-        [191, 0, 191],
-        [191, 0, 0],
-        [0, 0, 191],
-        [0, 0, 0],
-    ]
-)
+BARS = np.array([[191, 191, 191], [191, 191, 0], [0, 191, 191], [0, 191, 0],
+                 [191, 0, 191], [191, 0, 0], [0, 0, 191], [0, 0, 0]])
 
 
 def bar_colours(rgb_row):
@@ -62,19 +52,17 @@ def no_device_left_in_use():
     assert not tavix.has_devices_in_use(), "the test left a device handle in use"
 
 
-@pytest.fixture
-def camera():
-    with tavix.Device(CAMERA, "video") as device:
-        yield device
+def _opened(name, media):
+    """A fixture that opens the device for one test."""
+
+    @pytest.fixture
+    def fixture():
+        with tavix.Device(name, media) as device:
+            yield device
+
+    return fixture
 
 
-@pytest.fixture
-def microphone():
-    with tavix.Device(MICROPHONE, "sound") as device:
-        yield device
-
-
-@pytest.fixture
-def deck():
-    with tavix.Device(DECK, "muxed") as device:
-        yield device
+camera = _opened(CAMERA, "video")
+microphone = _opened(MICROPHONE, "sound")
+deck = _opened(DECK, "muxed")

@@ -36,7 +36,3 @@ def test_state_of_an_idle_device(camera, deck):
     assert camera.transport is tavix.Transport.UNAVAILABLE
     assert camera.timecode is None
 
-
-def test_a_name_matches_without_regard_to_case():
-    with tavix.Device(CAMERA.upper()) as device:
-        assert device.is_connected

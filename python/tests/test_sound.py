@@ -10,28 +10,22 @@ import tavix
 from conftest import MICROPHONE, dominant_frequency
 
 
-def test_the_microphone_tone_is_1_khz_in_float_stereo(microphone):
-    with microphone.capture(sample_rate=48000, channels=2, dtype="float32") as session:
-        sound = session.read_audio(9600, timeout=20)
-    assert isinstance(sound, np.ndarray)
-    assert sound.shape == (9600, 2) and sound.dtype == np.float32
-    assert sound.sample_rate == 48000
-    # Frequency resolution of a 0.2 s window is 5 Hz.
-    assert abs(dominant_frequency(sound[:, 0], 48000) - 1000) <= 5
-    np.testing.assert_array_equal(sound[:, 0], sound[:, 1])
-    assert 0.1 < np.abs(sound).max() <= 1.0
-
-
 @pytest.mark.parametrize(
     "dtype, sample_rate, channels",
-    [("int16", 16000, 1), ("int32", 44100, 2), ("uint8", 8000, 1), ("float64", 32000, 6)],
+    [("float32", 48000, 2), ("int16", 16000, 1), ("int32", 44100, 2), ("uint8", 8000, 1),
+     ("float64", 32000, 6)],
 )
 def test_each_sample_type_carries_the_tone(microphone, dtype, sample_rate, channels):
     with microphone.capture(sample_rate=sample_rate, channels=channels, dtype=dtype) as session:
         sound = session.read_audio(sample_rate // 5, timeout=20)
     assert sound.shape == (sample_rate // 5, channels) and sound.dtype == np.dtype(dtype)
+    assert sound.sample_rate == sample_rate
     signal = sound[:, 0].astype(np.float64)
+    # Frequency resolution of a 0.2 s window is 5 Hz.
     assert abs(dominant_frequency(signal - signal.mean(), sample_rate) - 1000) <= 5
+    np.testing.assert_array_equal(sound[:, 0], sound[:, -1])
+    if sound.dtype.kind == "f":
+        assert 0.1 < np.abs(sound).max() <= 1.0
 
 
 def test_read_audio_returns_exactly_what_is_asked_and_keeps_the_rest(microphone):

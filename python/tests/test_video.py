@@ -87,13 +87,6 @@ def test_each_pixel_format_has_its_shape_and_layout(camera, pixel_format, shape,
         assert cb < 64, "yellow has little blue"
 
 
-def test_the_library_scales_to_the_size_asked_for(camera):
-    with camera.capture(pixel_format="BGRA", size=(1920, 1080)) as session:
-        frame = session.read(timeout=20)
-    assert frame.shape == (1080, 1920, 4)
-    np.testing.assert_allclose(bar_colours(frame[700, :, 2::-1]), BARS, atol=8)
-
-
 def test_the_native_format_is_delivered_when_none_is_asked(camera):
     with camera.capture(pixel_format=None) as session:
         frame = session.read(timeout=20)

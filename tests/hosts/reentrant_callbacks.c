@@ -103,31 +103,24 @@ static unsigned long OpenCamera(void) {
     return camera;
 }
 
-static bool Start(unsigned long camera, TavixDeviceVideoCallBack video,
-                  TavixDeviceAudioCallBack audio, const char* path) {
-    return TavixDeviceStartCaptureWithAudioDevice(camera, kMicrophone, video, 1, 0, 0, 0, audio, 2,
-                                                  0, 0, 0, 0, path);
-}
-
 static void Finish(unsigned long camera) {
     TavixDeviceStopCapture(camera);
     TavixDeviceClose(camera);
     TavixDeviceRelease(camera);
 }
 
-/* Counts calls after the callback acted; the action runs once, from the third call on. */
-static bool CountCall(atomic_int* calls) {
+/* Counts a call, and those that come after the callback acted; answers the call's number. */
+static int CountOnly(atomic_int* calls) {
     if (atomic_load(&gHost.acted))
         atomic_fetch_add(&gHost.callsAfterAction, 1);
-    return atomic_fetch_add(calls, 1) + 1 >= 3 && !atomic_exchange(&gHost.claimed, 1);
+    return atomic_fetch_add(calls, 1) + 1;
 }
 
-/* The same, once sound has come too: a recording starts only when it has pictures and sound,
-   so a stop before that would leave no file. */
-static bool CountCallOnceRecording(atomic_int* calls) {
-    if (atomic_load(&gHost.acted))
-        atomic_fetch_add(&gHost.callsAfterAction, 1);
-    return atomic_fetch_add(calls, 1) + 1 >= 3 && atomic_load(&gHost.audioCalls) >= 2 &&
+/* True once, from the third call on, for the call that is to act; with `needSound`, once sound
+   has come too: a recording starts only when it has pictures and sound, so a stop before that
+   would leave no file. */
+static bool CountCall(atomic_int* calls, bool needSound) {
+    return CountOnly(calls) >= 3 && (!needSound || atomic_load(&gHost.audioCalls) >= 2) &&
            !atomic_exchange(&gHost.claimed, 1);
 }
 
@@ -136,55 +129,21 @@ static void Expect(bool answer) {
         atomic_store(&gHost.actionFailed, 1);
 }
 
+/* What a case's callback does to its own device on the capture thread. */
+enum Action { kStopCapture, kStopRecording, kCloseRelease, kInvalidate, kRestart, kOnSound };
+static enum Action gAction;
+
 static void CountAudio(const unsigned char* s, unsigned int f, unsigned long r, unsigned long c,
                        unsigned long b, unsigned long n, long data) {
     (void)s, (void)f, (void)r, (void)c, (void)b, (void)n, (void)data;
-    if (atomic_load(&gHost.acted))
-        atomic_fetch_add(&gHost.callsAfterAction, 1);
-    atomic_fetch_add(&gHost.audioCalls, 1);
-}
-
-/* The cases' video callbacks. */
-
-static void StopCaptureOnFrame(const unsigned char* p, unsigned long f, unsigned long w,
-                               unsigned long h, unsigned long r, const SMPTETime* t, long data) {
-    (void)p, (void)f, (void)w, (void)h, (void)r, (void)t, (void)data;
-    if (!CountCallOnceRecording(&gHost.videoCalls))
+    /* Only the audio-stop case acts on sound. */
+    if (gAction != kOnSound) {
+        CountOnly(&gHost.audioCalls);
+        return;
+    }
+    if (!CountCall(&gHost.audioCalls, false))
         return;
     Expect(TavixDeviceStopCapture(gHost.device));
-    Expect(!TavixDeviceIsCapturing(gHost.device));
-    atomic_store(&gHost.acted, 1);
-}
-
-static void StopRecordingOnFrame(const unsigned char* p, unsigned long f, unsigned long w,
-                                 unsigned long h, unsigned long r, const SMPTETime* t, long data) {
-    (void)p, (void)f, (void)w, (void)h, (void)r, (void)t, (void)data;
-    if (!CountCallOnceRecording(&gHost.videoCalls))
-        return;
-    Expect(TavixDeviceStopRecording(gHost.device));
-    Expect(TavixDeviceIsCapturing(gHost.device));
-    atomic_store(&gHost.acted, 1);
-}
-
-static void CloseAndReleaseOnFrame(const unsigned char* p, unsigned long f, unsigned long w,
-                                   unsigned long h, unsigned long r, const SMPTETime* t,
-                                   long data) {
-    (void)p, (void)f, (void)w, (void)h, (void)r, (void)t, (void)data;
-    if (!CountCall(&gHost.videoCalls))
-        return;
-    Expect(TavixDeviceStopCapture(gHost.device));
-    Expect(TavixDeviceClose(gHost.device));
-    Expect(TavixDeviceRelease(gHost.device));
-    atomic_store(&gHost.acted, 1);
-}
-
-static void InvalidateOnFrame(const unsigned char* p, unsigned long f, unsigned long w,
-                              unsigned long h, unsigned long r, const SMPTETime* t, long data) {
-    (void)p, (void)f, (void)w, (void)h, (void)r, (void)t, (void)data;
-    if (!CountCall(&gHost.videoCalls))
-        return;
-    Expect(TavixDeviceInvalidateCaptureVideoCallBack(gHost.device, InvalidateOnFrame, 1));
-    Expect(TavixDeviceInvalidateCaptureAudioCallBack(gHost.device, CountAudio, 2));
     atomic_store(&gHost.acted, 1);
 }
 
@@ -206,55 +165,65 @@ static void OtherCallBack(const unsigned char* p, unsigned long f, unsigned long
                                    NULL));
 }
 
-/* First callback of the restart case: detaches itself and starts another callback on the
-   running session. */
-static void RestartOnFrame(const unsigned char* p, unsigned long f, unsigned long w,
-                           unsigned long h, unsigned long r, const SMPTETime* t, long data) {
-    (void)p, (void)f, (void)w, (void)h, (void)r, (void)t, (void)data;
-    if (!CountCall(&gHost.videoCalls))
-        return;
-    Expect(TavixDeviceStopRecording(gHost.device));
-    atomic_store(&gHost.acted, 1);
-    Expect(TavixDeviceStartCapture(gHost.device, OtherCallBack, 2, 0, 0, 0, NULL, 0, 0, 0, 0, 0,
-                                   NULL));
-}
-
-static void StopCaptureOnSound(const unsigned char* s, unsigned int f, unsigned long r,
-                               unsigned long c, unsigned long b, unsigned long n, long data) {
-    (void)s, (void)f, (void)r, (void)c, (void)b, (void)n, (void)data;
-    if (!CountCall(&gHost.audioCalls))
-        return;
-    Expect(TavixDeviceStopCapture(gHost.device));
-    atomic_store(&gHost.acted, 1);
-}
-
-static void CountVideo(const unsigned char* p, unsigned long f, unsigned long w, unsigned long h,
+/* The video callback every case starts with. */
+static void ActOnFrame(const unsigned char* p, unsigned long f, unsigned long w, unsigned long h,
                        unsigned long r, const SMPTETime* t, long data) {
     (void)p, (void)f, (void)w, (void)h, (void)r, (void)t, (void)data;
-    if (atomic_load(&gHost.acted))
-        atomic_fetch_add(&gHost.callsAfterAction, 1);
-    atomic_fetch_add(&gHost.videoCalls, 1);
+    if (gAction == kOnSound) {
+        CountOnly(&gHost.videoCalls);
+        return;
+    }
+    if (!CountCall(&gHost.videoCalls, gAction == kStopCapture || gAction == kStopRecording))
+        return;
+    const unsigned long device = gHost.device;
+    switch (gAction) {
+    case kStopCapture:
+        Expect(TavixDeviceStopCapture(device));
+        Expect(!TavixDeviceIsCapturing(device));
+        break;
+    case kStopRecording:
+        Expect(TavixDeviceStopRecording(device));
+        Expect(TavixDeviceIsCapturing(device));
+        break;
+    case kCloseRelease:
+        Expect(TavixDeviceStopCapture(device));
+        Expect(TavixDeviceClose(device));
+        Expect(TavixDeviceRelease(device));
+        break;
+    case kInvalidate:
+        Expect(TavixDeviceInvalidateCaptureVideoCallBack(device, ActOnFrame, 1));
+        Expect(TavixDeviceInvalidateCaptureAudioCallBack(device, CountAudio, 2));
+        break;
+    case kRestart:
+        /* Detaches itself and starts another callback on the running session. */
+        Expect(TavixDeviceStopRecording(device));
+        atomic_store(&gHost.acted, 1);
+        Expect(
+            TavixDeviceStartCapture(device, OtherCallBack, 2, 0, 0, 0, NULL, 0, 0, 0, 0, 0, NULL));
+        return;
+    case kOnSound:
+        break;
+    }
+    atomic_store(&gHost.acted, 1);
 }
 
 /* The cases: which callbacks capture starts with, and what the host sees once the callback
    has acted. */
 static const struct Case {
     const char* name;
-    TavixDeviceVideoCallBack video;
-    TavixDeviceAudioCallBack audio;
+    enum Action action;
     const char* file;    /* recorded to, in the test's folder; NULL for none */
     bool recorded;       /* the file has the recording in it afterwards */
     bool capturingAfter; /* the session still runs once the callback has acted */
     bool released;       /* the callback released the last reference */
     int thirdCalls;      /* calls the callback started by the restarted capture must get */
 } kCases[] = {
-    {"stop-capture", StopCaptureOnFrame, CountAudio, "stop-capture.mov", true, false, false, 0},
-    {"stop-recording", StopRecordingOnFrame, CountAudio, "stop-recording.mov", true, true, false,
-     0},
-    {"close-release", CloseAndReleaseOnFrame, CountAudio, NULL, false, false, true, 0},
-    {"invalidate", InvalidateOnFrame, CountAudio, NULL, false, true, false, 0},
-    {"restart", RestartOnFrame, NULL, "restart.mov", false, true, false, 3},
-    {"audio-stop", CountVideo, StopCaptureOnSound, NULL, false, false, false, 0},
+    {"stop-capture", kStopCapture, "stop-capture.mov", true, false, false, 0},
+    {"stop-recording", kStopRecording, "stop-recording.mov", true, true, false, 0},
+    {"close-release", kCloseRelease, NULL, false, false, true, 0},
+    {"invalidate", kInvalidate, NULL, false, true, false, 0},
+    {"restart", kRestart, "restart.mov", false, true, false, 3},
+    {"audio-stop", kOnSound, NULL, false, false, false, 0},
 };
 
 static void Run(const struct Case* c) {
@@ -264,7 +233,13 @@ static void Run(const struct Case* c) {
     snprintf(path, sizeof path, "%s/%s", gFolder, c->file != NULL ? c->file : "");
     const unsigned long camera = OpenCamera();
     ResetHost(camera);
-    Check(&ok, camera != 0 && Start(camera, c->video, c->audio, c->file != NULL ? path : NULL),
+    gAction = c->action;
+    /* The restart case takes pictures alone. */
+    Check(&ok,
+          camera != 0 &&
+              TavixDeviceStartCaptureWithAudioDevice(camera, kMicrophone, ActOnFrame, 1, 0, 0, 0,
+                                                     c->action == kRestart ? NULL : CountAudio, 2,
+                                                     0, 0, 0, 0, c->file != NULL ? path : NULL),
           name, "capture did not start");
     Check(&ok, WaitFor(&gHost.acted, 1), name, "the callback never acted");
     Check(&ok, WaitFor(&gHost.thirdCalls, c->thirdCalls), name,

@@ -50,10 +50,6 @@ std::vector<int> Drain() {
     return numbers;
 }
 
-double SecondsSince(std::chrono::steady_clock::time_point start) {
-    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-}
-
 class EventQueue : public ::testing::Test {
 protected:
     void SetUp() override { Drain(); }
@@ -131,9 +127,9 @@ TEST_F(EventQueue, ReceiveFiltersByTypeAndCanPeekWithoutPulling) {
 
 TEST_F(EventQueue, ReceiveWaitsForTheTimeoutOrForAPostFromAnotherThread) {
     EventRef event = nullptr;
-    auto start = std::chrono::steady_clock::now();
+    const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(eventLoopTimedOutErr, ReceiveNextEvent(0, nullptr, 0.2, true, &event));
-    EXPECT_GE(SecondsSince(start), 0.19);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(190));
     EXPECT_EQ(nullptr, event);
 
     std::thread poster([waiter = CurrentThreadId()] {
@@ -178,17 +174,15 @@ TEST_F(EventQueue, QuitEndsOneReceive) {
 
 namespace {
 
-struct Calls {
-    std::vector<char> order;
-};
+using Calls = std::vector<char>;
 
 OSStatus HandlerA(EventHandlerCallRef, EventRef, void* data) {
-    static_cast<Calls*>(data)->order.push_back('A');
+    static_cast<Calls*>(data)->push_back('A');
     return noErr;
 }
 
 OSStatus HandlerPass(EventHandlerCallRef, EventRef, void* data) {
-    static_cast<Calls*>(data)->order.push_back('P');
+    static_cast<Calls*>(data)->push_back('P');
     return eventNotHandledErr;
 }
 
@@ -205,16 +199,16 @@ TEST_F(EventQueue, HandlersAreAskedNewestFirstUntilOneTakesTheEvent) {
 
     EventRef event = MakeEvent(5, 0);
     EXPECT_EQ(noErr, SendEventToEventTarget(event, GetEventDispatcherTarget()));
-    EXPECT_EQ((std::vector<char>{'P', 'A'}), calls.order);
+    EXPECT_EQ((std::vector<char>{'P', 'A'}), calls);
 
     EventRef other = MakeEvent(6, 0); // a type nobody asked for
     EXPECT_EQ(eventNotHandledErr, SendEventToEventTarget(other, GetEventDispatcherTarget()));
 
     EXPECT_EQ(noErr, RemoveEventHandler(a));
     EXPECT_EQ(paramErr, RemoveEventHandler(a));
-    calls.order.clear();
+    calls.clear();
     EXPECT_EQ(eventNotHandledErr, SendEventToEventTarget(event, GetEventDispatcherTarget()));
-    EXPECT_EQ((std::vector<char>{'P'}), calls.order);
+    EXPECT_EQ((std::vector<char>{'P'}), calls);
     EXPECT_EQ(noErr, RemoveEventHandler(pass));
     ReleaseEvent(event);
     ReleaseEvent(other);

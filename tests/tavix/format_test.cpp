@@ -96,19 +96,6 @@ TEST(FormatHolder, ReportsSoundThenVideoAndAStopEndsOnlyItsPass) {
     EXPECT_EQ(640u, recorder.seen[1].second.dwWidth);
 }
 
-TEST(FormatCheckers, TellWhatADeviceDelivers) {
-    TavixDeviceVideoFormatChecker checker(k2vuy, 640, 480);
-    checker.OnDeviceFormatVideo(kFallback, 640, 360);
-    EXPECT_FALSE(checker.bFound);
-    checker.OnDeviceFormatVideo(kFallback, 640, 480);
-    EXPECT_TRUE(checker.bFound) << "the pixel format is not compared";
-
-    TavixDeviceFormatChecker kinds;
-    kinds.OnDeviceFormatAudio(1);
-    EXPECT_TRUE(kinds.bHasAudio);
-    EXPECT_FALSE(kinds.bHasVideo);
-}
-
 TEST(FormatCache, FindsADeviceIdIgnoringCase) {
     LList<TavixDeviceData<TavixDeviceFormat>> list;
     auto* older = new TavixDeviceData<TavixDeviceFormat>("usb-0000:00:14.0-1");

@@ -1,19 +1,18 @@
 // `tavix preview` used as a person uses it, on a virtual X server: the picture in the window, a
 // window resized, keys that drive a deck, record and quit, and the refusal without a display.
 #include <gtest/gtest.h>
-#include <algorithm>
-#include <atomic>
-#include <poll.h>
+#include <fcntl.h>
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <functional>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -27,13 +26,11 @@ namespace {
 
 const std::string kTavix = std::string(TAVIX_BINARY_DIR) + "/tavix";
 
-using Clock = std::chrono::steady_clock;
-
 // Checks condition every 50 ms until it holds or `seconds` pass.
-bool Eventually(const std::function<bool()>& condition, double seconds) {
-    const auto deadline = Clock::now() + std::chrono::duration<double>(seconds);
+bool Eventually(const std::function<bool()>& condition, int seconds) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
     while (!condition()) {
-        if (Clock::now() > deadline)
+        if (std::chrono::steady_clock::now() > deadline)
             return false;
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
     }
@@ -48,37 +45,26 @@ bool Contains(const std::string& text, const std::string& part) {
 class VirtualDisplay {
 public:
     VirtualDisplay() {
-        // Numbers from this process's id, so two test programs rarely try the same one; a
-        // server that finds its number taken ends at once and the next is tried.
-        for (int attempt = 0; attempt < 20 && name.empty(); ++attempt) {
-            const std::string candidate =
-                ":" + std::to_string(100 + (getpid() * 7 + attempt * 13) % 800);
-            server = StartChild([&] {
-                prctl(PR_SET_PDEATHSIG, SIGTERM);
-                // Without -noreset the server resets when its last client leaves, as the
-                // readiness probe below does, and refuses the next one for a moment.
-                execlp("Xvfb", "Xvfb", candidate.c_str(), "-screen", "0", "1024x768x24",
-                       "-nolisten", "tcp", "-noreset", static_cast<char*>(nullptr));
-                _exit(127);
-            });
-            if (server <= 0)
-                return;
-            // Ready once a client gets an answer; gone when the server ended.
-            const bool answers = Eventually(
-                [&] {
-                    return waitpid(server, nullptr, WNOHANG) != 0 ||
-                           RunCommand("DISPLAY=" + candidate + " xdotool getdisplaygeometry")
-                                   .status == 0;
-                },
-                60);
-            if (answers && waitpid(server, nullptr, WNOHANG) == 0) {
-                name = candidate;
-            } else {
-                kill(server, SIGTERM);
-                waitpid(server, nullptr, 0);
-                server = -1;
-            }
-        }
+        int ready[2];
+        if (pipe(ready) != 0)
+            return;
+        const std::string fd = std::to_string(ready[1]);
+        server = StartChild([&] {
+            prctl(PR_SET_PDEATHSIG, SIGTERM);
+            close(ready[0]);
+            // The server takes a free display number and writes it to the pipe once it accepts
+            // clients. Without -noreset it resets when its last client leaves and refuses the
+            // next one for a moment.
+            execlp("Xvfb", "Xvfb", "-displayfd", fd.c_str(), "-screen", "0", "1024x768x24",
+                   "-nolisten", "tcp", "-noreset", static_cast<char*>(nullptr));
+            _exit(127);
+        });
+        close(ready[1]);
+        FILE* answer = fdopen(ready[0], "r");
+        char number[32];
+        if (server > 0 && fgets(number, sizeof number, answer) != nullptr)
+            name = ":" + std::string(number, strcspn(number, "\n"));
+        fclose(answer);
     }
     ~VirtualDisplay() {
         if (server > 0) {
@@ -122,23 +108,20 @@ std::vector<unsigned char> Counter(const RGBImage& window, int frameWidth, int f
     return pixels;
 }
 
-// A running `tavix preview`, its output (standard error too) gathered as it comes.
+// A running `tavix preview`, its output (standard error too) going to a file in its folder.
 class Preview {
 public:
     Preview(const VirtualDisplay& display, const std::string& folder,
             const std::vector<std::string>& arguments)
-        : display(display) {
-        int output[2];
-        if (pipe(output) != 0)
-            return;
+        : display(display), outputFile(folder + "/preview-output.txt") {
         child = StartChild([&] {
             // A test that dies must not leave the program running.
             prctl(PR_SET_PDEATHSIG, SIGTERM);
-            dup2(output[1], STDOUT_FILENO);
-            dup2(output[1], STDERR_FILENO);
-            close(output[0]);
-            if (chdir(folder.c_str()) != 0)
+            const int output = open(outputFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+            if (output < 0 || chdir(folder.c_str()) != 0)
                 _exit(126);
+            dup2(output, STDOUT_FILENO);
+            dup2(output, STDERR_FILENO);
             setenv("DISPLAY", display.name.c_str(), 1);
             unsetenv("WAYLAND_DISPLAY");
             // Xvfb's indirect GLX now and then leaves an OpenGL client waiting for a reply that
@@ -151,40 +134,14 @@ public:
             execv(kTavix.c_str(), argv.data());
             _exit(127);
         });
-        close(output[1]);
-        // Reads until the output ends or the test is done with it: a helper the program started
-        // (a session bus the X libraries launch, say) may hold the pipe open after it ended.
-        reader = std::thread([this, fd = output[0]] {
-            char buffer[4096];
-            for (;;) {
-                pollfd ready{fd, POLLIN, 0};
-                if (poll(&ready, 1, 100) == 0) {
-                    if (done)
-                        break;
-                    continue;
-                }
-                const ssize_t got = read(fd, buffer, sizeof buffer);
-                if (got <= 0)
-                    break;
-                std::lock_guard<std::mutex> locked(mutex);
-                text.append(buffer, static_cast<size_t>(got));
-            }
-            close(fd);
-        });
     }
     ~Preview() {
         if (child > 0 && status == kRunning)
             KillChild(child);
-        done = true;
-        if (reader.joinable())
-            reader.join();
     }
 
-    std::string Output() {
-        std::lock_guard<std::mutex> locked(mutex);
-        return text;
-    }
-    bool WaitForOutput(const std::string& part, double seconds = 15) {
+    std::string Output() const { return ReadFile(outputFile); }
+    bool WaitForOutput(const std::string& part, int seconds = 15) {
         return Eventually([&] { return Contains(Output(), part); }, seconds);
     }
     // The id of the program's window, once it is shown (a hidden one with the same title may
@@ -216,8 +173,21 @@ public:
                     std::to_string(height));
     }
     RGBImage Screenshot() { return ::Screenshot(display, window); }
+    // Whether the window comes to show the bars of a `width` x `height` picture, at the window
+    // size asked (any when 0); the last screenshot and what was wrong with it are kept.
+    bool ShowsBars(int width, int height, RGBImage& image, std::string& wrong, int windowWidth = 0,
+                   int windowHeight = 0) {
+        return Eventually(
+            [&] {
+                image = Screenshot();
+                wrong = WrongBars(image, width, height, 40);
+                return wrong.empty() && (windowWidth == 0 || (image.width == windowWidth &&
+                                                              image.height == windowHeight));
+            },
+            15);
+    }
     // The exit status once the program ends within `seconds`, else kRunning.
-    int Exited(double seconds = 15) {
+    int Exited(int seconds = 15) {
         Eventually(
             [&] {
                 int raw = 0;
@@ -234,12 +204,9 @@ public:
 
 private:
     const VirtualDisplay& display;
+    const std::string outputFile;
     pid_t child = -1;
     int status = kRunning;
-    std::atomic<bool> done{false};
-    std::thread reader;
-    std::mutex mutex;
-    std::string text;
 };
 
 class PreviewWindow : public ::testing::Test {
@@ -269,13 +236,7 @@ TEST_F(PreviewWindow, ShowsTheLivePictureThroughAResizeAndQuitsOnQ) {
 
     RGBImage first;
     std::string wrong;
-    ASSERT_TRUE(Eventually(
-        [&] {
-            first = preview.Screenshot();
-            wrong = WrongBars(first, 1280, 720, 40);
-            return wrong.empty();
-        },
-        15))
+    ASSERT_TRUE(preview.ShowsBars(1280, 720, first, wrong))
         << "the colour bars never showed: " << wrong << "\n"
         << preview.Output();
     const std::vector<unsigned char> counter = Counter(first, 1280, 720);
@@ -283,13 +244,8 @@ TEST_F(PreviewWindow, ShowsTheLivePictureThroughAResizeAndQuitsOnQ) {
         << "the burnt-in frame counter did not change: the picture is not live";
 
     preview.Resize(500, 400);
-    EXPECT_TRUE(Eventually(
-        [&] {
-            const RGBImage resized = preview.Screenshot();
-            wrong = WrongBars(resized, 1280, 720, 40);
-            return resized.width == 500 && resized.height == 400 && wrong.empty();
-        },
-        15))
+    RGBImage resized;
+    EXPECT_TRUE(preview.ShowsBars(1280, 720, resized, wrong, 500, 400))
         << "after the resize: " << wrong;
 
     preview.Key("s");
@@ -311,15 +267,7 @@ TEST_F(PreviewWindow, SpacePlaysTheDeckAndRTwiceLeavesAPlayableRecording) {
     ASSERT_FALSE(preview.FindWindow("Tavix Test Deck").empty()) << preview.Output();
     RGBImage stopped;
     std::string wrong;
-    ASSERT_TRUE(Eventually(
-        [&] {
-            stopped = preview.Screenshot();
-            wrong = WrongBars(stopped, 720, 576, 40);
-            return wrong.empty();
-        },
-        15))
-        << wrong << "\n"
-        << preview.Output();
+    ASSERT_TRUE(preview.ShowsBars(720, 576, stopped, wrong)) << wrong << "\n" << preview.Output();
 
     preview.Key("space");
     ASSERT_TRUE(preview.WaitForOutput("Tavix Test Deck: playing")) << preview.Output();
@@ -382,13 +330,6 @@ TEST(PreviewCommand, WithoutADisplaySaysSoInOneLineAndSuggestsCapture) {
         RunCommand("DISPLAY=:4093 " + kTavix + " preview 'Tavix Test Camera'");
     EXPECT_EQ(2, unreachable.status) << unreachable.output;
     EXPECT_TRUE(Contains(unreachable.output, "tavix capture")) << unreachable.output;
-}
-
-TEST(PreviewCommand, HelpListsTheKeys) {
-    const CommandOutput help = RunCommand(kTavix + " preview --help");
-    EXPECT_EQ(0, help.status);
-    for (const char* key : {"Space", "Left, Right", "Shift", " R ", " S ", " F ", "Escape"})
-        EXPECT_TRUE(Contains(help.output, key)) << key << "\n" << help.output;
 }
 
 } // namespace

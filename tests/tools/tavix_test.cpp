@@ -15,9 +15,7 @@ namespace {
 
 const std::string kTavix = std::string(TAVIX_BINARY_DIR) + "/tavix";
 
-using CommandRun = CommandOutput;
-
-CommandRun Tavix(const std::string& arguments) {
+CommandOutput Tavix(const std::string& arguments) {
     return RunCommand(kTavix + " " + arguments);
 }
 
@@ -32,21 +30,21 @@ protected:
 };
 
 TEST_F(TavixCommand, ListsDevicesAndFormats) {
-    const CommandRun list = Tavix("list");
+    const CommandOutput list = Tavix("list");
     EXPECT_EQ(0, list.status);
     EXPECT_TRUE(Contains(list.output, "Tavix Test Camera")) << list.output;
     EXPECT_TRUE(Contains(list.output, "Tavix Test Microphone"));
     EXPECT_TRUE(Contains(list.output, "transport controls")) << "the deck's state";
 
-    const CommandRun formats = Tavix("formats 'Tavix Test Camera'");
+    const CommandOutput formats = Tavix("formats 'Tavix Test Camera'");
     EXPECT_EQ(0, formats.status);
     EXPECT_TRUE(Contains(formats.output, "1280 x 720")) << formats.output;
     EXPECT_TRUE(Contains(formats.output, "160 x 120"));
 }
 
 TEST_F(TavixCommand, EveryCommandHasHelp) {
-    for (const char* command : {"", "list ", "formats ", "capture ", "transport "}) {
-        const CommandRun help = Tavix(std::string(command) + "--help");
+    for (const char* command : {"", "list ", "formats ", "capture ", "transport ", "preview "}) {
+        const CommandOutput help = Tavix(std::string(command) + "--help");
         EXPECT_EQ(0, help.status) << command;
         EXPECT_TRUE(Contains(help.output, "usage: tavix")) << command << help.output;
     }
@@ -54,9 +52,9 @@ TEST_F(TavixCommand, EveryCommandHasHelp) {
 
 TEST_F(TavixCommand, CapturesRecordsAndSnapshotsWithPlainLinesOffATerminal) {
     const std::string movie = folder + "/capture.mp4", png = folder + "/last.png";
-    const CommandRun run = Tavix("capture 'Tavix Test Camera' --audio 'Tavix Test Microphone' "
-                                 "--seconds 1 --size 320x240 --format 420v --record " +
-                                 movie + " --snapshot " + png);
+    const CommandOutput run = Tavix("capture 'Tavix Test Camera' --audio 'Tavix Test Microphone' "
+                                    "--seconds 1 --size 320x240 --format 420v --record " +
+                                    movie + " --snapshot " + png);
     ASSERT_EQ(0, run.status) << run.output;
     EXPECT_FALSE(Contains(run.output, "\r")) << "no live line when the output is not a terminal";
     EXPECT_TRUE(Contains(run.output, "320 x 240 420v")) << run.output;
@@ -114,10 +112,10 @@ TEST_F(TavixCommand, CtrlCStopsCleanlyAndKeepsTheRecording) {
 
 TEST_F(TavixCommand, DrivesATapeDeck) {
     // Each run is a new process: the deck starts stopped, and a command changes it.
-    const CommandRun status = Tavix("transport 'Tavix Test Deck' status");
+    const CommandOutput status = Tavix("transport 'Tavix Test Deck' status");
     EXPECT_EQ(0, status.status);
     EXPECT_TRUE(Contains(status.output, "stopped")) << status.output;
-    const CommandRun play = Tavix("transport 'Tavix Test Deck' play");
+    const CommandOutput play = Tavix("transport 'Tavix Test Deck' play");
     EXPECT_EQ(0, play.status) << play.output;
     EXPECT_TRUE(Contains(play.output, "play")) << play.output;
 }
@@ -143,7 +141,7 @@ TEST_F(TavixCommand, ErrorsNameTheProblemAndFail) {
         {"", "usage"},
     };
     for (const Case& c : cases) {
-        const CommandRun run = Tavix(c.arguments);
+        const CommandOutput run = Tavix(c.arguments);
         EXPECT_NE(0, run.status) << c.arguments;
         EXPECT_TRUE(Contains(run.output, c.message)) << c.arguments << ": " << run.output;
     }
