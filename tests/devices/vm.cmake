@@ -22,14 +22,14 @@ function(tavix_vm_test name vivid_options limit)
                    "TAVIX_VM_TIMEOUT=${limit}"
                    ${PROJECT_SOURCE_DIR}/scripts/devvm.sh sh -c "status=0; ${vm_command}exit $status"
            WORKING_DIRECTORY ${PROJECT_SOURCE_DIR})
-  math(EXPR ctest_limit "${limit} + 300")
+  math(EXPR ctest_limit "${limit} + 120")
   set_tests_properties(${name} PROPERTIES SKIP_RETURN_CODE 77 TIMEOUT ${ctest_limit}
                                           RUN_SERIAL TRUE)
 endfunction()
 
 # One vivid instance (its capture node with four inputs: webcam, TV, S-Video, HDMI) and the
 # loopback sound card. The fault tests come last: their simulated unplug takes the camera away.
-tavix_vm_test(devices_vm "n_devs=1" 900 test_devices_v4l2 test_devices_alsa test_devices_backend
+tavix_vm_test(devices_vm "n_devs=1" 1200 test_devices_v4l2 test_devices_alsa test_devices_backend
               test_devices_faults)
 
 # Two instances, the second multiplanar: the multiplanar, input and pixel-format tests, and the
@@ -38,4 +38,4 @@ tavix_vm_test(devices_vm_inputs "n_devs=2 multiplanar=1,2" 900 test_devices_mult
               test_devices_inputs test_devices_vivid_formats test_tools_stall)
 
 # Four instances, the last two multiplanar: four cameras and the sound card at once.
-tavix_vm_test(devices_vm_cameras "n_devs=4 multiplanar=1,1,2,2" 900 test_devices_cameras)
+tavix_vm_test(devices_vm_cameras "n_devs=4 multiplanar=1,1,2,2" 600 test_devices_cameras)
