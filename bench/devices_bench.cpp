@@ -3,12 +3,14 @@
 // callback receives them, in the camera's own format), for one camera and for four at once, in
 // alternating rounds; then, for one camera, the camera class alone, the plain loop waiting in
 // poll() as the class does, and ffmpeg reading the device into a null sink. Prints frames per
-// second and CPU milliseconds per frame, and tavix's cost as a multiple of the loop's. Needs
+// second and CPU milliseconds per frame, tavix's rate and cost as multiples of the loop's, and the
+// time StopCapture takes for all the cameras (the sound card too, with four). Needs
 // vivid capture nodes offering YUYV (inside scripts/devvm.sh; four with
-// TAVIX_VM_VIVID="n_devs=4"); says so otherwise.
+// TAVIX_VM_VIVID="n_devs=4"), and for the sound the loopback card; says so otherwise.
 #include "bench.h"
 
 #include "llib/mac/tavix.h"
+#include "platform/devices/alsa/alsadevices.h"
 #include "platform/devices/v4l2/v4l2camera.h"
 #include "platform/pixelformats.h"
 #include "plainv4l2.h"
@@ -41,12 +43,13 @@ struct Figures {
     int frames = 0;
     double seconds = 0;
     double cpuSeconds = 0;
+    double stopSeconds = 0; // StopCapture of every camera, one after the other
     double msPerFrame() const { return frames ? 1000 * cpuSeconds / frames : 0; }
+    double framesPerSecond() const { return seconds > 0 ? frames / seconds : 0; }
 };
 
 void Report(const std::string& what, const Figures& figures) {
-    bench::Print((what + ": frames per second").c_str(),
-                 figures.seconds > 0 ? figures.frames / figures.seconds : 0, "fps");
+    bench::Print((what + ": frames per second").c_str(), figures.framesPerSecond(), "fps");
     bench::Print((what + ": CPU time per frame").c_str(), figures.msPerFrame(), "ms");
 }
 
@@ -79,12 +82,23 @@ void CountFrame(const unsigned char* pixels, unsigned long, unsigned long, unsig
     ++*reinterpret_cast<std::atomic<int>*>(data);
 }
 
+// The loopback card's capture side, which the first of four cameras takes its sound from, as
+// the device tests have it; empty when the card is not there.
+std::string LoopbackInput() {
+    for (const AlsaDeviceInfo& device : AlsaListDevices())
+        if (device.pcmName == "hw:CARD=Loopback,DEV=1")
+            return device.displayName;
+    return {};
+}
+
 // tavix capturing from every camera at once, as a host would, counted from the moment all of
-// them deliver; the whole process's CPU time (capture threads included) over that span.
+// them deliver; the whole process's CPU time (capture threads included) over that span. With
+// four cameras the first takes its sound from the loopback card, when there is one.
 Figures TavixCaptures(const std::vector<V4L2DeviceInfo>& cameras) {
     Figures figures;
     std::vector<unsigned long> handles;
     std::vector<std::atomic<int>> counts(cameras.size());
+    const std::string sound = cameras.size() >= 4 ? LoopbackInput() : std::string();
     bool started = true;
     for (size_t i = 0; i < cameras.size() && started; ++i) {
         const unsigned long handle =
@@ -92,10 +106,16 @@ Figures TavixCaptures(const std::vector<V4L2DeviceInfo>& cameras) {
         if (handle == 0)
             break;
         handles.push_back(handle);
-        started = TavixDeviceOpen(handle) &&
-                  TavixDeviceStartCapture(handle, CountFrame, reinterpret_cast<long>(&counts[i]),
-                                          kCVPixelFormatType_422YpCbCr8_yuvs, kWidth, kHeight,
-                                          nullptr, 0, 0, 0, 0, 0, nullptr);
+        const long data = reinterpret_cast<long>(&counts[i]);
+        started =
+            TavixDeviceOpen(handle) &&
+            (i == 0 && !sound.empty()
+                 ? TavixDeviceStartCaptureWithAudioDevice(
+                       handle, sound.c_str(), CountFrame, data, kCVPixelFormatType_422YpCbCr8_yuvs,
+                       kWidth, kHeight, nullptr, 0, 0, 0, 0, 0, nullptr)
+                 : TavixDeviceStartCapture(handle, CountFrame, data,
+                                           kCVPixelFormatType_422YpCbCr8_yuvs, kWidth, kHeight,
+                                           nullptr, 0, 0, 0, 0, 0, nullptr));
     }
     auto allFlowing = [&] {
         for (const std::atomic<int>& count : counts)
@@ -120,8 +140,11 @@ Figures TavixCaptures(const std::vector<V4L2DeviceInfo>& cameras) {
     } else {
         std::printf("  tavix could not capture from all %zu cameras\n", cameras.size());
     }
-    for (unsigned long handle : handles) {
+    const double stopping = bench::Now();
+    for (unsigned long handle : handles)
         TavixDeviceStopCapture(handle);
+    figures.stopSeconds = bench::Now() - stopping;
+    for (unsigned long handle : handles) {
         TavixDeviceClose(handle);
         TavixDeviceRelease(handle);
     }
@@ -187,13 +210,14 @@ Figures Ffmpeg(const std::string& path) {
 // rounds and compared round by round; the spread of the ratios shows the noise.
 void Compare(const std::string& what, const std::vector<V4L2DeviceInfo>& cameras) {
     Figures plain, tavix;
-    std::vector<double> ratios;
+    std::vector<double> ratios, stops;
     for (int round = 0; round < kRounds; ++round) {
         const Figures plainRound = PlainLoops(cameras);
         const Figures tavixRound = TavixCaptures(cameras);
         if (plainRound.frames == 0 || tavixRound.frames == 0)
             return;
         ratios.push_back(tavixRound.msPerFrame() / plainRound.msPerFrame());
+        stops.push_back(tavixRound.stopSeconds);
         for (auto [sum, one] : {std::pair{&plain, &plainRound}, std::pair{&tavix, &tavixRound}}) {
             sum->frames += one->frames;
             sum->seconds += one->seconds;
@@ -202,6 +226,13 @@ void Compare(const std::string& what, const std::vector<V4L2DeviceInfo>& cameras
     }
     Report("plain V4L2 loop, " + what, plain);
     Report("tavix capture, " + what, tavix);
+    bench::Print(("tavix / plain loop frames per second, " + what).c_str(),
+                 tavix.framesPerSecond() / plain.framesPerSecond(), "x");
+    std::sort(stops.begin(), stops.end());
+    bench::Print(("tavix: stopping " + what + ", median round").c_str(),
+                 1000 * stops[stops.size() / 2], "ms");
+    bench::Print(("tavix: stopping " + what + ", slowest round").c_str(), 1000 * stops.back(),
+                 "ms");
     std::sort(ratios.begin(), ratios.end());
     bench::Print(("tavix / plain loop CPU per frame, " + what + ", all rounds").c_str(),
                  tavix.msPerFrame() / plain.msPerFrame(), "x");

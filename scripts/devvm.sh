@@ -8,9 +8,15 @@
 # The guest sees the host's root read-only (the freshly built binaries and the host's libraries),
 # a tmpfs on /tmp, the current folder (the project, read-only, so a checkout under /tmp is seen
 # too), and one writable folder shared with the host whose path is given to the command
-# in $TAVIX_VM_SHARE. The command runs as root in that chroot; its exit status becomes this
-# script's. Exit status 77 means the VM could not be started (the reason is printed): callers
-# treat it as "skipped".
+# in $TAVIX_VM_SHARE. The command runs as root in that chroot, with TAVIX_REQUIRE_DEVICES=1 (the
+# device tests then fail, rather than skip, when a device they need is missing); its exit status
+# becomes this script's.
+#
+# Exit status 77 means no VM could be had (no qemu, no kernel, no busybox, the VM did not boot;
+# the reason is printed): callers treat it as "skipped". Everything after the boot fails with a
+# non-zero status other than 77, printing the command's output so far and the console's tail: a
+# driver that does not load, a command that does not finish within $TAVIX_VM_TIMEOUT seconds
+# (default 1200), a VM that ends before the command does.
 #
 # vivid is loaded with the options in $TAVIX_VM_VIVID (default "n_devs=1": one instance, its
 # capture node with four inputs), e.g. TAVIX_VM_VIVID="n_devs=2 multiplanar=1,2" for a second,
@@ -23,7 +29,7 @@ skip() { echo "devvm: skipped: $*" >&2; exit 77; }
 [ $# -ge 1 ] || { echo "usage: $0 COMMAND [ARG...]" >&2; exit 2; }
 
 cache=${TAVIX_VM_CACHE:-/var/cache/tavix-vm}
-timeout_s=${TAVIX_VM_TIMEOUT:-600}
+timeout_s=${TAVIX_VM_TIMEOUT:-1200}
 vivid_options=${TAVIX_VM_VIVID:-n_devs=1}
 for tool in qemu-system-x86_64 depmod modprobe; do
   command -v "$tool" >/dev/null 2>&1 || skip "$tool is not installed (scripts/install-deps.sh installs it)"
@@ -55,7 +61,7 @@ vmlinuz="$kroot/boot/vmlinuz-$version"
 [ -f "$vmlinuz" ] || skip "no kernel image in $kroot"
 
 # The initrd: static busybox, the modules 9p needs, and /init.
-initrd="$cache/initrd-4.gz" # the number changes with /init below
+initrd="$cache/initrd-5.gz" # the number changes with /init below
 if [ ! -f "$initrd" ]; then
   work=$(mktemp -d)
   mkdir -p "$work"/{bin,modules,proc,sys,dev,host}
@@ -87,12 +93,22 @@ mount -t 9p -o trans=virtio,version=9p2000.L,ro,msize=262144 project /host$proje
 share=$(sed -n 's/.*tavix_share=\([^ ]*\).*/\1/p' /proc/cmdline)
 mkdir -p /host$share
 mount -t 9p -o trans=virtio,version=9p2000.L,msize=262144 share /host$share
+: > /host$share/booted
 kver=$(sed -n 's/.*tavix_kver=\([^ ]*\).*/\1/p' /proc/cmdline)
 kroot=$(sed -n 's/.*tavix_kroot=\([^ ]*\).*/\1/p' /proc/cmdline)
-chroot /host /usr/sbin/modprobe -d $kroot -S $kver vivid $(cat /host$share/vivid-options) >/dev/null 2>&1
-chroot /host /usr/sbin/modprobe -d $kroot -S $kver snd-aloop >/dev/null 2>&1
-chroot /host /bin/sh -c "TAVIX_VM_SHARE=$share HOME=/tmp sh $share/command.sh" > /host$share/output 2>&1
-echo $? > /host$share/status
+# A driver that does not load leaves the devices out: that is a failed run, not a pass.
+loaded=yes
+for driver in "vivid $(cat /host$share/vivid-options)" snd-aloop; do
+  if ! chroot /host /usr/sbin/modprobe -d $kroot -S $kver $driver > /host$share/modprobe 2>&1; then
+    echo "devvm: modprobe $driver failed:" >> /host$share/drivers
+    cat /host$share/modprobe >> /host$share/drivers
+    loaded=no
+  fi
+done
+if [ $loaded = yes ]; then
+  chroot /host /bin/sh -c "TAVIX_VM_SHARE=$share TAVIX_REQUIRE_DEVICES=1 HOME=/tmp sh $share/command.sh" > /host$share/output 2>&1
+  echo $? > /host$share/status
+fi
 sync
 poweroff -f
 INIT
@@ -111,18 +127,38 @@ trap 'rm -rf "$share"' EXIT
 } > "$share/command.sh"
 echo "$vivid_options" > "$share/vivid-options"
 
+started=$(date +%s)
+vm_status=0
 timeout "$timeout_s" qemu-system-x86_64 -accel tcg -cpu max -m 1024 -smp 2 -nographic -no-reboot \
   -kernel "$vmlinuz" -initrd "$initrd" \
   -append "console=ttyS0 quiet panic=-1 tavix_share=$share tavix_project=$PWD tavix_kver=$version tavix_kroot=$kroot" \
   -virtfs local,path=/,mount_tag=hostroot,security_model=none,readonly=on,multidevs=remap \
   -virtfs local,path="$PWD",mount_tag=project,security_model=none,readonly=on,multidevs=remap \
   -virtfs local,path="$share",mount_tag=share,security_model=none,multidevs=remap \
-  > "$share/console" 2>&1 || true
+  > "$share/console" 2>&1 || vm_status=$?
 
 cat "$share/output" 2>/dev/null || true
-if [ ! -f "$share/status" ]; then
-  echo "devvm: the VM did not run the command; its console said:" >&2
+fail() {
+  echo "devvm: failed after $(( $(date +%s) - started )) s: $*; the console's last lines:" >&2
+  tail -n 20 "$share/console" >&2
+  exit 1
+}
+if [ "$vm_status" -eq 124 ]; then
+  fail "the VM did not finish within $timeout_s s (TAVIX_VM_TIMEOUT); the command's output so far is above"
+elif [ ! -f "$share/booted" ]; then
+  echo "devvm: skipped: the VM did not boot (qemu exit status $vm_status); its console said:" >&2
   tail -n 20 "$share/console" >&2
   exit 77
+elif [ -f "$share/drivers" ]; then
+  cat "$share/drivers" >&2
+  fail "a capture driver did not load (TAVIX_VM_VIVID=\"$vivid_options\")"
+elif [ ! -f "$share/status" ]; then
+  fail "the VM ended before the command did (qemu exit status $vm_status)"
 fi
-exit "$(cat "$share/status")"
+status=$(cat "$share/status")
+# 77 is reserved for "no VM": a command that says "skipped" did not test anything either.
+if [ "$status" -eq 77 ]; then
+  echo "devvm: the command exited 77 (skipped) inside the VM; counted as a failure" >&2
+  exit 1
+fi
+exit "$status"

