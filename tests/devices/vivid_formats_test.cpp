@@ -218,10 +218,10 @@ protected:
     void SetUp() override {
         camera = FindCameraOffering(V4L2_PIX_FMT_YUYV);
         if (camera.path.empty())
-            GTEST_SKIP() << "no V4L2 camera (scripts/devvm.sh has one)";
+            DEVICE_MISSING() << "no V4L2 camera (scripts/devvm.sh has one)";
         control = open(camera.path.c_str(), O_RDWR);
         ASSERT_GE(control, 0);
-        // The node's own answers (rates, the plain loop) are of the input it has selected, which
+        // The node's own answers (its rates) are of the input it has selected, which
         // another test may have left on another one.
         int input = static_cast<int>(camera.input.index);
         ASSERT_TRUE(!camera.selectsInput || ioctl(control, VIDIOC_S_INPUT, &input) == 0);

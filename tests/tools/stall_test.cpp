@@ -111,7 +111,7 @@ TEST(CaptureStall, LateFramesAndSoundOfTheBuiltInDevicesAreNotCountedAsLost) {
 TEST(CaptureStall, WhatRealDevicesDropInAStallIsReported) {
     const V4L2DeviceInfo camera = FindCameraOffering(V4L2_PIX_FMT_YUYV);
     if (camera.path.empty())
-        GTEST_SKIP() << "no V4L2 camera (scripts/devvm.sh has one)";
+        DEVICE_MISSING() << "no V4L2 camera (scripts/devvm.sh has one)";
     REQUIRE_LOOPBACK(microphone);
     const Reported r = CaptureThroughAStall(
         {camera.displayName, "--audio", microphone, "--size", "320x180", "--seconds", "6"}, 2);

@@ -1,5 +1,5 @@
 // A plain V4L2 capture loop, the fewest system calls that stream frames: the yardstick the
-// device tests and the benchmark hold the library's capture against.
+// benchmark holds the library's capture against.
 #pragma once
 
 #include <cstdint>

@@ -1,4 +1,4 @@
-#include "support/plainv4l2.h"
+#include "plainv4l2.h"
 
 #include "platform/devices/v4l2/v4l2planes.h"
 
