@@ -201,6 +201,13 @@ bool TavixDeviceStopRecording(unsigned long handle) {
     return WithDevice(handle, false, [](TavixDevice& d) { return d.StopRecording(); });
 }
 
+bool TavixDeviceGetRecordingFrameCounts(unsigned long handle, unsigned long* recorded,
+                                        unsigned long* notRecorded) {
+    return WithDevice(handle, false, [&](TavixDevice& d) {
+        return d.GetRecordingFrameCounts(recorded, notRecorded);
+    });
+}
+
 bool TavixDeviceIsCapturing(unsigned long handle) {
     return WithDevice(handle, false, [](TavixDevice& d) { return d.IsCapturing(); });
 }

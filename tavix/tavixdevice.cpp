@@ -178,6 +178,8 @@ void TavixDevice::Clear() {
     pAudioOutput = nullptr;
     pAudioDelegate = nullptr;
     pMovieFileOutput = nullptr;
+    bRecorded = false;
+    dwFramesRecorded = dwFramesNotRecorded = 0;
     nRefCount = 0;
 }
 
@@ -387,9 +389,12 @@ bool TavixDevice::StartCapture(TavixDeviceVideoCallBack videoCallBack, long vide
             NSURL::fileURLWithPath(NSString::stringWithUTF8String(outputFilePath)));
         error = nullptr;
         if (!pSession->addOutput(pMovieFileOutput, &error)) {
+            NSReleaseIfSet(pMovieFileOutput); // never recorded: no counts to keep
             StopCapture();
             return false;
         }
+        bRecorded = true;
+        dwFramesRecorded = dwFramesNotRecorded = 0;
     }
     if (pSession->isRunning())
         return true;
@@ -421,8 +426,35 @@ void TavixDevice::TearDownSession() {
     NSReleaseIfSet(pVideoDelegate);
     RemoveOutput(pSession, pAudioOutput);
     NSReleaseIfSet(pAudioDelegate);
-    RemoveOutput(pSession, pMovieFileOutput);
+    EndRecording();
     NSReleaseIfSet(pSession);
+}
+
+void TavixDevice::EndRecording() {
+    if (pMovieFileOutput == nullptr)
+        return;
+    // Taken out of the session, the output finishes its file; its counts are final then.
+    if (pSession != nullptr)
+        pSession->removeOutput(pMovieFileOutput);
+    GetRecordingFrameCounts(&dwFramesRecorded, &dwFramesNotRecorded);
+    NSReleaseIfSet(pMovieFileOutput);
+}
+
+bool TavixDevice::GetRecordingFrameCounts(unsigned long* recorded,
+                                          unsigned long* notRecorded) const {
+    if (!bRecorded)
+        return false;
+    unsigned long frames = dwFramesRecorded, lost = dwFramesNotRecorded;
+    if (pMovieFileOutput != nullptr) {
+        const QTCaptureMovieFileOutput::Statistics figures = pMovieFileOutput->statistics();
+        frames = static_cast<unsigned long>(figures.videoFrames);
+        lost = static_cast<unsigned long>(figures.videoFramesNotRecorded);
+    }
+    if (recorded != nullptr)
+        *recorded = frames;
+    if (notRecorded != nullptr)
+        *notRecorded = lost;
+    return true;
 }
 
 bool TavixDevice::StopRecording() {
@@ -434,7 +466,7 @@ bool TavixDevice::StopRecording() {
         pAudioOutput->setDelegate(nullptr);
     NSReleaseIfSet(pVideoDelegate);
     NSReleaseIfSet(pAudioDelegate);
-    RemoveOutput(pSession, pMovieFileOutput);
+    EndRecording();
     return true;
 }
 

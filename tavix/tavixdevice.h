@@ -112,6 +112,11 @@ public:
     // Stops the session if it runs and releases every session object (StopCapture's work).
     void TearDownSession();
     bool StopRecording();
+    // Takes the movie output out of the session (finishing its file) and keeps its counts.
+    void EndRecording();
+    // The pictures of the current recording, or of the last one: in the file and not; false
+    // when no recording has started since the slot was taken.
+    bool GetRecordingFrameCounts(unsigned long* recorded, unsigned long* notRecorded) const;
     bool IsCapturing() const;
     bool InvalidateCaptureVideoCallBack(TavixDeviceVideoCallBack callBack, long callBackData);
     bool InvalidateCaptureAudioCallBack(TavixDeviceAudioCallBack callBack, long callBackData);
@@ -138,6 +143,8 @@ public:
     QTCaptureDecompressedAudioOutput* pAudioOutput;
     TavixDeviceDecompressedAudioOutputDelegate* pAudioDelegate;
     QTCaptureMovieFileOutput* pMovieFileOutput;
+    bool bRecorded; // a recording has started since the slot was taken
+    unsigned long dwFramesRecorded, dwFramesNotRecorded; // of the last recording that ended
     int nRefCount;
 };
 

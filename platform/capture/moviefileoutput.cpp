@@ -12,6 +12,7 @@ struct QTCaptureMovieFileOutput::Recording {
     std::string path;
     std::unique_ptr<MovieRecorder> recorder;
     bool gaveUp = false;
+    uint64_t otherSizedPictures = 0; // not recorded: the file keeps its first picture size
     double firstSample = -1;
     bool haveVideo = false, haveAudio = false;
     MovieVideoSettings video;
@@ -80,6 +81,7 @@ void QTCaptureMovieFileOutput::Finish() {
         std::lock_guard<std::mutex> locked(mutex);
         const MovieRecorderStatistics figures = ending->recorder->GetStatistics();
         last.videoFrames = figures.videoFramesWritten;
+        last.videoFramesNotRecorded = figures.videoFramesDropped + ending->otherSizedPictures;
         last.audioFrames = figures.audioFramesWritten;
         last.bytes = figures.bytesWritten;
         last.failed = figures.failed;
@@ -97,6 +99,7 @@ QTCaptureMovieFileOutput::Statistics QTCaptureMovieFileOutput::statistics() cons
     const MovieRecorderStatistics current = recording->recorder->GetStatistics();
     Statistics figures;
     figures.videoFrames = current.videoFramesWritten;
+    figures.videoFramesNotRecorded = current.videoFramesDropped + recording->otherSizedPictures;
     figures.audioFrames = current.audioFramesWritten;
     figures.bytes = current.bytesWritten;
     figures.failed = current.failed;
@@ -163,8 +166,10 @@ void QTCaptureMovieFileOutput::Deliver(const platform::CapturedSample& sample, Q
     if (isVideo && sample.video != nullptr && active->haveVideo) {
         const CVPixelBufferRef frame = sample.video;
         if (static_cast<int>(frame->width) != active->video.width ||
-            static_cast<int>(frame->height) != active->video.height)
+            static_cast<int>(frame->height) != active->video.height) {
+            ++active->otherSizedPictures;
             return;
+        }
         const uint8_t* planes[4] = {nullptr, nullptr, nullptr, nullptr};
         int strides[4] = {0, 0, 0, 0};
         for (int plane = 0; plane < frame->layout.planeCount; ++plane) {

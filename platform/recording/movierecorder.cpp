@@ -179,6 +179,11 @@ struct MovieRecorder::Implementation {
     bool completed = false;
 
     std::atomic<bool> failed{false};
+    // Pictures handed in, pictures whose packets reached the file, and pictures that will not:
+    // dropped from a full queue, refused once the file failed, or rejected by the converter
+    // or the encoder. Those still queued or inside the encoder are in neither of the last two
+    // until Finish settles the account.
+    std::atomic<uint64_t> videoFramesOffered{0};
     std::atomic<uint64_t> videoFramesWritten{0};
     std::atomic<uint64_t> videoFramesDropped{0};
     std::atomic<uint64_t> audioFramesWritten{0};
@@ -367,6 +372,8 @@ bool MovieRecorder::Implementation::Enqueue(AVFrame* frame, bool isVideo) {
         std::lock_guard<std::mutex> locked(queueMutex);
         if (finishing || failed.load()) {
             FreeFrame(frame);
+            if (isVideo)
+                ++videoFramesDropped;
             return false;
         }
         if (isVideo && queuedPictures >= kMaxQueuedPictures) {
@@ -384,12 +391,19 @@ bool MovieRecorder::Implementation::Enqueue(AVFrame* frame, bool isVideo) {
 
 bool MovieRecorder::Implementation::AppendVideo(const uint8_t* const planes[4],
                                                 const int strides[4], double seconds) {
-    if (videoCodec == nullptr || planes == nullptr || strides == nullptr || failed.load())
+    if (videoCodec == nullptr || planes == nullptr || strides == nullptr)
         return false;
+    ++videoFramesOffered;
+    if (failed.load()) {
+        ++videoFramesDropped;
+        return false;
+    }
     const double when = RelativeTime(seconds);
     AVFrame* frame = av_frame_alloc();
-    if (frame == nullptr)
+    if (frame == nullptr) {
+        ++videoFramesDropped;
         return false;
+    }
     frame->format = videoCodec->pix_fmt;
     frame->width = videoCodec->width;
     frame->height = videoCodec->height;
@@ -397,6 +411,7 @@ bool MovieRecorder::Implementation::AppendVideo(const uint8_t* const planes[4],
     frame->top_field_first = videoSettings.fieldOrder == FieldOrder::TopFirst;
     if (av_frame_get_buffer(frame, 0) < 0) {
         FreeFrame(frame);
+        ++videoFramesDropped;
         return false;
     }
     std::lock_guard<std::mutex> locked(videoMutex);
@@ -417,6 +432,7 @@ bool MovieRecorder::Implementation::AppendVideo(const uint8_t* const planes[4],
                                          standInFormat, repacked, inStrides,
                                          size_t(videoCodec->width), size_t(videoCodec->height))) {
                 FreeFrame(frame);
+                ++videoFramesDropped;
                 return false;
             }
             std::copy(repacked, repacked + 4, in);
@@ -524,6 +540,7 @@ void MovieRecorder::Implementation::MarkFailed() {
     for (QueuedItem& item : queue)
         FreeFrame(item.frame);
     queue.clear();
+    videoFramesDropped += queuedPictures;
     queuedPictures = 0;
 }
 
@@ -531,10 +548,14 @@ bool MovieRecorder::Implementation::WritePacket(AVPacket* encoded, AVStream* str
                                                 AVCodecContext* codec) {
     av_packet_rescale_ts(encoded, codec->time_base, stream->time_base);
     encoded->stream_index = stream->index;
+    const bool isPicture = stream == videoStream;
     if (av_interleaved_write_frame(format, encoded) < 0 || format->pb->error < 0) {
         MarkFailed();
         return false;
     }
+    // Every encoder used here makes one packet of each picture.
+    if (isPicture)
+        ++videoFramesWritten;
     const double now = av_gettime_relative() / 1e6;
     if (now - lastFlush >= kFlushIntervalSeconds) {
         avio_flush(format->pb);
@@ -568,37 +589,46 @@ bool MovieRecorder::Implementation::Encode(AVCodecContext* codec, AVStream* stre
 bool MovieRecorder::Implementation::EncodeAudio(AVFrame* frame) {
     if (audioFifo == nullptr)
         return Encode(audioCodec, audioStream, frame);
-    // Fixed-size encoders (AAC) take exactly frame_size samples per frame.
-    if (frame != nullptr) {
-        if (av_audio_fifo_size(audioFifo) == 0)
-            fifoPts = frame->pts;
-        av_audio_fifo_write(audioFifo, reinterpret_cast<void**>(frame->data), frame->nb_samples);
-    }
+    // Fixed-size encoders (AAC) take exactly frame_size samples per frame; a short last piece is
+    // padded with silence.
     const int chunk = audioCodec->frame_size;
-    while (av_audio_fifo_size(audioFifo) >= chunk ||
-           (frame == nullptr && av_audio_fifo_size(audioFifo) > 0)) {
-        AVFrame* piece = av_frame_alloc();
-        if (piece == nullptr)
-            return false;
-        piece->format = audioCodec->sample_fmt;
-        piece->nb_samples = chunk;
-        piece->sample_rate = audioCodec->sample_rate;
-        av_channel_layout_copy(&piece->ch_layout, &audioCodec->ch_layout);
-        if (av_frame_get_buffer(piece, 0) < 0) {
+    const auto encodeHeld = [&](bool all) {
+        while (av_audio_fifo_size(audioFifo) >= chunk ||
+               (all && av_audio_fifo_size(audioFifo) > 0)) {
+            AVFrame* piece = av_frame_alloc();
+            if (piece == nullptr)
+                return false;
+            piece->format = audioCodec->sample_fmt;
+            piece->nb_samples = chunk;
+            piece->sample_rate = audioCodec->sample_rate;
+            av_channel_layout_copy(&piece->ch_layout, &audioCodec->ch_layout);
+            if (av_frame_get_buffer(piece, 0) < 0) {
+                FreeFrame(piece);
+                return false;
+            }
+            av_samples_set_silence(piece->data, 0, chunk, audioCodec->ch_layout.nb_channels,
+                                   audioCodec->sample_fmt);
+            av_audio_fifo_read(audioFifo, reinterpret_cast<void**>(piece->data), chunk);
+            piece->pts = fifoPts;
+            fifoPts += chunk;
+            const bool ok = Encode(audioCodec, audioStream, piece);
             FreeFrame(piece);
-            return false;
+            if (!ok)
+                return false;
         }
-        av_samples_set_silence(piece->data, 0, chunk, audioCodec->ch_layout.nb_channels,
-                               audioCodec->sample_fmt);
-        av_audio_fifo_read(audioFifo, reinterpret_cast<void**>(piece->data), chunk);
-        piece->pts = fifoPts;
-        fifoPts += chunk;
-        const bool ok = Encode(audioCodec, audioStream, piece);
-        FreeFrame(piece);
-        if (!ok)
-            return false;
-    }
-    return frame != nullptr || Encode(audioCodec, audioStream, nullptr);
+        return true;
+    };
+    if (frame == nullptr)
+        return encodeHeld(true) && Encode(audioCodec, audioStream, nullptr);
+    // Sound re-timed after a gap goes on at its own time: what is held from before the gap is
+    // encoded first rather than run on into it (a gap is longer than a padded piece).
+    const int held = av_audio_fifo_size(audioFifo);
+    if (held > 0 && frame->pts != fifoPts + held && !encodeHeld(true))
+        return false;
+    if (av_audio_fifo_size(audioFifo) == 0)
+        fifoPts = frame->pts;
+    av_audio_fifo_write(audioFifo, reinterpret_cast<void**>(frame->data), frame->nb_samples);
+    return encodeHeld(false);
 }
 
 void MovieRecorder::Implementation::Run() {
@@ -617,8 +647,8 @@ void MovieRecorder::Implementation::Run() {
         }
         if (!failed.load()) {
             if (item.isVideo) {
-                if (Encode(videoCodec, videoStream, item.frame))
-                    ++videoFramesWritten;
+                if (!Encode(videoCodec, videoStream, item.frame) && !failed.load())
+                    ++videoFramesDropped; // the encoder refused it; the file goes on
             } else {
                 const int samples = item.frame->nb_samples;
                 if (EncodeAudio(item.frame))
@@ -657,6 +687,10 @@ bool MovieRecorder::Implementation::Finish() {
     completed = trailer && closed && !failed.load();
     if (!completed)
         failed = true;
+    // Every picture handed in is now either in the file or not: also those a failed file left
+    // inside the encoder.
+    videoFramesDropped =
+        videoFramesOffered - std::min(videoFramesWritten.load(), videoFramesOffered.load());
     return completed;
 }
 

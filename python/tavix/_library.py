@@ -124,6 +124,10 @@ _PROTOTYPES = {
     "TavixDeviceStopCapture": (ctypes.c_bool, [c_handle]),
     "TavixDeviceStopRecording": (ctypes.c_bool, [c_handle]),
     "TavixDeviceIsCapturing": (ctypes.c_bool, [c_handle]),
+    "TavixDeviceGetRecordingFrameCounts": (
+        ctypes.c_bool,
+        [c_handle, ctypes.POINTER(ctypes.c_ulong), ctypes.POINTER(ctypes.c_ulong)],
+    ),
     "TavixDeviceIsTransportAvailable": (ctypes.c_bool, [c_handle]),
     "TavixDeviceGetTransportMode": (ctypes.c_int, [c_handle]),
     "TavixDeviceSetTransportMode": (None, [c_handle, ctypes.c_int]),

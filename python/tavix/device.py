@@ -279,6 +279,20 @@ class Device:
             return None
         return Timecode._from_c(time)
 
+    @property
+    def recorded_frames(self) -> Optional[Tuple[int, int]]:
+        """(pictures in the file, pictures not recorded) of the current or last recording: the
+        recorder drops whole pictures when its encoder falls behind, and writes none after the
+        file failed. None when the device has not recorded since it was opened."""
+        recorded, not_recorded = ctypes.c_ulong(), ctypes.c_ulong()
+        if not self._call(
+            lib.TavixDeviceGetRecordingFrameCounts,
+            ctypes.byref(recorded),
+            ctypes.byref(not_recorded),
+        ):
+            return None
+        return recorded.value, not_recorded.value
+
     # -- capture ------------------------------------------------------------------------------
 
     def capture(

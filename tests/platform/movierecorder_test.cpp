@@ -57,9 +57,10 @@ MovieAudioSettings FloatStereo48k() {
 }
 
 // Feeds `seconds` of BGRA pictures and a float stereo sine with capture-clock times starting at
-// origin, as a capture session would (sound in 10 ms buffers).
+// origin, as a capture session would (sound in 10 ms buffers). The sound can miss half a second
+// from `soundGapAt` seconds on, as after a device overrun.
 void Feed(MovieRecorder& recorder, const MovieVideoSettings& video, double seconds, double origin,
-          bool withAudio) {
+          bool withAudio, double soundGapAt = -1) {
     std::vector<uint8_t> picture(static_cast<size_t>(video.width) * video.height * 4);
     std::vector<float> sound(480 * 2);
     const int frames = static_cast<int>(std::lround(seconds * video.frameRate));
@@ -81,14 +82,46 @@ void Feed(MovieRecorder& recorder, const MovieVideoSettings& video, double secon
                 sound[2 * i] = sound[2 * i + 1] = value;
             }
             const void* buffers[1] = {sound.data()};
-            EXPECT_TRUE(recorder.AppendAudio(buffers, 1, 480, origin + audioBuffers * 0.01));
-            ++audioBuffers;
+            const double at = audioBuffers++ * 0.01;
+            const bool inGap =
+                soundGapAt >= 0 && at > soundGapAt - 0.001 && at < soundGapAt + 0.499;
+            if (!inGap) {
+                EXPECT_TRUE(recorder.AppendAudio(buffers, 1, 480, origin + at));
+            }
         }
     }
 }
 
+// When a movie's first picture and each of its sound packets start, in seconds.
+struct PacketTimes {
+    double firstPicture = 1e9;
+    std::vector<double> sound;
+};
+PacketTimes PacketTimesOf(const std::string& path) {
+    PacketTimes times;
+    AVFormatContext* format = nullptr;
+    if (avformat_open_input(&format, path.c_str(), nullptr, nullptr) != 0)
+        return times;
+    AVPacket* packet = av_packet_alloc();
+    while (av_read_frame(format, packet) == 0) {
+        const AVStream* stream = format->streams[packet->stream_index];
+        const double start = packet->pts * av_q2d(stream->time_base);
+        const bool timed = packet->pts != AV_NOPTS_VALUE;
+        if (timed && stream->codecpar->codec_type == AVMEDIA_TYPE_VIDEO)
+            times.firstPicture = std::min(times.firstPicture, start);
+        else if (timed)
+            times.sound.push_back(start);
+        av_packet_unref(packet);
+    }
+    av_packet_free(&packet);
+    avformat_close_input(&format);
+    return times;
+}
+
 } // namespace
 
+// Two seconds of pictures and sound, the sound missing half a second from the first second on:
+// the sound after the gap keeps its time, so both streams end together in every container.
 TEST_F(MovieRecorderTest, ContainerFollowsTheExtensionWithPictureAndSoundInSync) {
     struct Case {
         const char* name;
@@ -106,10 +139,11 @@ TEST_F(MovieRecorderTest, ContainerFollowsTheExtensionWithPictureAndSoundInSync)
         const std::string path = folder + "/" + c.name;
         auto recorder = MovieRecorder::Create(path, &video, &audio);
         ASSERT_TRUE(recorder);
-        Feed(*recorder, video, 2.0, 1000.25, true);
+        Feed(*recorder, video, 2.0, 1000.25, true, 1.0);
         EXPECT_TRUE(recorder->Finish());
         const MovieRecorderStatistics statistics = recorder->GetStatistics();
         EXPECT_EQ(60u, statistics.videoFramesWritten);
+        EXPECT_EQ(0u, statistics.videoFramesDropped);
         EXPECT_FALSE(statistics.failed);
         const ProbedMovie movie = ProbeMovie(path);
         ASSERT_TRUE(movie.readable);
@@ -126,6 +160,14 @@ TEST_F(MovieRecorderTest, ContainerFollowsTheExtensionWithPictureAndSoundInSync)
         EXPECT_EQ(48000, sound->sampleRate);
         EXPECT_EQ(2, sound->channels);
         EXPECT_NEAR(2.0, movie.duration, 0.15);
+        // The sound goes on at 1.5 s of the pictures' time (the containers may move both by the
+        // encoder's delay): not right after the sound before the gap, out of step from there on.
+        const PacketTimes times = PacketTimesOf(path);
+        double resumed = -1;
+        for (double start : times.sound)
+            if (start > times.firstPicture + 1.25 && resumed < 0)
+                resumed = start;
+        EXPECT_NEAR(times.firstPicture + 1.5, resumed, 0.03) << "the sound after the gap";
     }
 }
 
@@ -177,36 +219,6 @@ TEST_F(MovieRecorderTest, BadSettingsAndUnwritablePathsCreateNothing) {
     EXPECT_FALSE(recorder->AppendVideo(planes, strides, 0));
 }
 
-TEST_F(MovieRecorderTest, AFullDiskEndsTheRecordingQuietly) {
-    const MovieVideoSettings video = Video(640, 480, 30);
-    const std::string path = folder + "/full.mov";
-    // A file-size limit makes writes fail as a full disk would.
-    signal(SIGXFSZ, SIG_IGN);
-    rlimit saved{};
-    getrlimit(RLIMIT_FSIZE, &saved);
-    rlimit small = saved;
-    small.rlim_cur = 256 * 1024;
-    ASSERT_EQ(0, setrlimit(RLIMIT_FSIZE, &small));
-    auto recorder = MovieRecorder::Create(path, &video, nullptr);
-    ASSERT_TRUE(recorder);
-    std::vector<uint8_t> noise(640 * 480 * 4);
-    unsigned int seed = 1;
-    for (int frame = 0; frame < 120 && !recorder->GetStatistics().failed; ++frame) {
-        for (auto& byte : noise)
-            byte = static_cast<uint8_t>(rand_r(&seed)); // noise does not compress
-        const uint8_t* planes[4] = {noise.data(), nullptr, nullptr, nullptr};
-        const int strides[4] = {640 * 4, 0, 0, 0};
-        recorder->AppendVideo(planes, strides, frame / 30.0);
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    EXPECT_FALSE(recorder->Finish());
-    setrlimit(RLIMIT_FSIZE, &saved);
-    EXPECT_TRUE(recorder->GetStatistics().failed);
-    struct stat info {};
-    ASSERT_EQ(0, stat(path.c_str(), &info));
-    EXPECT_LE(info.st_size, 256 * 1024);
-}
-
 TEST_F(MovieRecorderTest, AProcessKilledWhileRecordingLeavesAPlayableFile) {
     const std::string path = folder + "/killed.mp4";
     const pid_t child = fork();
@@ -225,7 +237,14 @@ TEST_F(MovieRecorderTest, AProcessKilledWhileRecordingLeavesAPlayableFile) {
             Feed(*recorder, video, 1 / 30.0, t, true);
         }
     }
-    std::this_thread::sleep_for(std::chrono::milliseconds(3000));
+    // Killed once a second of pictures has reached the disk (a fragment is about a second).
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    const auto secondOnDisk = [&] {
+        const ProbedMovie movie = ProbeMovie(path);
+        return movie.Find("video") != nullptr && movie.Find("video")->frames >= 30;
+    };
+    while (!secondOnDisk() && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
     kill(child, SIGKILL);
     int status = 0;
     waitpid(child, &status, 0);

@@ -113,8 +113,14 @@ std::string SizeText(long long bytes) {
     return text;
 }
 
-void PrintStatus(const CaptureStats& stats, const CaptureOptions& options, double elapsed,
-                 bool terminal) {
+// The pictures the recorder has not written so far (0 without a recording).
+unsigned long PicturesNotRecorded(unsigned long device) {
+    unsigned long recorded = 0, notRecorded = 0;
+    return TavixDeviceGetRecordingFrameCounts(device, &recorded, &notRecorded) ? notRecorded : 0;
+}
+
+void PrintStatus(unsigned long device, const CaptureStats& stats, const CaptureOptions& options,
+                 double elapsed, bool terminal) {
     std::string line;
     char part[96];
     snprintf(part, sizeof part, "%6.1f s  frames %llu  dropped %llu", elapsed,
@@ -129,8 +135,13 @@ void PrintStatus(const CaptureStats& stats, const CaptureOptions& options, doubl
         snprintf(part, sizeof part, "  sound lost %.2f s", stats.soundLostSeconds.load());
         line += part;
     }
-    if (!options.recordPath.empty())
+    if (!options.recordPath.empty()) {
         line += "  file " + SizeText(FileSize(options.recordPath));
+        if (const unsigned long notRecorded = PicturesNotRecorded(device); notRecorded > 0) {
+            snprintf(part, sizeof part, "  not recorded %lu", notRecorded);
+            line += part;
+        }
+    }
     if (terminal)
         printf("\r%s\033[K", line.c_str());
     else
@@ -220,7 +231,7 @@ int CaptureCommand(int argc, char** argv) {
     double elapsed = 0, lastPlainLine = 0;
     while (!interrupted && (elapsed = MonotonicSeconds() - begin) < options.seconds) {
         if (terminal || elapsed - lastPlainLine >= 1) {
-            PrintStatus(stats, options, elapsed, terminal);
+            PrintStatus(device, stats, options, elapsed, terminal);
             lastPlainLine = elapsed;
         }
         usleep(100000);
@@ -232,7 +243,7 @@ int CaptureCommand(int argc, char** argv) {
         }
     }
     elapsed = MonotonicSeconds() - begin;
-    PrintStatus(stats, options, elapsed, terminal);
+    PrintStatus(device, stats, options, elapsed, terminal);
     if (terminal)
         printf("\n");
 
@@ -241,6 +252,8 @@ int CaptureCommand(int argc, char** argv) {
         ok = TakeSnapshot(stats, options.snapshotPath) && ok;
     // Stopping closes the movie file properly, also after Ctrl-C.
     TavixDeviceStopCapture(device);
+    unsigned long recorded = 0, notRecorded = 0;
+    const bool recordedAny = TavixDeviceGetRecordingFrameCounts(device, &recorded, &notRecorded);
     TavixDeviceClose(device);
     TavixDeviceRelease(device);
 
@@ -260,9 +273,16 @@ int CaptureCommand(int argc, char** argv) {
         printf("  audio     %llu sample frames (%.1f s at 48 kHz), %.2f s lost\n",
                static_cast<unsigned long long>(stats.sampleFrames.load()),
                stats.sampleFrames / 48000.0, stats.soundLostSeconds.load());
-    if (!options.recordPath.empty())
-        printf("  recording %s (%s)\n", options.recordPath.c_str(),
+    if (!options.recordPath.empty()) {
+        printf("  recording %s (%s)", options.recordPath.c_str(),
                SizeText(FileSize(options.recordPath)).c_str());
+        // Pictures the recorder dropped (its encoder fell behind, or the file failed).
+        if (recordedAny && hasVideo)
+            printf(", %lu frames recorded", recorded);
+        if (notRecorded > 0)
+            printf(", %lu frames not recorded", notRecorded);
+        printf("\n");
+    }
     if (!options.snapshotPath.empty() && ok)
         printf("  snapshot  %s\n", options.snapshotPath.c_str());
     if (hasVideo && stats.frames == 0) {

@@ -136,6 +136,13 @@ bool PreviewSession::IsConnected() const {
     return TavixDeviceIsConnected(device);
 }
 
+unsigned long PreviewSession::PicturesNotRecorded() const {
+    unsigned long recorded = 0, notRecorded = 0;
+    return recording && TavixDeviceGetRecordingFrameCounts(device, &recorded, &notRecorded)
+               ? notRecorded
+               : 0;
+}
+
 std::string PreviewSession::NextRecordingPath() const {
     if (options.recordPath.empty())
         return Unused("tavix-" + TimeStamp() + ".mov");

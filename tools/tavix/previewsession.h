@@ -39,6 +39,8 @@ public:
     double RecordingSeconds(double now) const { return recording ? now - recordingStart : 0; }
     const std::string& RecordingPath() const { return recordingPath; }
     const std::vector<std::string>& Recordings() const { return recordings; }
+    // Pictures of the running recording that the recorder dropped (its encoder fell behind).
+    unsigned long PicturesNotRecorded() const;
 
     bool HasTransport() const;
     TavixDeviceTransportMode TransportMode() const;

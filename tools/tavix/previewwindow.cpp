@@ -258,6 +258,8 @@ private:
         }
         transport = session.HasTransport() ? TransportModeText(session.TransportMode()) : "";
         recordingSize = session.IsRecording() ? FileSizeText(session.RecordingPath()) : "";
+        if (const unsigned long notRecorded = session.PicturesNotRecorded(); notRecorded > 0)
+            recordingSize += "  " + std::to_string(notRecorded) + " not recorded";
         lastPoll = now;
         redraw = true;
     }

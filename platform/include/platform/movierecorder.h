@@ -39,10 +39,14 @@ struct MovieAudioSettings {
     bool isSignedInteger = true;
 };
 
-// What was written, for status displays and tests.
+// What was written, for status displays and tests. Pictures still waiting for the encoder are
+// counted neither as written nor as dropped; after Finish every picture handed in is one or the
+// other.
 struct MovieRecorderStatistics {
-    uint64_t videoFramesWritten = 0;
-    uint64_t videoFramesDropped = 0; // not queued because the encoder fell behind
+    uint64_t videoFramesWritten = 0; // pictures whose packets went to the file
+    // Pictures that are not in the file: dropped because the encoder fell behind, refused after
+    // the file failed, or rejected by the converter or the encoder.
+    uint64_t videoFramesDropped = 0;
     uint64_t audioFramesWritten = 0; // sample frames
     uint64_t bytesWritten = 0;       // the file's size so far
     bool failed = false;             // the file could not be written to any more

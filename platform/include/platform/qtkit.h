@@ -246,9 +246,13 @@ public:
     // file that cannot be written ends the recording quietly.
     void recordToOutputFileURL(NSURL* url);
     NSURL* outputFileURL() const;
-    // What has been written so far, for status displays and tests.
+    // What has been written so far, for status displays and tests. videoFramesNotRecorded
+    // counts the pictures that came while the file was being written but are not in it (the
+    // encoder fell behind, the file failed, the picture size changed); pictures before the file
+    // starts (it waits for the first sound) are in neither count.
     struct Statistics {
         uint64_t videoFrames = 0, audioFrames = 0, bytes = 0;
+        uint64_t videoFramesNotRecorded = 0;
         bool failed = false;
         bool recording = false;
     };

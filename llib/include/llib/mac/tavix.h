@@ -27,8 +27,8 @@
    - TavixDeviceStartCapture (and ...WithAudioDevice) with another callback, after
      StopRecording or StopCapture in the same call: the new callback runs on a capture thread
      of its own, never inside the current call;
-   - the queries (TavixDeviceIsCapturing, TavixDeviceIsOpened, TavixDeviceGetSMPTETime, the
-     transport calls).
+   - the queries (TavixDeviceIsCapturing, TavixDeviceIsOpened, TavixDeviceGetSMPTETime,
+     TavixDeviceGetRecordingFrameCounts, the transport calls).
    Everything the running call uses stays valid until it returns. A callback must not wait for
    another thread that calls into the library for the same device (invalidating, reading the
    timecode, stopping), which waits for the callback in turn.
@@ -169,6 +169,21 @@ TAVIX_EXPORT bool TavixDeviceStopCapture(unsigned long device);
 /* Detaches the callbacks and ends the recording; the session keeps running. */
 TAVIX_EXPORT bool TavixDeviceStopRecording(unsigned long device);
 TAVIX_EXPORT bool TavixDeviceIsCapturing(unsigned long device);
+/* Counts the pictures of the device's current recording, or of its last one once it has ended
+   (StopCapture, StopRecording): *recorded the pictures written to the file, *notRecorded those
+   that came while the file was being written but are not in it. The recorder drops whole
+   pictures rather than hold up capture when its encoder falls behind (once 60 wait for it),
+   writes none after the file failed (a full disk: the pictures of the last second before the
+   failure may be missing from the file too), and keeps only pictures of the first picture's
+   size. Pictures the callbacks saw before the file started are in neither count: a recording
+   with sound starts once both pictures and sound have come. While recording, the pictures
+   still waiting for the encoder are in neither count; once the recording has ended, every
+   picture of it is in one of them. Either pointer may be NULL. False, leaving both untouched,
+   for an invalid handle or a device that has not started a recording since the handle was
+   got; the counts go with the handle's last reference. A query: a callback may call it for its
+   own device. An addition to the original interface. */
+TAVIX_EXPORT bool TavixDeviceGetRecordingFrameCounts(unsigned long device, unsigned long* recorded,
+                                                     unsigned long* notRecorded);
 
 /* Cuts a callback off: clears the callback when it matches, and the data when it matches;
    true when either did. After a true answer no call with the cleared callback runs or starts.
