@@ -32,7 +32,7 @@ constexpr int kFramesFirst = 5;
         GTEST_SKIP() << "ffprobe is not installed";                                                \
     }                                                                                              \
     if (!SetControl(camera.path, "wrap_sequence_number", 0)) {                                     \
-        GTEST_SKIP() << "the camera has no fault-injection controls (vivid has)";                  \
+        DEVICE_MISSING() << "the camera has no fault-injection controls (vivid has)";              \
     }
 
 // Sets a control now and back to `restore` at the end of the scope.
