@@ -201,11 +201,12 @@ TEST(V4L2Streaming, FramesComeInOrderAndAHeldFrameOutlivesTheStream) {
     for (int i = 0; i < 5; ++i) {
         ASSERT_EQ(V4L2Camera::Wait::Frame, camera.waitFrame(5000, frame)) << "frame " << i;
         EXPECT_GE(frame.bytesUsed, 320u * 180 * 2);
-        // Each frame was captured after the one before. The sequence number counts on, with
-        // gaps for frames the driver lost, and wraps around at 32 bits as any counter does.
+        // Each frame was captured after the one before. The sequence number never goes back
+        // (gaps for frames the driver lost; a wrap at 32 bits as any counter does; vivid on a
+        // starved emulated processor was seen to give two frames the same number).
         if (i > 0) {
             EXPECT_GT(frame.timestamp, lastTime) << "frame " << i;
-            EXPECT_GT(static_cast<int32_t>(frame.sequence - lastSequence), 0) << "frame " << i;
+            EXPECT_GE(static_cast<int32_t>(frame.sequence - lastSequence), 0) << "frame " << i;
         }
         lastSequence = frame.sequence;
         lastTime = frame.timestamp;
