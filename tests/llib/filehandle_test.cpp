@@ -189,11 +189,6 @@ TEST_F(Files, OpeningNewAppendingTimesAndTheErrorTests) {
         EXPECT_TRUE(LFile::IsErrorPermissionDenied());
         EXPECT_TRUE(LFile::IsErrorSharingViolation());
     }
-    LFileRef none;
-    char byte;
-    EXPECT_EQ(0u, none._Read(&byte, 1));
-    EXPECT_EQ(0u, none._Write("x", 1));
-    EXPECT_FALSE(none.SetFileModifiedTime(1000));
 }
 
 TEST_F(Files, RecordsLinesAndFormattedWriting) {
@@ -364,11 +359,6 @@ TEST_F(Files, BufferedReadsPeeksAndSeeks) {
     EXPECT_EQ(0u, reader.Peek(out.data(), 10));
     EXPECT_FALSE(reader.Seek64(-5));
     EXPECT_EQ(30000, reader.Tell64());
-
-    LReadFileBuffered missing(Path("missing").c_str());
-    EXPECT_EQ(0u, missing.Read(out.data(), 10));
-    char line[8];
-    EXPECT_FALSE(missing.ReadLine(line, sizeof line));
 }
 
 TEST_F(Files, ChunkedTransfersStopThroughTheProcessInterface) {

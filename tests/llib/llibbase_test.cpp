@@ -1,7 +1,6 @@
 #include "llib/gen/llibbase.h"
 
 #include <chrono>
-#include <cstdlib>
 #include <gtest/gtest.h>
 #include <sys/time.h>
 #include <thread>
@@ -20,13 +19,4 @@ TEST(TickCount, FollowsTheTimeOfDayInMillisecondsAndMeasuresSpans) {
     const unsigned int begin = GetTickCount();
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
     EXPECT_GE(GetTickCount() - begin, 99u);
-}
-
-TEST(Randomize, SeedsDifferentlyOverTime) {
-    randomize();
-    const int first = rand();
-    std::this_thread::sleep_for(std::chrono::milliseconds(1100));
-    randomize();
-    const int second = rand();
-    EXPECT_NE(first, second);
 }

@@ -31,14 +31,3 @@ TEST(OSVersion, ComparesThePlatformsVersionAndRefusesUnknownSelectors) {
     EXPECT_EQ(42, response);
     EXPECT_EQ(gestaltUndefSelectorErr, Gestalt(gestaltSystemVersion, nullptr));
 }
-
-TEST(OSVersion, NamedTestsAreComputedOnceAndKept) {
-    PlatformSetSystemVersion(0x1039);
-    const bool tiger = IsOSMacTigerOrLater();
-    const bool leopard = IsOSMacLeopardOrLater();
-    PlatformSetSystemVersion(kPlatformSystemVersion);
-    EXPECT_FALSE(tiger);
-    EXPECT_FALSE(leopard);
-    EXPECT_FALSE(IsOSMacTigerOrLater()) << "the first answer is kept for the process";
-    EXPECT_FALSE(IsOSMacLeopardOrLater());
-}

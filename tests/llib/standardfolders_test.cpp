@@ -194,7 +194,7 @@ TEST_F(StandardFolders, OldLocationAnswerIsKeptFromTheFirstCall) {
               }));
 }
 
-TEST_F(StandardFolders, TheBundleIsTheProgramsFolderAndTheCurrentFolderMoves) {
+TEST_F(StandardFolders, TheBundleIsTheProgramsFolder) {
     char executable[4096] = {};
     ASSERT_GT(readlink("/proc/self/exe", executable, sizeof executable - 1), 0);
     char folder[260];
@@ -203,10 +203,4 @@ TEST_F(StandardFolders, TheBundleIsTheProgramsFolderAndTheCurrentFolderMoves) {
     char resources[260];
     LGetInstalledApplicationResourcesFolder(resources, sizeof resources);
     EXPECT_STREQ(resources, folder);
-
-    const std::string before = Get(LFile::GetCurrentDirectory);
-    ASSERT_EQ(LFile::SetCurrentDirectory(home.c_str()), 0);
-    EXPECT_EQ(Get(LFile::GetCurrentDirectory), home);
-    EXPECT_NE(LFile::SetCurrentDirectory((temp / "missing").c_str()), 0);
-    LFile::SetCurrentDirectory(before.c_str());
 }

@@ -48,6 +48,14 @@ DeviceScope::~DeviceScope() {
     }
 }
 
+virtualdevices::DeviceSpec CameraSpec(const std::string& name, virtualdevices::VideoMode mode) {
+    virtualdevices::DeviceSpec camera;
+    camera.name = name;
+    camera.video = true;
+    camera.videoModes = {mode};
+    return camera;
+}
+
 virtualdevices::DeviceSpec MicrophoneSpec(const std::string& name) {
     virtualdevices::DeviceSpec mic;
     mic.name = name;

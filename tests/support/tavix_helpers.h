@@ -51,6 +51,8 @@ inline long DataOf(CallbackLog& log) {
 
 // A virtual microphone like the test microphone (48 kHz stereo float), to add under `name`.
 virtualdevices::DeviceSpec MicrophoneSpec(const std::string& name);
+// A virtual camera with one mode, to add under `name`.
+virtualdevices::DeviceSpec CameraSpec(const std::string& name, virtualdevices::VideoMode mode);
 
 // Stops, closes and releases a handle, and resets the virtual devices, at the end of a scope.
 class DeviceScope {

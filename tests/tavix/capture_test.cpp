@@ -19,11 +19,10 @@ protected:
     void TearDown() override { virtualdevices::Reset(); }
 
     // A small camera of our own, so tests can make its session refuse things.
-    static unsigned long OpenCamera(std::string* uniqueId = nullptr) {
-        virtualdevices::DeviceSpec spec;
-        spec.name = "Capture Test Camera";
-        spec.video = true;
-        spec.videoModes = {{kCVPixelFormatType_422YpCbCr8, 160, 120, 60}};
+    static unsigned long OpenCamera(std::string* uniqueId = nullptr, bool oneStream = false) {
+        virtualdevices::DeviceSpec spec =
+            CameraSpec("Capture Test Camera", {kCVPixelFormatType_422YpCbCr8, 160, 120, 60});
+        spec.oneStream = oneStream;
         const std::string id = virtualdevices::Add(spec);
         if (uniqueId != nullptr)
             *uniqueId = id;
@@ -352,14 +351,7 @@ void RestartFromCallback(const unsigned char*, unsigned long, unsigned long, uns
 }
 
 TEST_F(CaptureTest, CallbackRestartsCaptureOnADeviceThatStreamsToOneReader) {
-    virtualdevices::DeviceSpec spec;
-    spec.name = "One Stream Camera";
-    spec.video = true;
-    spec.oneStream = true;
-    spec.videoModes = {{kCVPixelFormatType_422YpCbCr8, 160, 120, 60}};
-    virtualdevices::Add(spec);
-    DeviceScope scope(TavixDeviceGet(spec.name.c_str(), TavixDeviceMediaTypeVideo));
-    ASSERT_TRUE(TavixDeviceOpen(scope.handle));
+    DeviceScope scope(OpenCamera(nullptr, true));
     gRestartHandle = scope.handle;
     gRestartLog.frames = 0;
     ASSERT_TRUE(TavixDeviceStartCapture(scope.handle, RestartFromCallback, 0, 0, 0, 0, nullptr, 0,

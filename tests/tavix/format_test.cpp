@@ -96,20 +96,6 @@ TEST(FormatHolder, ReportsSoundThenVideoAndAStopEndsOnlyItsPass) {
     EXPECT_EQ(640u, recorder.seen[1].second.dwWidth);
 }
 
-TEST(FormatCache, FindsADeviceIdIgnoringCase) {
-    LList<TavixDeviceData<TavixDeviceFormat>> list;
-    auto* older = new TavixDeviceData<TavixDeviceFormat>("usb-0000:00:14.0-1");
-    list.Add(older);
-    auto* newer = new TavixDeviceData<TavixDeviceFormat>("Camera-ABC");
-    newer->Data.dwFormat = 9;
-    list.Add(newer);
-    EXPECT_EQ(&newer->Data, TavixFindDeviceData(list, "camera-abc"));
-    EXPECT_EQ(&older->Data, TavixFindDeviceData(list, "USB-0000:00:14.0-1"));
-    EXPECT_EQ(nullptr, TavixFindDeviceData(list, "camera"));
-    list.Clear();
-    EXPECT_EQ(nullptr, TavixFindDeviceData(list, "camera-abc"));
-}
-
 class DiscoveryTest : public ::testing::Test {
 protected:
     void TearDown() override { virtualdevices::Reset(); }
@@ -123,11 +109,8 @@ protected:
 
     static std::string AddCamera(const char* name, size_t width, size_t height,
                                  bool openable = true) {
-        virtualdevices::DeviceSpec spec;
-        spec.name = name;
-        spec.video = true;
+        virtualdevices::DeviceSpec spec = CameraSpec(name, {k2vuy, width, height, 30});
         spec.openable = openable;
-        spec.videoModes = {{k2vuy, width, height, 30}};
         return virtualdevices::Add(spec);
     }
 };

@@ -39,11 +39,7 @@ struct NameCollector : ITavixDeviceEnumerator {
 };
 
 virtualdevices::DeviceSpec Camera(const std::string& name) {
-    virtualdevices::DeviceSpec spec;
-    spec.name = name;
-    spec.video = true;
-    spec.videoModes = {{kCVPixelFormatType_32BGRA, 64, 48, 30}};
-    return spec;
+    return CameraSpec(name, {kCVPixelFormatType_32BGRA, 64, 48, 30});
 }
 
 } // namespace

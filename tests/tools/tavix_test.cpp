@@ -42,14 +42,6 @@ TEST_F(TavixCommand, ListsDevicesAndFormats) {
     EXPECT_TRUE(Contains(formats.output, "160 x 120"));
 }
 
-TEST_F(TavixCommand, EveryCommandHasHelp) {
-    for (const char* command : {"", "list ", "formats ", "capture ", "transport ", "preview "}) {
-        const CommandOutput help = Tavix(std::string(command) + "--help");
-        EXPECT_EQ(0, help.status) << command;
-        EXPECT_TRUE(Contains(help.output, "usage: tavix")) << command << help.output;
-    }
-}
-
 TEST_F(TavixCommand, CapturesRecordsAndSnapshotsWithPlainLinesOffATerminal) {
     const std::string movie = folder + "/capture.mp4", png = folder + "/last.png";
     const CommandOutput run = Tavix("capture 'Tavix Test Camera' --audio 'Tavix Test Microphone' "
