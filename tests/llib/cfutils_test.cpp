@@ -16,10 +16,16 @@
 
 namespace {
 
-std::string Text(const LCFString& string) {
-    char out[260] = "left over";
-    string.GetString(out, sizeof out);
+// What an object copies into a buffer of N bytes that held other text.
+template <size_t N, class Object>
+std::string Copied(const Object& object) {
+    char out[N] = "left over";
+    object.GetString(out, N);
     return out;
+}
+
+std::string Text(const LCFString& string) {
+    return Copied<260>(string);
 }
 
 std::wstring WideText(const LCFString& string) {
@@ -27,18 +33,6 @@ std::wstring WideText(const LCFString& string) {
     out = L"left over";
     string.GetString(out);
     return std::wstring(out.GetText(), out.GetLength());
-}
-
-std::string UrlPath(const LCFURL& url) {
-    char out[1024] = "left over";
-    url.GetString(out, sizeof out);
-    return out;
-}
-
-std::string SpecPath(const LToFSSpec& spec) {
-    char out[PATH_MAX] = "left over";
-    spec.GetString(out, sizeof out);
-    return out;
 }
 
 } // namespace
@@ -101,21 +95,21 @@ TEST(CFURL, PathsRoundTripAndOnlyFileAddressesNameAFile) {
                              "/x/a+b=c&d?e#f;g'h\"i", "/"}) {
         LCFURL url;
         ASSERT_TRUE(url.CreateFromFullPath(path)) << path;
-        EXPECT_EQ(path, UrlPath(url));
+        EXPECT_EQ(path, Copied<1024>(url));
     }
     LCFURL url;
-    EXPECT_EQ("", UrlPath(url));
+    EXPECT_EQ("", Copied<1024>(url));
     url.CreateFromFullPath("/first");
     url.Release();
-    EXPECT_EQ("", UrlPath(url));
+    EXPECT_EQ("", Copied<1024>(url));
 
     // A web address names a file only with the file scheme; what it leaves unencoded is encoded.
     ASSERT_TRUE(url.CreateFromWebURL("file:///tmp/two%20words/x"));
-    EXPECT_EQ("/tmp/two words/x", UrlPath(url));
+    EXPECT_EQ("/tmp/two words/x", Copied<1024>(url));
     ASSERT_TRUE(url.CreateFromWebURL("file:///tmp/a b/100%/\xC3\xA9"));
-    EXPECT_EQ("/tmp/a b/100%/\xC3\xA9", UrlPath(url));
+    EXPECT_EQ("/tmp/a b/100%/\xC3\xA9", Copied<1024>(url));
     ASSERT_TRUE(url.CreateFromWebURL("http://example.com/page.html"));
-    EXPECT_EQ("", UrlPath(url));
+    EXPECT_EQ("", Copied<1024>(url));
 }
 
 TEST(CFBundle, VersionNumbersComeFromTheBundlesInfoFile) {
@@ -168,10 +162,10 @@ TEST_F(FSSpecTest, ItemsTurnBackIntoTheirPaths) {
          {folder + "/Docs/report", folder + "/Docs", std::string("/"), fresh}) {
         LToFSSpec spec(path.c_str());
         ASSERT_TRUE(spec.bValid) << path;
-        EXPECT_EQ(path, SpecPath(spec));
+        EXPECT_EQ(path, Copied<PATH_MAX>(spec));
     }
     EXPECT_EQ(folder + "/Docs/report",
-              SpecPath(LToFSSpec((folder + "/Docs/../Docs/./report").c_str())));
+              Copied<PATH_MAX>(LToFSSpec((folder + "/Docs/../Docs/./report").c_str())));
 }
 
 // Linux paths run far deeper than 260 bytes, so the copy out must keep to the size it is given.
@@ -186,7 +180,7 @@ TEST_F(FSSpecTest, APathIsCutToTheBufferItIsGiven) {
     LToFSSpec spec(path.c_str());
     ASSERT_TRUE(spec.bValid);
     ASSERT_GT(path.size(), 260u);
-    EXPECT_EQ("", SpecPath(LToFSSpec())) << "an invalid record gives nothing";
+    EXPECT_EQ("", Copied<PATH_MAX>(LToFSSpec())) << "an invalid record gives nothing";
 
     // 32 bytes with guards on both sides, the one after long enough to take a whole path.
     std::vector<char> guarded(8 + 32 + path.size() + 8, '#');

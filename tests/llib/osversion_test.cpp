@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 TEST(OSVersion, PacksMinorsUpTo8AsANibbleAndLaterOnesAsTwoDigits) {
-    EXPECT_EQ(0x1040, LMakeMacOSVersion(10, 4));
     EXPECT_EQ(0x1080, LMakeMacOSVersion(10, 8));
     EXPECT_EQ(0x1009, LMakeMacOSVersion(10, 9));
     EXPECT_EQ(0x1010, LMakeMacOSVersion(10, 10));
