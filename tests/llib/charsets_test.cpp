@@ -210,8 +210,10 @@ TEST_P(EachBlockLevel, EncoderAgreesWithTheDecoderAndStopsAtEveryBoundary) {
         const std::string text = RandomText(random, false);
         std::u32string characters;
         ASSERT_EQ(kLCopyDone, Decode(text, text.size() + 1, characters));
+        // Now and then a value past the range, also one that is negative as a wchar_t.
         if (round % 10 == 0 && !characters.empty())
-            characters[random() % characters.size()] = 0x110000 + random() % 1000;
+            characters[random() % characters.size()] =
+                (round % 20 == 0 ? 0x80000000u : 0x110000u) + random() % 1000;
         const unsigned long size = random() % (text.size() + 3) + 1;
         std::string out;
         const int result = Encode(characters, size, out);
