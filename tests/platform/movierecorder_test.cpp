@@ -16,6 +16,7 @@
 
 #include "platform/devices/virtual/testpattern.h"
 #include "platform/videoconverter.h"
+#include "support/colourbars.h"
 #include "support/ffprobe.h"
 #include "support/tempfolder.h"
 
@@ -255,68 +256,6 @@ TEST_F(MovieRecorderTest, AProcessKilledWhileRecordingLeavesAPlayableFile) {
     EXPECT_GE(movie.Find("video")->frames, 30) << "at least a second survives";
 }
 
-namespace {
-
-// The first picture of a recording, decoded, as 'BGRA'; null when there is none.
-CVPixelBufferRef FirstPicture(const std::string& path) {
-    AVFormatContext* format = nullptr;
-    if (avformat_open_input(&format, path.c_str(), nullptr, nullptr) != 0)
-        return nullptr;
-    CVPixelBufferRef result = nullptr;
-    const AVCodec* codec = nullptr;
-    const int stream = av_find_best_stream(format, AVMEDIA_TYPE_VIDEO, -1, -1, &codec, 0);
-    AVCodecContext* context = codec != nullptr ? avcodec_alloc_context3(codec) : nullptr;
-    AVPacket* packet = av_packet_alloc();
-    AVFrame* frame = av_frame_alloc();
-    if (stream >= 0 && context != nullptr &&
-        avcodec_parameters_to_context(context, format->streams[stream]->codecpar) == 0 &&
-        avcodec_open2(context, codec, nullptr) == 0) {
-        bool decoded = false;
-        while (!decoded && av_read_frame(format, packet) == 0) {
-            if (packet->stream_index == stream && avcodec_send_packet(context, packet) == 0)
-                decoded = avcodec_receive_frame(context, frame) == 0;
-            av_packet_unref(packet);
-        }
-        if (!decoded && avcodec_send_packet(context, nullptr) == 0)
-            decoded = avcodec_receive_frame(context, frame) == 0;
-        CVPixelBufferRef planar = nullptr;
-        if (decoded && frame->format == AV_PIX_FMT_YUV420P &&
-            CVPixelBufferCreate(nullptr, size_t(frame->width), size_t(frame->height),
-                                kCVPixelFormatType_420YpCbCr8Planar, nullptr,
-                                &planar) == kCVReturnSuccess) {
-            for (int plane = 0; plane < 3; ++plane)
-                for (int row = 0; row < int(planar->layout.planeHeight[plane]); ++row)
-                    memcpy(planar->base + planar->layout.planeOffset[plane] +
-                               size_t(row) * planar->layout.bytesPerRow[plane],
-                           frame->data[plane] + row * frame->linesize[plane],
-                           planar->layout.planeWidth[plane]);
-            VideoConverter converter;
-            result = converter.Convert(planar, kCVPixelFormatType_32BGRA, 0, 0);
-            CVPixelBufferRelease(planar);
-        } else if (decoded && CVPixelBufferCreate(nullptr, size_t(frame->width),
-                                                  size_t(frame->height), kCVPixelFormatType_32BGRA,
-                                                  nullptr, &result) == kCVReturnSuccess) {
-            // Other samplings (DV's 4:1:1) through libswscale.
-            SwsContext* scaler = sws_getContext(
-                frame->width, frame->height, static_cast<AVPixelFormat>(frame->format),
-                frame->width, frame->height, AV_PIX_FMT_BGRA,
-                SWS_POINT | SWS_ACCURATE_RND | SWS_FULL_CHR_H_INT, nullptr, nullptr, nullptr);
-            uint8_t* out[4] = {result->base, nullptr, nullptr, nullptr};
-            int outStrides[4] = {int(result->layout.bytesPerRow[0]), 0, 0, 0};
-            if (scaler != nullptr)
-                sws_scale(scaler, frame->data, frame->linesize, 0, frame->height, out, outStrides);
-            sws_freeContext(scaler);
-        }
-    }
-    av_frame_free(&frame);
-    av_packet_free(&packet);
-    avcodec_free_context(&context);
-    avformat_close_input(&format);
-    return result;
-}
-
-} // namespace
-
 // The recorder converts each pixel format it is handed to what the encoder takes with the
 // picture's colours: the test camera's bars come back from the file, within what H.264 loses;
 // and from DV in NTSC's 4:1:1, which libyuv does not write.
@@ -358,19 +297,19 @@ TEST_F(MovieRecorderTest, PicturesKeepTheirColoursInEveryInputFormat) {
             recorder->Finish();
             CVPixelBufferRelease(picture);
 
-            CVPixelBufferRef decoded = FirstPicture(path);
-            ASSERT_NE(nullptr, decoded);
+            // The first picture, decoded by ffmpeg on its own.
+            const RGBImage decoded =
+                ReadPPMFrom("ffmpeg -v error -i '" + path +
+                            "' -frames:v 1 -f image2pipe -c:v ppm - 2>/dev/null");
+            ASSERT_EQ(int(width), decoded.width);
             // The middle of each bar, below the frame counter.
             for (size_t bar = 0; bar < 8; ++bar) {
                 const size_t x = (2 * bar + 1) * width / 16, y = height * 5 / 6;
                 uint8_t rgb[3];
                 TestPattern::Pixel(width, height, 0, x, y, rgb);
-                const uint8_t* p = decoded->base + y * decoded->layout.bytesPerRow[0] + x * 4;
-                EXPECT_NEAR(rgb[0], p[2], 6) << "bar " << bar;
-                EXPECT_NEAR(rgb[1], p[1], 6) << "bar " << bar;
-                EXPECT_NEAR(rgb[2], p[0], 6) << "bar " << bar;
+                for (int c = 0; c < 3; ++c)
+                    EXPECT_NEAR(rgb[c], decoded.At(int(x), int(y))[c], 6) << "bar " << bar;
             }
-            CVPixelBufferRelease(decoded);
         }
 }
 
