@@ -107,7 +107,7 @@ void WithFrame(const std::string& node, uint32_t fourcc,
     ASSERT_EQ(V4L2Camera::Status::Ok, camera.start(4));
     V4L2Frame frame;
     for (int i = 0; i < 3; ++i)
-        ASSERT_EQ(V4L2Camera::Wait::Frame, camera.waitFrame(10000, frame));
+        ASSERT_EQ(V4L2Camera::Wait::Frame, camera.waitFrame(30000, frame));
     use(camera, frame);
     frame.requeue();
 }

@@ -199,7 +199,7 @@ TEST(V4L2Streaming, FramesComeInOrderAndAHeldFrameOutlivesTheStream) {
     uint32_t lastSequence = 0;
     double firstTime = 0, lastTime = 0;
     for (int i = 0; i < 5; ++i) {
-        ASSERT_EQ(V4L2Camera::Wait::Frame, camera.waitFrame(5000, frame)) << "frame " << i;
+        ASSERT_EQ(V4L2Camera::Wait::Frame, camera.waitFrame(30000, frame)) << "frame " << i;
         EXPECT_GE(frame.bytesUsed, 320u * 180 * 2);
         // Frames come in the order they were captured: neither time nor sequence number goes
         // back (gaps for frames the driver lost; a wrap at 32 bits as any counter does; vivid
