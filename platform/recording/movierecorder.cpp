@@ -111,6 +111,21 @@ void FreeFrame(AVFrame* frame) {
     av_frame_free(&frame);
 }
 
+// A frame of `samples` sound samples in the encoder's format, its buffers allocated; null when
+// memory ran out.
+AVFrame* NewSoundFrame(const AVCodecContext* codec, int samples) {
+    AVFrame* frame = av_frame_alloc();
+    if (frame == nullptr)
+        return nullptr;
+    frame->format = codec->sample_fmt;
+    frame->nb_samples = samples;
+    frame->sample_rate = codec->sample_rate;
+    if (av_channel_layout_copy(&frame->ch_layout, &codec->ch_layout) < 0 ||
+        av_frame_get_buffer(frame, 0) < 0)
+        av_frame_free(&frame); // sets frame to null
+    return frame;
+}
+
 } // namespace
 
 struct MovieRecorder::Implementation {
@@ -507,17 +522,9 @@ bool MovieRecorder::Implementation::AppendAudio(const void* const buffers[], int
                 SampleToFloat(sample, audioSettings);
         }
     }
-    AVFrame* frame = av_frame_alloc();
+    AVFrame* frame = NewSoundFrame(audioCodec, sampleFrames);
     if (frame == nullptr)
         return false;
-    frame->format = audioCodec->sample_fmt;
-    frame->nb_samples = sampleFrames;
-    frame->sample_rate = audioCodec->sample_rate;
-    av_channel_layout_copy(&frame->ch_layout, &audioCodec->ch_layout);
-    if (av_frame_get_buffer(frame, 0) < 0) {
-        FreeFrame(frame);
-        return false;
-    }
     const uint8_t* input[1] = {reinterpret_cast<const uint8_t*>(audioScratch.data())};
     if (swr_convert(resampler, frame->data, sampleFrames, input, sampleFrames) != sampleFrames) {
         FreeFrame(frame);
@@ -595,17 +602,9 @@ bool MovieRecorder::Implementation::EncodeAudio(AVFrame* frame) {
     const auto encodeHeld = [&](bool all) {
         while (av_audio_fifo_size(audioFifo) >= chunk ||
                (all && av_audio_fifo_size(audioFifo) > 0)) {
-            AVFrame* piece = av_frame_alloc();
+            AVFrame* piece = NewSoundFrame(audioCodec, chunk);
             if (piece == nullptr)
                 return false;
-            piece->format = audioCodec->sample_fmt;
-            piece->nb_samples = chunk;
-            piece->sample_rate = audioCodec->sample_rate;
-            av_channel_layout_copy(&piece->ch_layout, &audioCodec->ch_layout);
-            if (av_frame_get_buffer(piece, 0) < 0) {
-                FreeFrame(piece);
-                return false;
-            }
             av_samples_set_silence(piece->data, 0, chunk, audioCodec->ch_layout.nb_channels,
                                    audioCodec->sample_fmt);
             av_audio_fifo_read(audioFifo, reinterpret_cast<void**>(piece->data), chunk);
