@@ -113,12 +113,6 @@ std::string SizeText(long long bytes) {
     return text;
 }
 
-// The pictures the recorder has not written so far (0 without a recording).
-unsigned long PicturesNotRecorded(unsigned long device) {
-    unsigned long recorded = 0, notRecorded = 0;
-    return TavixDeviceGetRecordingFrameCounts(device, &recorded, &notRecorded) ? notRecorded : 0;
-}
-
 void PrintStatus(unsigned long device, const CaptureStats& stats, const CaptureOptions& options,
                  double elapsed, bool terminal) {
     std::string line;

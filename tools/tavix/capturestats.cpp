@@ -121,3 +121,8 @@ void CountAudioSamples(const unsigned char* samples, unsigned int formatFlags,
     }
     stats.peakLevel = peak;
 }
+
+unsigned long PicturesNotRecorded(unsigned long device) {
+    unsigned long recorded = 0, notRecorded = 0;
+    return TavixDeviceGetRecordingFrameCounts(device, &recorded, &notRecorded) ? notRecorded : 0;
+}

@@ -60,3 +60,7 @@ void CountAudioSamples(const unsigned char* samples, unsigned int formatFlags,
 
 // Seconds on a monotonic clock.
 double MonotonicSeconds();
+
+// The pictures of the device's current or last recording that the recorder did not write (its
+// encoder fell behind, or the file failed); 0 when it has not recorded.
+unsigned long PicturesNotRecorded(unsigned long device);

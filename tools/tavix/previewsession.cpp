@@ -1,5 +1,7 @@
 #include "previewsession.h"
 
+#include "capturestats.h"
+
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
@@ -137,10 +139,7 @@ bool PreviewSession::IsConnected() const {
 }
 
 unsigned long PreviewSession::PicturesNotRecorded() const {
-    unsigned long recorded = 0, notRecorded = 0;
-    return recording && TavixDeviceGetRecordingFrameCounts(device, &recorded, &notRecorded)
-               ? notRecorded
-               : 0;
+    return recording ? ::PicturesNotRecorded(device) : 0;
 }
 
 std::string PreviewSession::NextRecordingPath() const {
