@@ -16,7 +16,7 @@
 # the reason is printed): callers treat it as "skipped". Everything after the boot fails with a
 # non-zero status other than 77, printing the command's output so far and the console's tail: a
 # driver that does not load, a command that does not finish within $TAVIX_VM_TIMEOUT seconds
-# (default 1200), a VM that ends before the command does.
+# (default 2400), a VM that ends before the command does.
 #
 # vivid is loaded with the options in $TAVIX_VM_VIVID (default "n_devs=1": one instance, its
 # capture node with four inputs), e.g. TAVIX_VM_VIVID="n_devs=2 multiplanar=1,2" for a second,
@@ -29,7 +29,7 @@ skip() { echo "devvm: skipped: $*" >&2; exit 77; }
 [ $# -ge 1 ] || { echo "usage: $0 COMMAND [ARG...]" >&2; exit 2; }
 
 cache=${TAVIX_VM_CACHE:-/var/cache/tavix-vm}
-timeout_s=${TAVIX_VM_TIMEOUT:-1200}
+timeout_s=${TAVIX_VM_TIMEOUT:-2400}
 vivid_options=${TAVIX_VM_VIVID:-n_devs=1}
 for tool in qemu-system-x86_64 depmod modprobe; do
   command -v "$tool" >/dev/null 2>&1 || skip "$tool is not installed (scripts/install-deps.sh installs it)"

@@ -9,7 +9,8 @@ endif()
 
 # One VM boot, vivid loaded with `vivid_options`, running the test programs in order. The script
 # gives up on the VM after `limit` seconds, printing what it did so far; CTest's own limit comes
-# later (the first run also downloads the kernel), so that the output is never lost to it.
+# later (the first run also downloads the kernel), so that the output is never lost to it. The
+# limits only catch a hung VM: about four times what a boot takes beside four busy loops.
 function(tavix_vm_test name vivid_options limit)
   set(vm_command "")
   foreach(program ${ARGN})
@@ -29,13 +30,13 @@ endfunction()
 
 # One vivid instance (its capture node with four inputs: webcam, TV, S-Video, HDMI) and the
 # loopback sound card. The fault tests come last: their simulated unplug takes the camera away.
-tavix_vm_test(devices_vm "n_devs=1" 1200 test_devices_v4l2 test_devices_alsa test_devices_backend
+tavix_vm_test(devices_vm "n_devs=1" 2400 test_devices_v4l2 test_devices_alsa test_devices_backend
               test_devices_faults)
 
 # Two instances, the second multiplanar: the multiplanar, input and pixel-format tests, and the
 # `tavix` command's report of what a stalled capture lost.
-tavix_vm_test(devices_vm_inputs "n_devs=2 multiplanar=1,2" 900 test_devices_multiplanar
+tavix_vm_test(devices_vm_inputs "n_devs=2 multiplanar=1,2" 1800 test_devices_multiplanar
               test_devices_inputs test_devices_vivid_formats test_tools_stall)
 
 # Four instances, the last two multiplanar: four cameras and the sound card at once.
-tavix_vm_test(devices_vm_cameras "n_devs=4 multiplanar=1,1,2,2" 600 test_devices_cameras)
+tavix_vm_test(devices_vm_cameras "n_devs=4 multiplanar=1,1,2,2" 1200 test_devices_cameras)
