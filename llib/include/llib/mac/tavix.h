@@ -228,6 +228,12 @@ TAVIX_EXPORT bool
 TavixDeviceFormatEnumerateWithCallBack(unsigned long device,
                                        TavixDeviceFormatEnumerateCallBack callBack, void* context);
 
+/* Additions to the original interface: devices that come and go, and their lasting ids. */
+
+/* Additions to the original interface: frame rates. */
+
+/* Additions to the original interface: why a capture or a recording failed. */
+
 #ifdef __cplusplus
 }
 
