@@ -1,6 +1,7 @@
 // Tape transport modes, timecode of captured frames and the timecode-to-milliseconds conversion.
 #include <gtest/gtest.h>
 
+#include "platform/devices/virtual/tapetransport.h"
 #include "platform/foundation.h"
 #include "platform/virtualdevices.h"
 #include "support/tavix_helpers.h"
@@ -45,6 +46,22 @@ TEST(SMPTE2Milliseconds, ScalesFramesByTheNominalRateOfTheTypeAndWraps) {
         EXPECT_EQ(c.milliseconds, TavixDeviceSMPTE2Milliseconds(&c.time))
             << c.time.mHours << ":" << c.time.mMinutes << ":" << c.time.mSeconds << "."
             << c.time.mFrames << " type " << c.time.mType;
+}
+
+// A frame made late, after a transport change, shows the tape as it was when the frame fell
+// due: a loaded machine must not show a stopped tape's frame as running, nor the tape twice.
+TEST(TapeTransport, AFrameDueBeforeAChangeShowsTheTapeAsItWas) {
+    TapeTransport tape(25);
+    tape.SetState({10000, 1}, 10.0); // play
+    tape.SetState({19000, 0}, 11.0); // wind at 19 times
+    tape.SetState({0, 0}, 12.0);     // stop
+    const TapeTransport::Frame late = tape.At(11.98), stopped = tape.At(12.02);
+    EXPECT_EQ(490, late.position); // 25 played, then 0.98 s of winding at 475 a second
+    EXPECT_FALSE(late.pictures) << "winding";
+    EXPECT_TRUE(late.timecode.mFlags & kSMPTETimeRunning);
+    EXPECT_EQ(25 + 475, stopped.position);
+    EXPECT_TRUE(stopped.pictures);
+    EXPECT_FALSE(stopped.timecode.mFlags & kSMPTETimeRunning);
 }
 
 class TransportTest : public ::testing::Test {

@@ -8,53 +8,48 @@ TapeTransport::TapeTransport(double framesPerSecond) : rate(framesPerSecond) {}
 
 platform::TransportState TapeTransport::State() const {
     std::lock_guard<std::mutex> locked(mutex);
-    return state;
+    return current.state;
 }
 
-double TapeTransport::PositionAt(double now) const {
+double TapeTransport::Stretch::PositionAt(double framesPerSecond, double at) const {
     double framesPerFrame = 0;
     if (state.playbackMode == 1)
         framesPerFrame = state.speed / 10000.0;
     else if (state.speed != 0)
         framesPerFrame = state.speed / 1000.0;
-    return std::max(0.0, anchorPosition + framesPerFrame * rate * (now - anchorTime));
+    return std::max(0.0, anchorPosition + framesPerFrame * framesPerSecond * (at - anchorTime));
 }
 
 void TapeTransport::SetState(const platform::TransportState& newState, double now) {
     std::lock_guard<std::mutex> locked(mutex);
-    anchorPosition = PositionAt(now);
-    anchorTime = now;
-    state = newState;
+    previous = current;
+    current.anchorPosition = previous.PositionAt(rate, now);
+    current.anchorTime = now;
+    current.state = newState;
 }
 
-long long TapeTransport::Position(double now) const {
+TapeTransport::Frame TapeTransport::At(double at) const {
+    Frame frame;
     std::lock_guard<std::mutex> locked(mutex);
-    return static_cast<long long>(std::floor(PositionAt(now) + 1e-9));
-}
+    const Stretch& stretch = at < current.anchorTime ? previous : current;
+    frame.position = static_cast<long long>(std::floor(stretch.PositionAt(rate, at) + 1e-9));
+    frame.pictures = stretch.state.playbackMode == 1 || stretch.state.speed == 0;
 
-bool TapeTransport::DeliversPictures() const {
-    std::lock_guard<std::mutex> locked(mutex);
-    return state.playbackMode == 1 || state.speed == 0;
-}
-
-SMPTETime TapeTransport::Timecode(long long position) const {
-    SMPTETime time;
+    SMPTETime& time = frame.timecode;
     memset(&time, 0, sizeof time);
     const long long perSecond = static_cast<long long>(std::lround(rate));
     time.mType = perSecond == 25   ? kSMPTETimeType25
                  : perSecond == 24 ? kSMPTETimeType24
                                    : kSMPTETimeType30;
     time.mFlags = kSMPTETimeValid;
-    {
-        std::lock_guard<std::mutex> locked(mutex);
-        if (state.speed != 0)
-            time.mFlags |= kSMPTETimeRunning;
-    }
+    if (stretch.state.speed != 0)
+        time.mFlags |= kSMPTETimeRunning;
+    const long long position = frame.position;
     time.mCounter = static_cast<UInt32>(position);
     time.mFrames = static_cast<SInt16>(position % perSecond);
     const long long seconds = position / perSecond;
     time.mSeconds = static_cast<SInt16>(seconds % 60);
     time.mMinutes = static_cast<SInt16>((seconds / 60) % 60);
     time.mHours = static_cast<SInt16>((seconds / 3600) % 24);
-    return time;
+    return frame;
 }

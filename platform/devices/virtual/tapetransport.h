@@ -14,18 +14,25 @@ public:
     explicit TapeTransport(double framesPerSecond);
     platform::TransportState State() const;
     void SetState(const platform::TransportState& state, double now);
-    // The tape position, in whole frames, at time now.
-    long long Position(double now) const;
-    // Whether pictures of the tape come out at time now (not while winding).
-    bool DeliversPictures() const;
-    // The timecode of a frame position.
-    SMPTETime Timecode(long long position) const;
+    // The tape at time `at`, as the transport state in effect then moved it: a frame that fell
+    // due before the last change but is made after it still shows the tape as it was.
+    struct Frame {
+        long long position = 0; // whole frames
+        bool pictures = true;   // pictures come out (not while winding)
+        SMPTETime timecode{};
+    };
+    Frame At(double at) const;
 
 private:
-    double PositionAt(double now) const;
+    // One stretch of constant motion: the state set at anchorTime, the tape then at
+    // anchorPosition.
+    struct Stretch {
+        platform::TransportState state;
+        double anchorPosition = 0; // frames
+        double anchorTime = 0;
+        double PositionAt(double rate, double at) const;
+    };
     mutable std::mutex mutex;
     double rate;
-    platform::TransportState state;
-    double anchorPosition = 0; // frames, at anchorTime
-    double anchorTime = 0;
+    Stretch current, previous;
 };

@@ -98,11 +98,11 @@ private:
             uint64_t pictureNumber = videoFrames - 1;
             bool picture = true;
             if (spec.transport) {
-                const long long position = device->transport.Position(due);
-                pictureNumber = static_cast<uint64_t>(position);
-                picture = device->transport.DeliversPictures();
+                const TapeTransport::Frame tape = device->transport.At(due);
+                pictureNumber = static_cast<uint64_t>(tape.position);
+                picture = tape.pictures;
                 sample.hasTimecode = picture;
-                sample.timecode = device->transport.Timecode(position);
+                sample.timecode = tape.timecode;
             }
             if (picture) {
                 sample.video = pool->CreatePixelBuffer();
