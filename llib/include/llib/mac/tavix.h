@@ -32,14 +32,15 @@
      StopRecording or StopCapture in the same call: the new callback runs on a capture thread
      of its own, never inside the current call;
    - the queries (TavixDeviceIsCapturing, TavixDeviceIsOpened, TavixDeviceGetSMPTETime,
-     TavixDeviceGetRecordingFrameCounts, the transport calls).
+     TavixDeviceGetRecordingFrameCounts, TavixDeviceGetLastError, the transport calls).
    Everything the running call uses stays valid until it returns. A callback must not wait for
    another thread that calls into the library for the same device (invalidating, reading the
    timecode, stopping), which waits for the callback in turn. For the same reason a callback
-   must not call TavixDeviceGet, TavixDeviceRetain or TavixDeviceRelease (for any device) while
-   another thread may release the last reference of the callback's device before stopping its
-   capture: that release holds the library's handle lock while it waits for the running
-   callback to return, and those three calls wait for that lock.
+   must not call TavixDeviceGet (or another look-up that returns a handle), TavixDeviceRetain
+   or TavixDeviceRelease, for any device, while another thread may release the last reference
+   of the callback's device before stopping its capture: that release holds the library's
+   handle lock while it waits for the running callback to return, and those calls wait for
+   that lock.
 
    Usable from C (C99) and C++. */
 #ifndef LLIB_MAC_TAVIX_H
@@ -153,12 +154,12 @@ TAVIX_EXPORT bool TavixDeviceCloseAllAudioDevices(void);
    output). pixelFormat, width, height: 0 lets the device choose. Sound: format flags (0: 12,
    signed packed integers), rate (0: 44100), channels (0: 2), bytes per sample (0: 2).
    outputFilePath: a movie file to record into (.mov, .mp4, .mkv; NULL: none). False when the
-   device input, the video output or the recording could not be added (capture is then torn
-   down, and nothing runs): a video output is refused for a pixel format or a size (over 16384
-   pixels a side) the library cannot deliver, or on a device without pictures; a recording for
-   a file that cannot be created (a missing folder, no permission, a folder, an empty path). A
-   sound wish the library cannot meet (over 32 channels, a rate over 1 MHz, samples that are
-   neither 1- to 4-byte integers nor 4- or 8-byte floats), or sound from a device without any,
+   device input, the video output or the recording could not be added (a running capture is
+   then torn down; nothing runs afterwards): a video output is refused for a pixel format or a size
+   (over 16384 pixels a side) the library cannot deliver, or on a device without pictures; a
+   recording for a file that cannot be created (a missing folder, no permission, a folder, an empty
+   path). A sound wish the library cannot meet (over 32 channels, a rate over 1 MHz, samples that
+   are neither 1- to 4-byte integers nor 4- or 8-byte floats), or sound from a device without any,
    is refused too, but capture goes on without sound and the start answers true:
    TavixDeviceGetLastError tells the host. A file that fails while being written (a full disk)
    ends the recording without disturbing capture; what was written before plays. A second
@@ -255,7 +256,7 @@ TavixDeviceFormatEnumerateWithCallBack(unsigned long device,
    last TavixDeviceStartCapture (or ...WithAudioDevice) call was refused (the device input, the
    video output, the recording, or the sound: a start that answered true with an error
    captures without what the error names), then why the current or the last recording failed
-   while it was written (a full disk, the file removed). Copies at most size bytes into message,
+   while it was written (a full disk). Copies at most size bytes into message,
    cut between whole characters and always terminated when size is not 0; message may be NULL
    when size is 0, to ask only whether there is an error. True when there is one; false, with
    message empty, when there is none or the handle is invalid. Each start clears what came
