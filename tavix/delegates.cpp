@@ -132,6 +132,12 @@ void TavixDeviceDecompressedAudioOutputDelegate::captureOutput(QTCaptureOutput*,
                    AudioCallBackData);
 }
 
+bool TavixDeviceDecompressedAudioOutputDelegate::wantedFormat(
+    AudioStreamBasicDescription* format) const {
+    *format = OutputStreamDescription; // set once, when the delegate is made
+    return true;
+}
+
 bool TavixDeviceDecompressedAudioOutputDelegate::invalidateAudioCallBack(
     TavixDeviceAudioCallBack callBack, long callBackData) {
     LLockObjectLocker locked(DelegateMutex);

@@ -6,7 +6,8 @@
 
 #include "llib/mac/genutils.h"
 
-TavixDevice TavixDevices[kTavixDeviceCount];
+// Built before the load-time set-up clears it (1001): a slot holds error texts.
+TavixDevice TavixDevices[kTavixDeviceCount] __attribute__((init_priority(1000)));
 
 namespace {
 
@@ -40,6 +41,12 @@ bool EqualIgnoringASCIICase(const char* a, const char* b) {
         if (x == 0)
             return true;
     }
+}
+
+// Adds the session's reason for a refusal (or fallback when it gave none) to the slot's text.
+void NoteRefusal(std::string& text, const NSError* error, const char* fallback) {
+    const char* reason = error != nullptr ? error->localizedDescription() : fallback;
+    text += (text.empty() ? "" : " ") + std::string(reason);
 }
 
 void CopyName(char (&target)[260], const char* name) {
@@ -180,6 +187,8 @@ void TavixDevice::Clear() {
     pMovieFileOutput = nullptr;
     bRecorded = false;
     dwFramesRecorded = dwFramesNotRecorded = 0;
+    sStartError.clear();
+    sRecordingError.clear();
     nRefCount = 0;
 }
 
@@ -318,12 +327,16 @@ bool TavixDevice::StartCapture(TavixDeviceVideoCallBack videoCallBack, long vide
                                unsigned long channels, unsigned long bytesPerSample,
                                const char* outputFilePath) {
     NSError* error = nullptr;
+    sStartError.clear();
+    if (pMovieFileOutput == nullptr)
+        sRecordingError.clear();
     if (pSession == nullptr)
         pSession = new QTCaptureSession;
     if (pDeviceInput == nullptr) {
         pDeviceInput = new QTCaptureDeviceInput(pDevice);
         error = nullptr;
         if (!pSession->addInput(pDeviceInput, &error)) {
+            NoteRefusal(sStartError, error, "The session refused the device.");
             StopCapture();
             return false;
         }
@@ -355,18 +368,28 @@ bool TavixDevice::StartCapture(TavixDeviceVideoCallBack videoCallBack, long vide
         }
         error = nullptr;
         if (!pSession->addOutput(pVideoOutput, &error)) {
+            NoteRefusal(sStartError, error, "The session refused the video output.");
             StopCapture();
             return false;
         }
     }
     if (audioCallBack != nullptr) {
+        if (!HasMediaType(pDevice, TavixDeviceMediaTypeSound) && pAudioDevice == nullptr &&
+            szAudioDeviceName[0] != 0)
+            NoteRefusal(
+                sStartError, nullptr,
+                ("No sound device named \"" + std::string(szAudioDeviceName) + "\" was found.")
+                    .c_str());
         if (!HasMediaType(pDevice, TavixDeviceMediaTypeSound) && pAudioDevice != nullptr) {
             error = nullptr;
-            if (pAudioDevice->open(&error) && pAudioDeviceInput == nullptr) {
+            if (!pAudioDevice->open(&error)) {
+                NoteRefusal(sStartError, error, "The sound device did not open.");
+            } else if (pAudioDeviceInput == nullptr) {
                 pAudioDeviceInput = new QTCaptureDeviceInput(pAudioDevice);
                 error = nullptr;
-                pSession->addInput(pAudioDeviceInput,
-                                   &error); // a refusal leaves capture without this sound
+                // A refusal leaves capture without this sound.
+                if (!pSession->addInput(pAudioDeviceInput, &error))
+                    NoteRefusal(sStartError, error, "The session refused the sound device.");
             }
         }
         if (pAudioDelegate == nullptr)
@@ -378,6 +401,7 @@ bool TavixDevice::StartCapture(TavixDeviceVideoCallBack videoCallBack, long vide
         pAudioOutput->setDelegate(pAudioDelegate);
         error = nullptr;
         if (!pSession->addOutput(pAudioOutput, &error)) {
+            NoteRefusal(sStartError, error, "The session refused the audio output.");
             pAudioOutput->setDelegate(nullptr);
             NSReleaseIfSet(pAudioOutput);
             NSReleaseIfSet(pAudioDelegate);
@@ -389,6 +413,7 @@ bool TavixDevice::StartCapture(TavixDeviceVideoCallBack videoCallBack, long vide
             NSURL::fileURLWithPath(NSString::stringWithUTF8String(outputFilePath)));
         error = nullptr;
         if (!pSession->addOutput(pMovieFileOutput, &error)) {
+            NoteRefusal(sStartError, error, "The session refused the recording.");
             NSReleaseIfSet(pMovieFileOutput); // never recorded: no counts to keep
             StopCapture();
             return false;
@@ -437,7 +462,16 @@ void TavixDevice::EndRecording() {
     if (pSession != nullptr)
         pSession->removeOutput(pMovieFileOutput);
     GetRecordingFrameCounts(&dwFramesRecorded, &dwFramesNotRecorded);
+    sRecordingError = pMovieFileOutput->failureReason();
     NSReleaseIfSet(pMovieFileOutput);
+}
+
+std::string TavixDevice::GetLastError() const {
+    const std::string recording =
+        pMovieFileOutput != nullptr ? pMovieFileOutput->failureReason() : sRecordingError;
+    if (sStartError.empty() || recording.empty())
+        return sStartError + recording;
+    return sStartError + " " + recording;
 }
 
 bool TavixDevice::GetRecordingFrameCounts(unsigned long* recorded,

@@ -2,6 +2,8 @@
 // host's callbacks.
 #pragma once
 
+#include <string>
+
 #include "llib/gen/mutex.h"
 #include "llib/mac/tavix.h"
 #include "platform/qtkit.h"
@@ -63,6 +65,8 @@ public:
                                                unsigned long bytesPerSample);
     void captureOutput(QTCaptureOutput* output, QTSampleBuffer* sampleBuffer,
                        QTCaptureConnection* connection) override;
+    // The host's format (OutputStreamDescription), so the session can refuse one it cannot make.
+    bool wantedFormat(AudioStreamBasicDescription* format) const override;
     bool invalidateAudioCallBack(TavixDeviceAudioCallBack callBack, long callBackData);
 
     TavixDeviceAudioCallBack pAudioCallBack;
@@ -118,6 +122,10 @@ public:
     // when no recording has started since the slot was taken.
     bool GetRecordingFrameCounts(unsigned long* recorded, unsigned long* notRecorded) const;
     bool IsCapturing() const;
+    // Why the last start refused something, followed by why the current or last recording
+    // failed; empty when neither happened. Each start clears what came before it, except the
+    // failure of a recording that is still in the session.
+    std::string GetLastError() const;
     bool InvalidateCaptureVideoCallBack(TavixDeviceVideoCallBack callBack, long callBackData);
     bool InvalidateCaptureAudioCallBack(TavixDeviceAudioCallBack callBack, long callBackData);
 
@@ -145,6 +153,8 @@ public:
     QTCaptureMovieFileOutput* pMovieFileOutput;
     bool bRecorded; // a recording has started since the slot was taken
     unsigned long dwFramesRecorded, dwFramesNotRecorded; // of the last recording that ended
+    std::string sStartError;     // the sentences of what the last start was refused
+    std::string sRecordingError; // why the last recording that ended failed
     int nRefCount;
 };
 

@@ -3,6 +3,7 @@
 #include "tavixdeviceformat.h"
 
 #include <cstdlib>
+#include <mutex>
 #include <strings.h>
 
 #include "llib/gen/llibbase.h"
@@ -14,6 +15,32 @@ LList<TavixDeviceData<TavixDeviceFormatHolder>> DevicesFormats __attribute__((in
 LList<TavixDeviceData<TavixDeviceFormat>> DefaultVideoFormats __attribute__((init_priority(1009)));
 
 namespace {
+
+// Guards the two cache lists, so threads may enumerate different devices at once. Never held
+// while a device is probed or a host's enumerator runs: a probe takes seconds (and on the main
+// thread dispatches events, which may enumerate again), and an enumerator may call back in.
+// Nodes are filled before they are linked and stay until unload, so a found node is read
+// without the lock.
+std::mutex cacheMutex;
+
+template <class T>
+T* FindCached(LList<TavixDeviceData<T>>& list, const char* id) {
+    std::lock_guard<std::mutex> locked(cacheMutex);
+    return TavixFindDeviceData(list, id);
+}
+
+// Links a filled node, unless another thread cached the device meanwhile: then the node is
+// dropped and the first answer kept. Returns the cached data.
+template <class T>
+T* Cache(LList<TavixDeviceData<T>>& list, TavixDeviceData<T>* node) {
+    std::lock_guard<std::mutex> locked(cacheMutex);
+    if (T* earlier = TavixFindDeviceData(list, node->szDeviceID)) {
+        delete node;
+        return earlier;
+    }
+    list.Add(node);
+    return &node->Data;
+}
 
 // Empties both caches at unload, the default formats first (the reverse of their set-up).
 struct FormatCachesTearDown {
@@ -191,12 +218,11 @@ bool EnumerateVideo(QTCaptureDevice* device, NSDictionary* attributes,
     if (muxed)
         return ReportVideoSizes(enumerator, kFallbackPixelFormat, width, height);
     if (const char* id = UniqueID(device)) {
-        TavixDeviceFormat* known = TavixFindDeviceData(DefaultVideoFormats, id);
+        TavixDeviceFormat* known = FindCached(DefaultVideoFormats, id);
         if (known == nullptr) {
             auto* node = new TavixDeviceData<TavixDeviceFormat>(id);
-            DefaultVideoFormats.Add(node);
-            known = &node->Data;
-            ProbeDefaultVideoFormat(device, known);
+            ProbeDefaultVideoFormat(device, &node->Data);
+            known = Cache(DefaultVideoFormats, node);
         }
         if (known->dwFormat != 0)
             return ReportVideoSizes(enumerator, known->dwFormat, known->dwWidth, known->dwHeight);
@@ -252,17 +278,16 @@ bool TavixDeviceFormatEnumerateEx(QTCaptureDevice* device,
     const char* id = UniqueID(device);
     if (id == nullptr)
         return false;
-    if (TavixDeviceFormatHolder* holder = TavixFindDeviceData(DevicesFormats, id)) {
+    if (TavixDeviceFormatHolder* holder = FindCached(DevicesFormats, id)) {
         holder->EnumerateFormats(*enumerator);
         return holder->IsValid();
     }
     auto* node = new TavixDeviceData<TavixDeviceFormatHolder>(id);
-    DevicesFormats.Add(node);
     NSArray* descriptions = device->formatDescriptions();
     for (size_t i = 0; i < descriptions->count(); ++i)
         TavixDeviceFormatEnumerateEx(
             device, static_cast<QTFormatDescription*>(descriptions->objectAtIndex(i)), &node->Data);
     node->Data.Sort();
-    node->Data.EnumerateFormats(*enumerator);
+    Cache(DevicesFormats, node)->EnumerateFormats(*enumerator);
     return true;
 }

@@ -6,12 +6,22 @@
 
 namespace {
 constexpr double kWaitForOtherStreamSeconds = 1.0;
+
+std::string FailureText(const std::string& path, const std::string& reason) {
+    return "The recording to " + path + " failed: " + reason + ".";
 }
+
+// A file that failed while being written keeps what reached the disk before.
+std::string WrittenFileFailureText(const std::string& path, const std::string& reason) {
+    return FailureText(path, reason + "; what was written before the failure plays");
+}
+} // namespace
 
 struct QTCaptureMovieFileOutput::Recording {
     std::string path;
     std::unique_ptr<MovieRecorder> recorder;
     bool gaveUp = false;
+    std::string whyGaveUp;
     uint64_t otherSizedPictures = 0; // not recorded: the file keeps its first picture size
     double firstSample = -1;
     bool haveVideo = false, haveAudio = false;
@@ -86,7 +96,23 @@ void QTCaptureMovieFileOutput::Finish() {
         last.bytes = figures.bytesWritten;
         last.failed = figures.failed;
         last.recording = false;
+        lastFailure = figures.failed
+                          ? WrittenFileFailureText(ending->path, ending->recorder->FailureReason())
+                          : std::string();
+    } else if (ending != nullptr) {
+        std::lock_guard<std::mutex> locked(mutex);
+        lastFailure = ending->gaveUp ? ending->whyGaveUp : std::string();
     }
+}
+
+std::string QTCaptureMovieFileOutput::failureReason() const {
+    std::lock_guard<std::mutex> locked(mutex);
+    if (recording == nullptr)
+        return lastFailure;
+    if (recording->recorder == nullptr)
+        return recording->gaveUp ? recording->whyGaveUp : std::string();
+    const std::string reason = recording->recorder->FailureReason();
+    return reason.empty() ? reason : WrittenFileFailureText(recording->path, reason);
 }
 
 QTCaptureMovieFileOutput::Statistics QTCaptureMovieFileOutput::statistics() const {
@@ -152,14 +178,18 @@ void QTCaptureMovieFileOutput::Deliver(const platform::CapturedSample& sample, Q
             return;
         if (!active->haveVideo && !active->haveAudio) {
             active->gaveUp = true;
+            active->whyGaveUp = FailureText(active->path, "no picture or sound came to record");
             return;
         }
+        std::string why;
         active->recorder =
             MovieRecorder::Create(active->path, active->haveVideo ? &active->video : nullptr,
-                                  active->haveAudio ? &active->audio : nullptr);
+                                  active->haveAudio ? &active->audio : nullptr, &why);
         if (active->recorder == nullptr) {
-            // An unwritable path ends the recording; capture goes on.
+            // A file that cannot be made now (its folder went away since the session took the
+            // output) ends the recording; capture goes on.
             active->gaveUp = true;
+            active->whyGaveUp = FailureText(active->path, why);
             return;
         }
     }

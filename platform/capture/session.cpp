@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "capturethread.h"
+#include "outputchecks.h"
 #include "platform/qtkit.h"
 #include "platform/virtualdevices.h"
 
@@ -52,6 +53,23 @@ void QTCaptureSession::removeInput(QTCaptureInput* input) {
 bool QTCaptureSession::addOutput(QTCaptureOutput* output, NSError** error) {
     if (output == nullptr || virtualdevices::SessionRefusesOutput(output->kind())) {
         NSSetError(error, "The session cannot take this output.");
+        return false;
+    }
+    // Checked against a snapshot of the inputs, without the lock: trying a movie file's path
+    // touches the disk, and the capture threads take the lock for every sample.
+    std::vector<QTCaptureDeviceInput*> present;
+    {
+        std::lock_guard<std::recursive_mutex> locked(mutex);
+        present = inputList;
+        for (QTCaptureDeviceInput* input : present)
+            input->retain();
+    }
+    std::string why;
+    const bool servable = SessionCanServe(output, present, why);
+    for (QTCaptureDeviceInput* input : present)
+        input->release();
+    if (!servable) {
+        NSSetError(error, why.c_str());
         return false;
     }
     {

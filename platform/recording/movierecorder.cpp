@@ -102,6 +102,13 @@ bool IsDVStandard(const MovieVideoSettings& video) {
     return pal || ntsc;
 }
 
+// FFmpeg's words for an error code ("No space left on device").
+std::string ErrorText(int code) {
+    char text[AV_ERROR_MAX_STRING_SIZE] = {0};
+    av_strerror(code, text, sizeof text);
+    return text;
+}
+
 struct QueuedItem {
     AVFrame* frame; // owned; pts already set in its stream's encoder time base
     bool isVideo;
@@ -146,7 +153,8 @@ struct MovieRecorder::Implementation {
     bool Encode(AVCodecContext* codec, AVStream* stream, AVFrame* frame);
     bool EncodeAudio(AVFrame* frame);
     bool WritePacket(AVPacket* packet, AVStream* stream, AVCodecContext* codec);
-    void MarkFailed();
+    // Ends the file's writing; code is FFmpeg's error (AVERROR) for the reason, 0 when none.
+    void MarkFailed(int code);
 
     double RelativeTime(double seconds);
     bool Enqueue(AVFrame* frame, bool isVideo);
@@ -194,6 +202,8 @@ struct MovieRecorder::Implementation {
     bool completed = false;
 
     std::atomic<bool> failed{false};
+    std::atomic<int> failureCode{0}; // the first error that failed the file
+    std::string openFailure;         // why Open gave up
     // Pictures handed in, pictures whose packets reached the file, and pictures that will not:
     // dropped from a full queue, refused once the file failed, or rejected by the converter
     // or the encoder. Those still queued or inside the encoder are in neither of the last two
@@ -216,8 +226,11 @@ bool MovieRecorder::Implementation::Open(const std::string& path, const MovieVid
         return false;
     if (audio != nullptr && !OpenAudio(*audio, container))
         return false;
-    if (avio_open(&format->pb, path.c_str(), AVIO_FLAG_WRITE) < 0)
+    const int opened = avio_open(&format->pb, path.c_str(), AVIO_FLAG_WRITE);
+    if (opened < 0) {
+        openFailure = ErrorText(opened);
         return false;
+    }
 
     AVDictionary* options = nullptr;
     if (container == Container::Matroska) {
@@ -230,8 +243,10 @@ bool MovieRecorder::Implementation::Open(const std::string& path, const MovieVid
     }
     const int written = avformat_write_header(format, &options);
     av_dict_free(&options);
-    if (written < 0)
+    if (written < 0) {
+        openFailure = ErrorText(written);
         return false;
+    }
     avio_flush(format->pb);
     packet = av_packet_alloc();
     if (packet == nullptr)
@@ -541,7 +556,10 @@ bool MovieRecorder::Implementation::AppendAudio(const void* const buffers[], int
     return Enqueue(frame, false);
 }
 
-void MovieRecorder::Implementation::MarkFailed() {
+void MovieRecorder::Implementation::MarkFailed(int code) {
+    int none = 0;
+    if (code < 0)
+        failureCode.compare_exchange_strong(none, code);
     failed = true;
     std::lock_guard<std::mutex> locked(queueMutex);
     for (QueuedItem& item : queue)
@@ -556,8 +574,9 @@ bool MovieRecorder::Implementation::WritePacket(AVPacket* encoded, AVStream* str
     av_packet_rescale_ts(encoded, codec->time_base, stream->time_base);
     encoded->stream_index = stream->index;
     const bool isPicture = stream == videoStream;
-    if (av_interleaved_write_frame(format, encoded) < 0 || format->pb->error < 0) {
-        MarkFailed();
+    const int written = av_interleaved_write_frame(format, encoded);
+    if (written < 0 || format->pb->error < 0) {
+        MarkFailed(written < 0 ? written : format->pb->error);
         return false;
     }
     // Every encoder used here makes one packet of each picture.
@@ -568,7 +587,7 @@ bool MovieRecorder::Implementation::WritePacket(AVPacket* encoded, AVStream* str
         avio_flush(format->pb);
         lastFlush = now;
         if (format->pb->error < 0) {
-            MarkFailed();
+            MarkFailed(format->pb->error);
             return false;
         }
     }
@@ -679,13 +698,14 @@ bool MovieRecorder::Implementation::Finish() {
             EncodeAudio(nullptr);
     }
     // Even after a write error the trailer is attempted: what reached the disk stays playable.
-    const bool trailer = av_write_trailer(format) >= 0;
+    const int trailer = av_write_trailer(format);
     avio_flush(format->pb);
+    const int flushed = format->pb->error;
     bytesWritten = static_cast<uint64_t>(std::max<int64_t>(0, avio_tell(format->pb)));
-    const bool closed = avio_closep(&format->pb) >= 0;
-    completed = trailer && closed && !failed.load();
+    const int closed = avio_closep(&format->pb);
+    completed = trailer >= 0 && flushed >= 0 && closed >= 0 && !failed.load();
     if (!completed)
-        failed = true;
+        MarkFailed(trailer < 0 ? trailer : flushed < 0 ? flushed : closed);
     // Every picture handed in is now either in the file or not: also those a failed file left
     // inside the encoder.
     videoFramesDropped =
@@ -712,14 +732,22 @@ void MovieRecorder::Implementation::Close() {
 
 std::unique_ptr<MovieRecorder> MovieRecorder::Create(const std::string& path,
                                                      const MovieVideoSettings* video,
-                                                     const MovieAudioSettings* audio) {
-    if (path.empty() || (video == nullptr && audio == nullptr))
+                                                     const MovieAudioSettings* audio,
+                                                     std::string* error) {
+    if (path.empty() || (video == nullptr && audio == nullptr)) {
+        if (error != nullptr)
+            *error = path.empty() ? "no file path" : "nothing to record";
         return nullptr;
+    }
     // FFmpeg's chatter (encoder settings, statistics) is not for the host's terminal.
     if (av_log_get_level() > AV_LOG_ERROR)
         av_log_set_level(AV_LOG_ERROR);
     auto implementation = std::make_unique<Implementation>();
     if (!implementation->Open(path, video, audio)) {
+        if (error != nullptr)
+            *error = !implementation->openFailure.empty()
+                         ? implementation->openFailure
+                         : "the container or an encoder is not available";
         // Leave no half-made file behind when the recording never started.
         const bool created =
             implementation->format != nullptr && implementation->format->pb != nullptr;
@@ -758,6 +786,13 @@ MovieRecorderStatistics MovieRecorder::GetStatistics() const {
     statistics.bytesWritten = implementation->bytesWritten.load();
     statistics.failed = implementation->failed.load();
     return statistics;
+}
+
+std::string MovieRecorder::FailureReason() const {
+    if (!implementation->failed.load())
+        return std::string();
+    const int code = implementation->failureCode.load();
+    return code < 0 ? ErrorText(code) : "the file could not be written";
 }
 
 std::string MovieRecorder::GetVideoEncoderName() const {

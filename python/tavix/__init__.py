@@ -21,6 +21,7 @@ from .errors import (
     FormatError,
     RecordingError,
     TavixError,
+    TavixWarning,
 )
 from .session import Frame, Session, Sound
 from .timecode import Timecode, Transport
@@ -41,6 +42,7 @@ __all__ = [
     "Session",
     "Sound",
     "TavixError",
+    "TavixWarning",
     "Timecode",
     "Transport",
     "devices",

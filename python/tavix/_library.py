@@ -128,6 +128,7 @@ _PROTOTYPES = {
         ctypes.c_bool,
         [c_handle, ctypes.POINTER(ctypes.c_ulong), ctypes.POINTER(ctypes.c_ulong)],
     ),
+    "TavixDeviceGetLastError": (ctypes.c_bool, [c_handle, ctypes.c_char_p, ctypes.c_size_t]),
     "TavixDeviceIsTransportAvailable": (ctypes.c_bool, [c_handle]),
     "TavixDeviceGetTransportMode": (ctypes.c_int, [c_handle]),
     "TavixDeviceSetTransportMode": (None, [c_handle, ctypes.c_int]),

@@ -18,8 +18,8 @@ from ._library import (
     lib,
     thread_scope,
 )
-from .errors import DeviceClosedError, DeviceNotFoundError, FormatError, RecordingError, TavixError
-from .session import Frame, Session, Sound
+from .errors import DeviceClosedError, DeviceNotFoundError, FormatError, TavixError
+from .session import Frame, Session, Sound, last_error
 from .timecode import Timecode, Transport
 
 _MEDIA_TYPES = {None: 0, "any": 0, "sound": 1, "audio": 1, "video": 2, "muxed": 3}
@@ -293,6 +293,13 @@ class Device:
             return None
         return recorded.value, not_recorded.value
 
+    @property
+    def last_error(self) -> Optional[str]:
+        """Why the last capture start refused something (sound that capture goes on without),
+        or why the current or last recording failed while being written (a full disk); None
+        when neither happened. Each start clears it."""
+        return last_error(self._handle)
+
     # -- capture ------------------------------------------------------------------------------
 
     def capture(
@@ -409,19 +416,8 @@ def _check_range(name: str, value: Any, bounds: Tuple[int, int]) -> None:
 
 
 def _check_recording_path(record: Union[str, "os.PathLike[str]"]) -> str:
-    """The path as text, once it is known to be writable: the library would only end the
-    recording quietly on a file it cannot write."""
+    """The path as text; the library refuses, with its reason, a file it cannot create."""
     path = os.fspath(record)
     if not isinstance(path, str) or not path:
         raise ValueError(f"record must be a file path, not {record!r}")
-    existed = os.path.exists(path)
-    try:
-        with open(path, "ab"):
-            pass
-    except OSError as error:
-        raise RecordingError(
-            error.errno, f"cannot record to {path!r}: {error.strerror}", path
-        ) from None
-    if not existed:
-        os.unlink(path)
     return path

@@ -20,3 +20,8 @@ class FormatError(TavixError, ValueError):
 
 class RecordingError(TavixError, OSError):
     """The movie file cannot be written."""
+
+
+class TavixWarning(UserWarning):
+    """The library refused a part of a capture that goes on without it (sound it cannot
+    deliver); the message says why."""

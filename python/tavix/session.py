@@ -14,13 +14,14 @@ import ctypes
 import sys
 import threading
 import time
+import warnings
 from typing import TYPE_CHECKING, Any, Callable, Deque, Iterator, Optional, Tuple
 
 import numpy as np
 
 from . import _formats
 from ._library import AudioCallBack, VideoCallBack, lib, thread_scope
-from .errors import TavixError
+from .errors import FormatError, RecordingError, TavixError, TavixWarning
 from .timecode import Timecode
 
 if TYPE_CHECKING:
@@ -127,6 +128,15 @@ def _copy_rows(target: np.ndarray, address: int, bytes_per_row: int) -> Frame:
     return target.view(Frame)
 
 
+def last_error(handle: int) -> Optional[str]:
+    """The library's last capture or recording error for the handle, or None."""
+    text = ctypes.create_string_buffer(4096)
+    with thread_scope():
+        if not lib.TavixDeviceGetLastError(handle, text, len(text)):
+            return None
+    return text.value.decode("utf-8", "replace")
+
+
 class Session:
     """A capture session, returned by ``Device.capture``; capture runs until ``stop()``, the end of
     a ``with`` block around the session, or the device's.
@@ -137,6 +147,9 @@ class Session:
     With ``on_frame`` / ``on_audio`` given, frames / sound go to those callables instead; they
     run on the library's capture threads, so keep them short. An exception a callable raises
     ends the calls to it and is raised again by ``stop()``.
+
+    A start the library refuses raises its reason (``FormatError``, ``RecordingError``). Sound
+    it refuses while capture goes on gives a ``TavixWarning`` and ``sound_refused`` says why.
     """
 
     def __init__(
@@ -214,9 +227,17 @@ class Session:
                     self._audio_callback, 0, flags, self.sample_rate, self.channels,
                     bytes_per_sample, path,
                 )
+        why = last_error(handle)
         if not started:
             self._ended = True
-            raise TavixError(f"capture from {self._device.name!r} did not start")
+            if why is None:
+                raise TavixError(f"capture from {self._device.name!r} did not start")
+            # The library's sentence names the refused part: a recording, or a picture wish.
+            raise (RecordingError if record and "record" in why else FormatError)(why)
+        #: Why the library refused the sound asked for (capture goes on without it), or None.
+        self.sound_refused = why if self.has_sound else None
+        if why is not None:
+            warnings.warn(why, TavixWarning, stacklevel=4)
 
     # -- the library's capture threads --------------------------------------------------------
 

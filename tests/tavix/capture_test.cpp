@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <atomic>
+#include <cstring>
 #include <string>
 #include <thread>
 
@@ -254,23 +255,90 @@ TEST_F(CaptureTest, AnUnopenableCompanionLeavesCaptureWithoutSound) {
     EXPECT_EQ(0, log.sampleFrames.load());
 }
 
-// An unwritable path ends the recording only: the callbacks go on, no file appears, and the
-// recording is not tried again on later frames (a folder made afterwards stays empty).
-TEST_F(CaptureTest, AnUnwritableRecordingEndsOnlyTheRecording) {
-    TempFolder temp{"tavix-unwritable"};
-    const std::string folder = temp.path + "/made later";
-    const std::string path = folder + "/capture.mov";
+std::string LastError(unsigned long handle) {
+    char text[1024] = "untouched";
+    const bool has = TavixDeviceGetLastError(handle, text, sizeof text);
+    EXPECT_EQ(has, text[0] != 0) << text;
+    return text;
+}
+
+// Wishes that can never be met: a refused video output or recording fails the start with
+// nothing running; refused sound leaves capture running without it. Either way the host can
+// read why, and the next start clears it. A refused recording leaves no file behind.
+TEST_F(CaptureTest, ImpossibleWishesAreRefusedWithAReason) {
+    TempFolder temp{"tavix-refusals"};
+    const std::string missing = temp.path + "/gone \xC3\xA9/take.mov";
+    const unsigned int int8Bytes = kAudioFormatFlagIsSignedInteger | kAudioFormatFlagIsPacked;
+    const struct Case {
+        const char* name;
+        bool camera, video, sound; // sound comes from the test microphone beside the camera
+        unsigned long pixelFormat, width;
+        unsigned int flags;
+        unsigned long rate, channels, bytes;
+        std::string path;
+        bool started;
+        const char* reason;
+    } cases[] = {
+        {"pixel format zzzz", true, true, false, 0x7A7A7A7A, 0, 0, 0, 0, 0, "", false, "'zzzz'"},
+        {"pixel format ~0", true, true, false, 0xFFFFFFFF, 0, 0, 0, 0, 0, "", false, "0xFFFFFFFF"},
+        {"too wide", true, true, false, 0, 20000, 0, 0, 0, 0, "", false, "width of 20000"},
+        {"pictures of a microphone", false, true, false, 0, 0, 0, 0, 0, 0, "", false,
+         "delivers pictures"},
+        {"33 channels", true, true, true, 0, 0, 0, 0, 33, 0, "", true, "33 channels"},
+        {"2 MHz", true, true, true, 0, 0, 0, 2000000, 0, 0, "", true, "2000000 Hz"},
+        {"8-byte integers", true, true, true, 0, 0, int8Bytes, 0, 0, 8, "", true, "8-byte integer"},
+        {"sound of a camera alone", true, true, false, 0, 0, 0, 0, 0, 0, "", true,
+         "delivers sound"},
+        {"a missing folder", true, true, false, 0, 0, 0, 0, 0, 0, missing, false,
+         "No such file or directory"},
+        {"a folder", true, true, false, 0, 0, 0, 0, 0, 0, temp.path, false, "Is a directory"},
+        {"an empty path", true, true, false, 0, 0, 0, 0, 0, 0, "-", false, "empty file path"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        DeviceScope scope(c.camera ? OpenCamera()
+                                   : TavixDeviceGet(virtualdevices::kTestMicrophoneName,
+                                                    TavixDeviceMediaTypeSound));
+        ASSERT_TRUE(TavixDeviceOpen(scope.handle));
+        const bool wantsSound = c.sound || c.flags != 0 || c.rate != 0 || c.channels != 0 ||
+                                std::string(c.reason) == "delivers sound";
+        const char* path = c.path.empty() ? nullptr : c.path == "-" ? "" : c.path.c_str();
+        CallbackLog log;
+        const auto start = [&] {
+            return TavixDeviceStartCaptureWithAudioDevice(
+                scope.handle, c.sound ? virtualdevices::kTestMicrophoneName : "Nothing Here",
+                c.video ? LogFrame : nullptr, DataOf(log), c.pixelFormat, c.width, 0,
+                wantsSound ? LogSound : nullptr, DataOf(log), c.flags, c.rate, c.channels, c.bytes,
+                path);
+        };
+        EXPECT_EQ(c.started, start());
+        EXPECT_EQ(c.started, TavixDeviceIsCapturing(scope.handle));
+        EXPECT_NE(std::string::npos, LastError(scope.handle).find(c.reason))
+            << LastError(scope.handle);
+        if (c.started) {
+            ASSERT_TRUE(WaitUntil([&] { return log.frames >= 3; }));
+            EXPECT_EQ(0, log.sampleFrames.load()) << "the refused sound came";
+            TavixDeviceStopCapture(scope.handle);
+            ASSERT_TRUE(StartVideo(scope.handle, log));
+            EXPECT_EQ("", LastError(scope.handle)) << "a start clears the error";
+        }
+    }
+    struct stat info {};
+    EXPECT_NE(0, stat((temp.path + "/gone \xC3\xA9").c_str(), &info)) << "left a folder behind";
+    EXPECT_EQ("", LastError(12345)) << "an invalid handle";
+
+    // A short buffer keeps whole characters: the message is cut before the 2-byte 'é', not in it.
     DeviceScope scope(OpenCamera());
     CallbackLog log;
-    ASSERT_TRUE(StartVideo(scope.handle, log, 0, 0, 0, path.c_str()));
-    // The camera has no sound, so the recorder opens its file on the first picture.
-    ASSERT_TRUE(WaitUntil([&] { return log.frames >= 5; }));
-    ASSERT_EQ(0, mkdir(folder.c_str(), 0755));
-    const int frames = log.frames;
-    EXPECT_TRUE(WaitUntil([&] { return log.frames >= frames + 10; }));
-    EXPECT_TRUE(TavixDeviceStopCapture(scope.handle));
-    struct stat info {};
-    EXPECT_NE(0, stat(path.c_str(), &info)) << "the recording was tried again";
+    ASSERT_FALSE(StartVideo(scope.handle, log, 0, 0, 0, missing.c_str()));
+    const std::string whole = LastError(scope.handle);
+    const size_t at = whole.find("\xC3\xA9");
+    ASSERT_NE(std::string::npos, at) << whole;
+    char cut[512];
+    memset(cut, 'x', sizeof cut);
+    EXPECT_TRUE(TavixDeviceGetLastError(scope.handle, cut, at + 2));
+    EXPECT_EQ(whole.substr(0, at), cut);
+    EXPECT_TRUE(TavixDeviceGetLastError(scope.handle, nullptr, 0));
 }
 
 TEST_F(CaptureTest, InvalidationClearsAMatchingCallbackOrData) {

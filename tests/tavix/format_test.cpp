@@ -1,6 +1,7 @@
 // Format records and sets, the checkers, the per-device caches and format discovery with its
 // default-format probe.
 #include <gtest/gtest.h>
+#include <atomic>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -182,18 +183,32 @@ TEST_F(DiscoveryTest, AFailedProbeFallsBackAndIsNotRetried) {
     EXPECT_EQ(kFallback, again.seen[0].second.dwFormat);
 }
 
-TEST_F(DiscoveryTest, TheProbeWorksOffTheMainThreadToo) {
+// Two threads enumerate two devices for the first time at once, as the per-device rule allows:
+// each probe runs off the main thread and both land in the shared caches. The handles are got
+// first, so the two enumerations meet in the caches (ThreadSanitizer, in the sanitizer build).
+TEST_F(DiscoveryTest, TheProbeWorksOffTheMainThreadForTwoDevicesAtOnce) {
     AddCamera("Threaded Camera", 160, 120);
-    Recorder found;
-    std::thread worker([&] {
-        void* pool = TavixThreadInit();
-        EXPECT_FALSE(TavixIsMainThread());
-        found = Enumerate("Threaded Camera", TavixDeviceMediaTypeVideo);
-        TavixThreadDestroy(pool);
-    });
-    worker.join();
-    EXPECT_EQ((Sizes{{160, 120}}), found.Sizes());
-    EXPECT_EQ(k2vuy, found.seen[0].second.dwFormat);
+    AddCamera("Other Threaded Camera", 320, 240);
+    DeviceScope first(TavixDeviceGet("Threaded Camera", TavixDeviceMediaTypeVideo));
+    DeviceScope second(TavixDeviceGet("Other Threaded Camera", TavixDeviceMediaTypeVideo));
+    const unsigned long handles[] = {first.handle, second.handle};
+    Recorder found[2];
+    std::atomic<int> ready{0};
+    std::vector<std::thread> workers;
+    for (int i = 0; i < 2; ++i)
+        workers.emplace_back([&, i] {
+            void* pool = TavixThreadInit();
+            EXPECT_FALSE(TavixIsMainThread());
+            for (++ready; ready < 2;)
+                std::this_thread::yield();
+            EXPECT_TRUE(TavixDeviceFormatEnumerate(handles[i], &found[i]));
+            TavixThreadDestroy(pool);
+        });
+    for (std::thread& worker : workers)
+        worker.join();
+    EXPECT_EQ((Sizes{{160, 120}}), found[0].Sizes());
+    EXPECT_EQ((Sizes{{320, 240}, {160, 120}}), found[1].Sizes());
+    EXPECT_EQ(k2vuy, found[1].seen[0].second.dwFormat);
 }
 
 TEST_F(DiscoveryTest, AStoppingEnumeratorAndBadArguments) {

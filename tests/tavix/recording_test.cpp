@@ -257,8 +257,8 @@ TEST_F(RecordingTest, AStallingCallbackLosesNoPicture) {
 }
 
 // A full disk (here a file-size limit of the recording process) ends the recording only: the
-// callbacks keep coming, the pictures after it are counted as not recorded, and what was
-// written plays.
+// callbacks keep coming, the pictures after it are counted as not recorded, what was written
+// plays, and the command says why the recording failed and exits 1.
 TEST_F(RecordingTest, AFullDiskEndsTheRecordingOnly) {
     const std::string tool = std::string(TAVIX_BINARY_DIR) + "/tavix";
     if (!FileExists(tool))
@@ -273,7 +273,8 @@ TEST_F(RecordingTest, AFullDiskEndsTheRecordingOnly) {
     const int status = system(command.c_str());
     const std::string printed = ReadFile(output);
     ASSERT_TRUE(WIFEXITED(status)) << printed;
-    EXPECT_EQ(0, WEXITSTATUS(status)) << printed;
+    EXPECT_EQ(1, WEXITSTATUS(status)) << printed;
+    EXPECT_NE(std::string::npos, printed.find("failed: File too large")) << printed;
     // The summary counts the pictures the callbacks got, and those the recorder wrote and
     // could not write: the callbacks went on after the disk was full.
     unsigned long frames = 0, recorded = 0, notRecorded = 0;

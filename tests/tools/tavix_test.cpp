@@ -121,8 +121,10 @@ TEST_F(TavixCommand, ErrorsNameTheProblemAndFail) {
         {"capture 'Tavix Test Camera' --size 0x0", "0x0"},
         {"capture 'Tavix Test Camera' --seconds -3", "-3"},
         {"capture 'Tavix Test Camera' --format ABCDE", "ABCDE"},
+        // The library's reasons for a start it refuses.
         {"capture 'Tavix Test Camera' --seconds 1 --record " + folder + "/missing/x.mov",
-         "missing/x.mov"},
+         "missing/x.mov: No such file"},
+        {"capture 'Tavix Test Camera' --seconds 1 --format zzzz", "'zzzz' is not one"},
         {"capture 'Tavix Test Camera' --seconds 1 --snapshot " + folder + "/missing/x.png",
          "missing/x.png"},
         {"capture 'Tavix Test Camera' --audio 'No Such Mic' --seconds 1", "No Such Mic"},

@@ -67,7 +67,8 @@ int ParseOptions(int argc, char** argv, CaptureOptions& options, bool& help) {
     return RequireDevice(options, "capture");
 }
 
-// The library does not report a file it cannot write, so the command checks first.
+// The snapshot is written by the command itself once capture ends, so its path is checked
+// before capture starts.
 bool CanWrite(const std::string& path) {
     struct stat info {};
     const bool existed = stat(path.c_str(), &info) == 0;
@@ -78,6 +79,11 @@ bool CanWrite(const std::string& path) {
     if (!existed)
         unlink(path.c_str());
     return true;
+}
+
+std::string LastError(unsigned long device) {
+    char text[4096];
+    return TavixDeviceGetLastError(device, text, sizeof text) ? text : "";
 }
 
 long long FileSize(const std::string& path) {
@@ -177,10 +183,6 @@ int CaptureCommand(int argc, char** argv) {
             PrintUsage();
         return parsed;
     }
-    if (!options.recordPath.empty() && !CanWrite(options.recordPath)) {
-        PrintError("cannot write %s: %s", options.recordPath.c_str(), strerror(errno));
-        return kExitFailure;
-    }
     if (!options.snapshotPath.empty() && !CanWrite(options.snapshotPath)) {
         PrintError("cannot write %s: %s", options.snapshotPath.c_str(), strerror(errno));
         return kExitFailure;
@@ -209,12 +211,17 @@ int CaptureCommand(int argc, char** argv) {
                                           options.pixelFormat, options.width, options.height,
                                           wantsAudio ? CountAudioSamples : nullptr, data,
                                           floatPacked, 48000, 2, 4, record);
+    // The library's reason for what it refused: the whole start, or the sound alone.
+    const std::string refused = LastError(device);
     if (!started) {
-        PrintError("cannot start capturing from \"%s\"", options.device.c_str());
+        PrintError("cannot start capturing from \"%s\"%s%s", options.device.c_str(),
+                   refused.empty() ? "" : ": ", refused.c_str());
         TavixDeviceClose(device);
         TavixDeviceRelease(device);
         return kExitFailure;
     }
+    if (!refused.empty())
+        PrintError("capturing without sound: %s", refused.c_str());
 
     struct sigaction action {};
     action.sa_handler = OnInterrupt;
@@ -248,6 +255,8 @@ int CaptureCommand(int argc, char** argv) {
     TavixDeviceStopCapture(device);
     unsigned long recorded = 0, notRecorded = 0;
     const bool recordedAny = TavixDeviceGetRecordingFrameCounts(device, &recorded, &notRecorded);
+    // After the start's own text comes the reason a recording failed while being written.
+    const std::string failed = LastError(device).substr(refused.size());
     TavixDeviceClose(device);
     TavixDeviceRelease(device);
 
@@ -276,6 +285,10 @@ int CaptureCommand(int argc, char** argv) {
         if (notRecorded > 0)
             printf(", %lu frames not recorded", notRecorded);
         printf("\n");
+    }
+    if (!failed.empty()) {
+        PrintError("%s", failed.c_str() + (failed[0] == ' ' ? 1 : 0));
+        ok = false;
     }
     if (!options.snapshotPath.empty() && ok)
         printf("  snapshot  %s\n", options.snapshotPath.c_str());

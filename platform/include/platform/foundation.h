@@ -153,8 +153,8 @@ private:
     std::string filePath;
 };
 
-// Error objects are made by failing calls for their callers' out-parameters; the library never
-// looks inside them.
+// Error objects are made by failing calls for their callers' out-parameters; their description
+// is a sentence the capture layer passes on to the host.
 class NSError : public NSObject {
 public:
     explicit NSError(std::string description) : text(std::move(description)) {}

@@ -55,10 +55,12 @@ struct MovieRecorderStatistics {
 class MovieRecorder {
 public:
     // Opens path for writing and starts the encoder thread; null when the file cannot be
-    // created, the container or a codec is unavailable, or neither stream is given (null).
+    // created, the container or a codec is unavailable, or neither stream is given (null),
+    // with *error (when error is not null) saying which ("Permission denied").
     static std::unique_ptr<MovieRecorder> Create(const std::string& path,
                                                  const MovieVideoSettings* video,
-                                                 const MovieAudioSettings* audio);
+                                                 const MovieAudioSettings* audio,
+                                                 std::string* error = nullptr);
     // Finishes the file (Finish).
     ~MovieRecorder();
     MovieRecorder(const MovieRecorder&) = delete;
@@ -81,6 +83,9 @@ public:
     bool Finish();
 
     MovieRecorderStatistics GetStatistics() const;
+    // Once the file has failed (statistics' failed), the system's words for why ("No space
+    // left on device"); empty before. Any thread.
+    std::string FailureReason() const;
     // The name of the video encoder in use ("libx264", "mpeg4", "dvvideo"), or empty.
     std::string GetVideoEncoderName() const;
 

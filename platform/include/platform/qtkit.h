@@ -187,6 +187,10 @@ public:
     // captureOutput:didOutputAudioSampleBuffer:fromConnection:
     virtual void captureOutput(QTCaptureOutput* output, QTSampleBuffer* sampleBuffer,
                                QTCaptureConnection* connection) = 0;
+    // The sound format the delegate converts every buffer into, when it has a fixed one: the
+    // session refuses the output when it cannot convert its inputs' sound into that format.
+    // False (the default): the delegate takes the sound as it comes.
+    virtual bool wantedFormat(AudioStreamBasicDescription*) const { return false; }
 
 protected:
     ~QTCaptureDecompressedAudioOutputDelegate() = default;
@@ -242,8 +246,9 @@ class QTCaptureMovieFileOutput : public QTCaptureOutput {
 public:
     QTCaptureMovieFileOutput();
     Kind kind() const override { return Kind::Movie; }
-    // Starts recording to url (null stops): while the session runs the file is written; a
-    // file that cannot be written ends the recording quietly.
+    // Starts recording to url (null stops): while the session runs the file is written. The
+    // session refuses the output when the file cannot be created; a file that fails later
+    // (a full disk) ends the recording, and failureReason says why.
     void recordToOutputFileURL(NSURL* url);
     NSURL* outputFileURL() const;
     // What has been written so far, for status displays and tests. videoFramesNotRecorded
@@ -257,6 +262,9 @@ public:
         bool recording = false;
     };
     Statistics statistics() const;
+    // Why the current recording, or the last one, failed, as a sentence a host can show;
+    // empty while it has not failed.
+    std::string failureReason() const;
 
 protected:
     ~QTCaptureMovieFileOutput() override;
@@ -272,6 +280,7 @@ private:
     NSURL* url = nullptr;
     std::unique_ptr<Recording> recording;
     Statistics last; // of the recording that ended last
+    std::string lastFailure;
     bool sessionRunning = false;
     bool expectVideo = false, expectAudio = false, keepDV = false;
 };
@@ -285,8 +294,13 @@ public:
     // made the session refuse it. Adding an input already in the session succeeds.
     bool addInput(QTCaptureInput* input, NSError** error);
     void removeInput(QTCaptureInput* input);
-    // False (error set) when a test made the session refuse this kind of output. Adding an
-    // output already in the session succeeds.
+    // False (error set, a sentence a host can show) when the session cannot serve the output:
+    // a video output whose pixel-buffer attributes ask for a pixel format or a size the
+    // converter cannot make, or whose session has inputs and none delivers pictures; an audio
+    // output whose session has inputs and none delivers sound, or whose delegate wants a sound
+    // format the converter cannot make; a movie file output whose file cannot be created; or
+    // a test made the session refuse this kind of output. An output already in the session is
+    // checked again (its wishes may have changed) and otherwise succeeds.
     bool addOutput(QTCaptureOutput* output, NSError** error);
     void removeOutput(QTCaptureOutput* output);
     void startRunning();

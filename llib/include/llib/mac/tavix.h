@@ -7,8 +7,12 @@
    the same time, drives a tape deck's transport, stops capture and releases the handle.
 
    Handles: a handle is an opaque unsigned long; 0 is never valid. Every function that takes a
-   handle checks it first and, for an invalid or stale one, returns false (0 for
+   handle checks it first and, for an invalid one, returns false (0 for
    TavixDeviceGetTransportMode, nothing for TavixDeviceSetTransportMode) and does nothing else.
+   A handle is the address of one of 64 device slots. Once its last reference is released the
+   slot is free, and a later TavixDeviceGet may give it, under the same number, to another
+   device: the old handle then acts on that device, and the library cannot tell the two apart.
+   A host forgets a handle when it releases its last reference.
 
    Threads: any thread may call any function. TavixDeviceGet, TavixDeviceRetain and
    TavixDeviceRelease are serialised by the library; the other functions are not, so a host
@@ -28,10 +32,15 @@
      StopRecording or StopCapture in the same call: the new callback runs on a capture thread
      of its own, never inside the current call;
    - the queries (TavixDeviceIsCapturing, TavixDeviceIsOpened, TavixDeviceGetSMPTETime,
-     TavixDeviceGetRecordingFrameCounts, the transport calls).
+     TavixDeviceGetRecordingFrameCounts, TavixDeviceGetLastError, the transport calls).
    Everything the running call uses stays valid until it returns. A callback must not wait for
    another thread that calls into the library for the same device (invalidating, reading the
-   timecode, stopping), which waits for the callback in turn.
+   timecode, stopping), which waits for the callback in turn. For the same reason a callback
+   must not call TavixDeviceGet (or another look-up that returns a handle), TavixDeviceRetain
+   or TavixDeviceRelease, for any device, while another thread may release the last reference
+   of the callback's device before stopping its capture: that release holds the library's
+   handle lock while it waits for the running callback to return, and those calls wait for
+   that lock.
 
    Usable from C (C99) and C++. */
 #ifndef LLIB_MAC_TAVIX_H
@@ -144,10 +153,19 @@ TAVIX_EXPORT bool TavixDeviceCloseAllAudioDevices(void);
 /* Starts capture on an open device. videoCallBack / audioCallBack may be NULL (no such
    output). pixelFormat, width, height: 0 lets the device choose. Sound: format flags (0: 12,
    signed packed integers), rate (0: 44100), channels (0: 2), bytes per sample (0: 2).
-   outputFilePath: a movie file to record into (.mov, .mp4, .mkv; NULL: none); a file that
-   cannot be written ends the recording without disturbing capture. A second start while
-   capturing keeps the existing callbacks. False when the device input, the video output or
-   the recording could not be added (capture is then torn down). */
+   outputFilePath: a movie file to record into (.mov, .mp4, .mkv; NULL: none). False when the
+   device input, the video output or the recording could not be added (a running capture is
+   then torn down; nothing runs afterwards): a video output is refused for a pixel format or a size
+   (over 16384 pixels a side) the library cannot deliver, or on a device without pictures; a
+   recording for a file that cannot be created (a missing folder, no permission, a folder, an empty
+   path). A sound wish the library cannot meet (over 32 channels, a rate over 1 MHz, samples that
+   are neither 1- to 4-byte integers nor 4- or 8-byte floats), or sound from a device without any,
+   is refused too, but capture goes on without sound and the start answers true:
+   TavixDeviceGetLastError tells the host. A file that fails while being written (a full disk)
+   ends the recording without disturbing capture; what was written before plays. A second
+   start while capturing keeps the existing callbacks, and its file path is ignored while a
+   recording runs. A refused start keeps the parts it built for the next start, which offers
+   them again: a refused video output with its wishes, unless the next start gives new ones. */
 TAVIX_EXPORT bool TavixDeviceStartCapture(unsigned long device,
                                           TavixDeviceVideoCallBack videoCallBack,
                                           long videoCallBackData, unsigned long pixelFormat,
@@ -234,6 +252,19 @@ TavixDeviceFormatEnumerateWithCallBack(unsigned long device,
 
 /* Additions to the original interface: why a capture or a recording failed. */
 
+/* The device's last capture or recording error, as UTF-8 sentences a host can show: what the
+   last TavixDeviceStartCapture (or ...WithAudioDevice) call was refused (the device input, the
+   video output, the recording, or the sound: a start that answered true with an error
+   captures without what the error names), then why the current or the last recording failed
+   while it was written (a full disk). Copies at most size bytes into message,
+   cut between whole characters and always terminated when size is not 0; message may be NULL
+   when size is 0, to ask only whether there is an error. True when there is one; false, with
+   message empty, when there is none or the handle is invalid. Each start clears what came
+   before it, except the failure of a recording that still runs; the text goes with the
+   handle's last reference. Any thread, under the per-device rule; a query: a callback may call
+   it for its own device. An addition to the original interface. */
+TAVIX_EXPORT bool TavixDeviceGetLastError(unsigned long device, char* message, size_t size);
+
 #ifdef __cplusplus
 }
 
@@ -258,8 +289,9 @@ TAVIX_EXPORT void TavixDeviceEnumerate(ITavixDeviceEnumerator* enumerator,
                                        TavixDeviceMediaType type, unsigned int flags);
 /* Reports the device's formats: audio formats first, then video formats, largest first. The
    first call for a device may run a short probe capture (up to about 5 seconds; on the main
-   thread it keeps the main event queue flowing) and is cached for the process. False for an
-   invalid handle or a NULL enumerator, or when nothing is known of the device. */
+   thread it keeps the main event queue flowing) and is cached for the process; threads may
+   enumerate different devices at the same time. False for an invalid handle or a NULL
+   enumerator, or when nothing is known of the device. */
 TAVIX_EXPORT bool TavixDeviceFormatEnumerate(unsigned long device,
                                              ITavixDeviceFormatEnumerator* enumerator);
 }

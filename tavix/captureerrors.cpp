@@ -1,0 +1,31 @@
+// Why a capture or a recording failed: the device's last error as text for the host.
+#include <cstring>
+
+#include "tavixdevice.h"
+
+namespace {
+
+// The length of the longest prefix of text, at most limit bytes, that ends on a whole UTF-8
+// character.
+size_t WholeCharacters(const std::string& text, size_t limit) {
+    if (text.size() <= limit)
+        return text.size();
+    size_t length = limit;
+    // Back off continuation bytes (10xxxxxx) to the lead byte of the cut character, and drop it.
+    while (length > 0 && (static_cast<unsigned char>(text[length]) & 0xC0) == 0x80)
+        --length;
+    return length;
+}
+
+} // namespace
+
+bool TavixDeviceGetLastError(unsigned long handle, char* message, size_t size) {
+    const TavixDevice* device = TavixDevice::GetDevice(handle);
+    const std::string text = device != nullptr ? device->GetLastError() : std::string();
+    if (message != nullptr && size > 0) {
+        const size_t length = WholeCharacters(text, size - 1);
+        memcpy(message, text.data(), length);
+        message[length] = 0;
+    }
+    return !text.empty();
+}
