@@ -116,7 +116,7 @@ def _unsubscribe(listener: Callable[[DeviceEvent], None]) -> None:
         # Bound methods (a queue's put) are made anew on each access: compare, not identity.
         remaining = tuple(entry for entry in _listeners if entry != listener)
         if _listeners and not remaining:
-            lib.TavixDeviceSetChangeCallBack(None, None)
+            lib.TavixDeviceSetChangeCallBack(ChangeCallBack(), None)  # a null function
         _listeners = remaining
 
 
