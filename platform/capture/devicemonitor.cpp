@@ -82,6 +82,8 @@ public:
             // From the listener: the running call is ours; the thread ends after it when told to
             // stop, and the next call from outside joins it.
             std::lock_guard<std::mutex> locked(mutex);
+            if (ending)
+                return true; // a clear from outside is waiting for this very call
             stopping = !next;
             listener = std::move(next);
             Wake();
@@ -118,14 +120,14 @@ public:
 private:
     bool running() {
         std::lock_guard<std::mutex> locked(mutex);
-        return thread.joinable() && !stopping;
+        return thread.joinable() && !stopping && !ending;
     }
 
     // Ends the thread (under setMutex, never on the thread itself).
     void Stop() {
         {
             std::lock_guard<std::mutex> locked(mutex);
-            stopping = true;
+            ending = true;
             listener = nullptr;
             Wake();
         }
@@ -149,7 +151,7 @@ private:
         std::lock_guard<std::mutex> locked(mutex);
         wakeRead = pipeEnds[0];
         wakeWrite = pipeEnds[1];
-        stopping = false;
+        stopping = ending = false;
         listener = std::move(next);
         try {
             thread = std::thread([this] { Run(); });
@@ -158,6 +160,7 @@ private:
             return false;
         }
         threadId = thread.get_id();
+        Wake(); // a change between the baseline and now is found by a first listing
         return true;
     }
 
@@ -234,7 +237,7 @@ private:
                 while (read(wakeRead, drained, sizeof drained) > 0) {
                 }
                 std::lock_guard<std::mutex> locked(mutex);
-                if (stopping)
+                if (stopping || ending)
                     return;
                 due.push_back(now);
             }
@@ -275,21 +278,22 @@ private:
             platform::DeviceChangeListener current;
             {
                 std::lock_guard<std::mutex> locked(mutex);
-                if (stopping)
+                if (stopping || ending)
                     return false;
                 current = listener;
             }
             current(change);
         }
         std::lock_guard<std::mutex> locked(mutex);
-        return !stopping;
+        return !stopping && !ending;
     }
 
     std::mutex setMutex;  // serialises SetListener from outside the thread
     std::mutex callMutex; // held around each listener call
-    std::mutex mutex;     // guards listener and stopping; the wake pipe's write end
+    std::mutex mutex;     // guards listener, stopping and ending; the wake pipe's write end
     platform::DeviceChangeListener listener;
-    bool stopping = false;
+    bool stopping = false; // the listener cleared itself: the thread ends after the call
+    bool ending = false;   // cleared from outside: the thread ends and is joined
     std::thread thread;
     std::atomic<std::thread::id> threadId{};
     int wakeRead = -1, wakeWrite = -1, netlink = -1, inotify = -1;
