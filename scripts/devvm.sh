@@ -10,7 +10,9 @@
 # too), and one writable folder shared with the host whose path is given to the command
 # in $TAVIX_VM_SHARE. The command runs as root in that chroot, with TAVIX_REQUIRE_DEVICES=1 (the
 # device tests then fail, rather than skip, when a device they need is missing); its exit status
-# becomes this script's.
+# becomes this script's. A command that loads or unloads drivers itself runs
+# `/usr/sbin/modprobe -d $TAVIX_VM_KROOT -S $TAVIX_VM_KVER DRIVER` (the guest kernel's modules,
+# snd-dummy among them).
 #
 # Exit status 77 means no VM could be had (no qemu, no kernel, no busybox, the VM did not boot;
 # the reason is printed): callers treat it as "skipped". Everything after the boot fails with a
@@ -123,6 +125,8 @@ share=$(mktemp -d /tmp/tavix-vm.XXXXXX)
 trap 'rm -rf "$share"' EXIT
 {
   echo "cd $(printf '%q' "$PWD") || exit 125"
+  # Where the guest's modules are, for tests that load and unload drivers themselves.
+  echo "export TAVIX_VM_KROOT=$(printf '%q' "$kroot") TAVIX_VM_KVER=$(printf '%q' "$version")"
   printf '%q ' "$@"; echo
 } > "$share/command.sh"
 echo "$vivid_options" > "$share/vivid-options"

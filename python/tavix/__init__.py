@@ -15,6 +15,7 @@ system's loader and the usual install prefixes have it.
 
 from ._library import lib as _lib
 from .device import Device, Format, devices, has_devices_in_use
+from .devicechanges import DeviceEntry, DeviceEvent, on_device_change, watch_devices
 from .errors import (
     DeviceClosedError,
     DeviceNotFoundError,
@@ -34,6 +35,8 @@ library_path: str = _lib._name
 __all__ = [
     "Device",
     "DeviceClosedError",
+    "DeviceEntry",
+    "DeviceEvent",
     "DeviceNotFoundError",
     "Format",
     "FormatError",
@@ -48,4 +51,6 @@ __all__ = [
     "devices",
     "has_devices_in_use",
     "library_path",
+    "on_device_change",
+    "watch_devices",
 ]

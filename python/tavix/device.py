@@ -18,6 +18,7 @@ from ._library import (
     lib,
     thread_scope,
 )
+from .devicechanges import DeviceEntry, device_entries, handle_for_id, unique_id_of
 from .errors import DeviceClosedError, DeviceNotFoundError, FormatError, TavixError
 from .session import Frame, Session, Sound, last_error
 from .timecode import Timecode, Transport
@@ -35,11 +36,17 @@ def _media_type(media: Optional[str]) -> int:
     return _MEDIA_TYPES[key]
 
 
-def devices(media: Optional[str] = None, include_disconnected: bool = False) -> List[str]:
+def devices(
+    media: Optional[str] = None, include_disconnected: bool = False, with_ids: bool = False
+) -> Union[List[str], List[DeviceEntry]]:
     """The display names of the devices with the media type: 'video' (cameras and decks),
     'sound' (sound inputs and decks), 'muxed' (decks) or None (all). Real devices come first,
-    then the built-in test devices."""
+    then the built-in test devices. ``with_ids=True`` lists DeviceEntry tuples instead: name,
+    unique id (which ``Device(id=...)`` takes, and which stays the same across runs and
+    renumbered device nodes), kind ('video', 'sound' or 'muxed') and whether it is connected."""
     kind = _media_type(media)
+    if with_ids:
+        return device_entries(kind, include_disconnected)
     names: List[str] = []
 
     def add(name: bytes, context: Any) -> bool:
@@ -96,8 +103,16 @@ class Device:
     used again: make a new Device.
     """
 
-    def __init__(self, name: str, media: Optional[str] = None) -> None:
-        if not isinstance(name, str) or not name:
+    def __init__(
+        self, name: Optional[str] = None, media: Optional[str] = None, *, id: Optional[str] = None
+    ) -> None:
+        # By unique id (or a camera's /dev/videoN path) instead of the name: see devices().
+        self._id = id
+        if id is not None:
+            if name is not None or not isinstance(id, str) or not id:
+                raise ValueError(f"give a device's name or its id (a non-empty string), not both")
+            name = id
+        elif not isinstance(name, str) or not name:
             raise ValueError(f"a device name is a non-empty string, not {name!r}")
         self.name = name
         self.media = media
@@ -119,9 +134,20 @@ class Device:
             if self._state == "closed":
                 raise DeviceClosedError(f"device {self.name!r} was closed; make a new Device")
             with thread_scope():
-                handle = lib.TavixDeviceGet(self.name.encode("utf-8"), self._media_type)
+                if self._id is not None:
+                    handle = handle_for_id(self._id)
+                    if handle and not lib.TavixDeviceHasMediaType(handle, self._media_type):
+                        lib.TavixDeviceRelease(handle)
+                        handle = 0
+                else:
+                    handle = lib.TavixDeviceGet(self.name.encode("utf-8"), self._media_type)
                 if not handle:
                     raise DeviceNotFoundError(self._not_found_message())
+                if self._id is not None:
+                    self._id = unique_id_of(handle)
+                    self.name = next(
+                        (e.name for e in device_entries(0, True) if e.id == self._id), self.name
+                    )
                 if not lib.TavixDeviceOpen(handle):
                     busy = lib.TavixDeviceIsUsedByAnotherApplication(handle)
                     lib.TavixDeviceRelease(handle)
@@ -177,7 +203,19 @@ class Device:
     def __repr__(self) -> str:
         return f"<tavix.Device {self.name!r} {self._state}>"
 
+    @property
+    def id(self) -> str:
+        """The device's unique id: given, or learnt when the device opened; '' before that for a
+        device given by name."""
+        if self._state == "open":
+            with self._lock:
+                return unique_id_of(self._handle)
+        return self._id or ""
+
     def _not_found_message(self) -> str:
+        if self._id is not None:
+            listed = ", ".join(f"{e.id!r} ({e.name})" for e in device_entries(0, False))
+            return f"no device with id {self._id!r}; there are: {listed or 'none'}"
         same_kind = devices(self.media)
         where = f" with media {self.media!r}" if self.media else ""
         message = f"no device named {self.name!r}{where}; "

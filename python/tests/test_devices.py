@@ -1,6 +1,9 @@
 """Listing the devices, their formats and their state."""
 
+import pytest
+
 import tavix
+from tavix import devicechanges
 from conftest import CAMERA, DECK, MICROPHONE
 
 
@@ -31,3 +34,27 @@ def test_state_of_an_idle_device(camera, deck):
     assert deck.has_media("video") and deck.has_media("sound") and deck.has_media("muxed")
     assert camera.timecode is None, "no frame yet"
 
+
+
+def test_unique_ids_find_devices_and_changes_reach_every_watcher():
+    entries = tavix.devices(with_ids=True)[-3:]
+    assert [(e.name, e.kind, e.connected) for e in entries] == [
+        (CAMERA, "video", True), (MICROPHONE, "sound", True), (DECK, "muxed", True)]
+    with tavix.Device(id=entries[2].id, media="sound") as deck:
+        assert (deck.name, deck.id) == (DECK, entries[2].id)
+        assert deck.has_media("muxed")
+    with pytest.raises(tavix.DeviceNotFoundError, match="no-such-id"):
+        tavix.Device(id="no-such-id").open()
+    assert list(tavix.watch_devices(timeout=0.1)) == [], "nothing came or went"
+
+    # What the library's thread reports reaches the callable and each watcher until it stops.
+    seen = []
+    tavix.on_device_change(seen.append)
+    watcher = tavix.watch_devices(timeout=20)
+    devicechanges._library_callback(b"Camera", b"usb-1", 2, True, None)
+    assert next(watcher) == tavix.DeviceEvent("Camera", "usb-1", "video", True)
+    watcher.close()
+    tavix.on_device_change(None)
+    devicechanges._library_callback(b"Mic", b"usb-2", 1, False, None)
+    assert seen == [tavix.DeviceEvent("Camera", "usb-1", "video", True)]
+    assert not devicechanges._listeners, "the library's callback is cleared with the last one"

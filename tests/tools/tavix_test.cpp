@@ -29,17 +29,37 @@ protected:
     std::string folder = temp.path;
 };
 
+// `list --watch` lists, then waits for devices to come and go until Ctrl-C ends it cleanly.
 TEST_F(TavixCommand, ListsDevicesAndFormats) {
-    const CommandOutput list = Tavix("list");
-    EXPECT_EQ(0, list.status);
-    EXPECT_TRUE(Contains(list.output, "Tavix Test Camera")) << list.output;
-    EXPECT_TRUE(Contains(list.output, "Tavix Test Microphone"));
-    EXPECT_TRUE(Contains(list.output, "transport controls")) << "the deck's state";
+    int output[2];
+    ASSERT_EQ(0, pipe(output));
+    const pid_t child = StartChild([&] {
+        dup2(output[1], STDOUT_FILENO);
+        execl(kTavix.c_str(), "tavix", "list", "--watch", static_cast<char*>(nullptr));
+        _exit(127);
+    });
+    close(output[1]);
+    FILE* lines = fdopen(output[0], "r");
+    char line[512];
+    std::string list;
+    while (!Contains(list, "Ctrl-C") && fgets(line, sizeof line, lines) != nullptr)
+        list += line;
+    kill(child, SIGINT);
+    while (fgets(line, sizeof line, lines) != nullptr) {
+    }
+    fclose(lines);
+    EXPECT_EQ(0, WaitForChild(child)) << "a clean exit, not a signal";
+    EXPECT_TRUE(Contains(list, "Tavix Test Microphone")) << list;
+    EXPECT_TRUE(Contains(list, "transport controls")) << "the deck's state";
+    EXPECT_TRUE(Contains(list, "tavix-virtual:test-camera")) << "the unique ids";
 
-    const CommandOutput formats = Tavix("formats 'Tavix Test Camera'");
-    EXPECT_EQ(0, formats.status);
-    EXPECT_TRUE(Contains(formats.output, "1280 x 720")) << formats.output;
-    EXPECT_TRUE(Contains(formats.output, "160 x 120"));
+    // A device is named by its display name or its unique id.
+    for (const char* name : {"'Tavix Test Camera'", "tavix-virtual:test-camera"}) {
+        const CommandOutput formats = Tavix(std::string("formats ") + name);
+        EXPECT_EQ(0, formats.status) << name;
+        EXPECT_TRUE(Contains(formats.output, "1280 x 720")) << formats.output;
+        EXPECT_TRUE(Contains(formats.output, "160 x 120"));
+    }
 }
 
 TEST_F(TavixCommand, CapturesRecordsAndSnapshotsWithPlainLinesOffATerminal) {

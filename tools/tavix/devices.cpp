@@ -1,8 +1,14 @@
-// `tavix list`, `tavix formats NAME` and `tavix transport NAME ACTION`.
+// `tavix list`, `tavix list --watch`, `tavix formats NAME` and `tavix transport NAME ACTION`.
 #include "devices.h"
 
+#include <poll.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -23,6 +29,64 @@ std::vector<std::string> DeviceNames(TavixDeviceMediaType type) {
     NameCollector collector;
     TavixDeviceEnumerate(&collector, type, 1); // 1: include devices that are not connected
     return collector.names;
+}
+
+const char* MediaText(TavixDeviceMediaType type) {
+    switch (type) {
+    case TavixDeviceMediaTypeMuxed:
+        return "muxed";
+    case TavixDeviceMediaTypeSound:
+        return "sound";
+    default:
+        return "video";
+    }
+}
+
+std::string UniqueIdOf(unsigned long device) {
+    char id[1024];
+    return TavixDeviceGetUniqueID(device, id, sizeof id) ? id : "";
+}
+
+// `list --watch`: the library's change callback writes each line; Ctrl-C (or a terminating
+// signal) wakes the main thread through a pipe, which then clears the callback and returns.
+int watchWake[2] = {-1, -1};
+std::mutex printMutex;
+
+void WakeWatch(int) {
+    const char byte = 1;
+    if (write(watchWake[1], &byte, 1) < 0) {
+    }
+}
+
+void PrintChange(const char* name, const char* uniqueId, TavixDeviceMediaType type, bool arrived,
+                 void*) {
+    std::lock_guard<std::mutex> locked(printMutex);
+    printf("%-8s  %-32s  %-5s  %s\n", arrived ? "arrived" : "left", name, MediaText(type),
+           uniqueId);
+    fflush(stdout);
+}
+
+int WatchDevices() {
+    if (pipe(watchWake) != 0) {
+        PrintError("cannot watch: %s", strerror(errno));
+        return kExitFailure;
+    }
+    struct sigaction action {};
+    action.sa_handler = WakeWatch;
+    sigemptyset(&action.sa_mask);
+    for (int signal : {SIGINT, SIGTERM, SIGHUP})
+        sigaction(signal, &action, nullptr);
+    if (!TavixDeviceSetChangeCallBack(PrintChange, nullptr)) {
+        PrintError("cannot watch for devices");
+        return kExitFailure;
+    }
+    printf("watching for capture devices to arrive or leave; Ctrl-C ends\n");
+    fflush(stdout);
+    pollfd wake = {watchWake[0], POLLIN, 0};
+    while (poll(&wake, 1, -1) < 0 && errno == EINTR) {
+    }
+    TavixDeviceSetChangeCallBack(nullptr, nullptr);
+    return kExitOK;
 }
 
 bool WantsHelp(int argc, char** argv) {
@@ -77,20 +141,24 @@ unsigned long GetDeviceByName(const char* name) {
     for (TavixDeviceMediaType type : order)
         if (unsigned long handle = TavixDeviceGet(name, type))
             return handle;
-    return 0;
+    // Not a name: a unique id, or a camera's device node.
+    return TavixDeviceGetWithUniqueID(name);
 }
 
 int ListCommand(int argc, char** argv) {
-    if (WantsHelp(argc, argv) || argc > 1) {
-        printf(
-            "usage: tavix list\n\nLists the capture devices with their media types and state.\n");
-        return argc > 1 && !WantsHelp(argc, argv) ? kExitUsage : kExitOK;
+    const bool watch = argc == 2 && strcmp(argv[1], "--watch") == 0;
+    if (WantsHelp(argc, argv) || (argc > 1 && !watch)) {
+        printf("usage: tavix list [--watch]\n\n"
+               "Lists the capture devices with their media types, unique ids and state.\n"
+               "  --watch  then prints a line for each device that arrives or leaves, until "
+               "Ctrl-C\n\n"
+               "Wherever a command takes a device NAME, it also takes the device's unique id\n"
+               "or a camera's /dev/videoN path.\n");
+        return WantsHelp(argc, argv) ? kExitOK : kExitUsage;
     }
     const std::vector<std::string> names = DeviceNames(TavixDeviceMediaTypeAny);
-    if (names.empty()) {
+    if (names.empty())
         printf("no capture devices\n");
-        return kExitOK;
-    }
     for (const std::string& name : names) {
         DeviceReference device(name.c_str());
         if (device.handle == 0)
@@ -107,9 +175,10 @@ int ListCommand(int argc, char** argv) {
             state += ", in use by another application";
         if (TavixDeviceIsTransportAvailable(device.handle))
             state += ", transport controls";
-        printf("%-32s  %-5s  %s\n", name.c_str(), media.c_str(), state.c_str());
+        printf("%-32s  %-5s  %-40s  %s\n", name.c_str(), media.c_str(),
+               UniqueIdOf(device.handle).c_str(), state.c_str());
     }
-    return kExitOK;
+    return watch ? WatchDevices() : kExitOK;
 }
 
 int FormatsCommand(int argc, char** argv) {
@@ -120,7 +189,7 @@ int FormatsCommand(int argc, char** argv) {
     }
     DeviceReference device(argv[1]);
     if (device.handle == 0) {
-        PrintError("no capture device named \"%s\" (see tavix list)", argv[1]);
+        PrintError("no capture device named \"%s\", nor with that id (see tavix list)", argv[1]);
         return kExitFailure;
     }
     if (!TavixDeviceOpen(device.handle)) {
@@ -160,7 +229,7 @@ int TransportCommand(int argc, char** argv) {
     }
     DeviceReference device(argv[1]);
     if (device.handle == 0) {
-        PrintError("no capture device named \"%s\" (see tavix list)", argv[1]);
+        PrintError("no capture device named \"%s\", nor with that id (see tavix list)", argv[1]);
         return kExitFailure;
     }
     if (!TavixDeviceOpen(device.handle)) {
@@ -190,7 +259,8 @@ int TransportCommand(int argc, char** argv) {
 unsigned long OpenNamedDevice(const std::string& name, const std::string& audioName) {
     const unsigned long device = GetDeviceByName(name.c_str());
     if (device == 0) {
-        PrintError("no capture device named \"%s\" (see tavix list)", name.c_str());
+        PrintError("no capture device named \"%s\", nor with that id (see tavix list)",
+                   name.c_str());
         return 0;
     }
     if (!audioName.empty()) {

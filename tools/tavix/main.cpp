@@ -12,11 +12,13 @@ namespace {
 
 void PrintUsage() {
     printf("usage: tavix COMMAND [ARGUMENTS]\n\n"
-           "  list                         capture devices, their media types and state\n"
+           "  list [--watch]               capture devices, their media types, ids and state;\n"
+           "                               --watch: then each arrival and departure\n"
            "  formats NAME                 the formats device NAME delivers\n"
            "  capture NAME [OPTIONS]       captures, shows a live status, records, snapshots\n"
            "  transport NAME ACTION        play, stop, rewind, ff or status of a tape deck\n"
            "  preview NAME [OPTIONS]       a live window: picture, level, timecode, transport\n\n"
+           "NAME is a device's name, its unique id (see list) or a camera's /dev/videoN.\n"
            "tavix COMMAND --help tells more.\n");
 }
 

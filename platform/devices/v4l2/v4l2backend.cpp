@@ -13,6 +13,7 @@
 #include <mutex>
 #include <thread>
 
+#include "platform/devicemonitor.h"
 #include "platform/devices/v4l2/mjpegdecoder.h"
 #include "platform/devices/v4l2/v4l2colour.h"
 #include "platform/devices/v4l2/v4l2faults.h"
@@ -147,6 +148,9 @@ public:
         case V4L2Camera::Wait::Timeout:
             return Result::Timeout;
         case V4L2Camera::Wait::Gone:
+            // A driver may take a node away without the kernel announcing it (vivid's unplug
+            // control): the device monitor is told to look.
+            platform::WakeDeviceMonitor();
             return Result::Gone;
         case V4L2Camera::Wait::Failed:
             Fail();

@@ -4,6 +4,7 @@
 #include <mutex>
 #include <set>
 
+#include "platform/devicemonitor.h"
 #include "testpattern.h"
 #include "virtualdevice.h"
 
@@ -112,30 +113,36 @@ std::string Add(const DeviceSpec& spec) {
     if (copy.uniqueId.empty())
         copy.uniqueId = "tavix-virtual:added:" + spec.name;
     Registry& registry = TheRegistry();
-    std::lock_guard<std::mutex> locked(registry.mutex);
+    std::unique_lock<std::mutex> locked(registry.mutex);
     if (auto old = registry.Find(copy.uniqueId)) {
         old->removed = true;
         registry.added.erase(std::remove(registry.added.begin(), registry.added.end(), old),
                              registry.added.end());
     }
     registry.added.push_back(std::make_shared<VirtualDevice>(copy));
+    locked.unlock();
+    platform::WakeDeviceMonitor();
     return copy.uniqueId;
 }
 
 void Remove(const std::string& uniqueId) {
-    Registry& registry = TheRegistry();
-    std::lock_guard<std::mutex> locked(registry.mutex);
-    for (auto it = registry.added.begin(); it != registry.added.end(); ++it)
-        if ((*it)->spec.uniqueId == uniqueId) {
-            (*it)->removed = true;
-            registry.added.erase(it);
+    {
+        Registry& registry = TheRegistry();
+        std::lock_guard<std::mutex> locked(registry.mutex);
+        auto it =
+            std::find_if(registry.added.begin(), registry.added.end(),
+                         [&](const auto& device) { return device->spec.uniqueId == uniqueId; });
+        if (it == registry.added.end())
             return;
-        }
+        (*it)->removed = true;
+        registry.added.erase(it);
+    }
+    platform::WakeDeviceMonitor();
 }
 
 void Reset() {
     Registry& registry = TheRegistry();
-    std::lock_guard<std::mutex> locked(registry.mutex);
+    std::unique_lock<std::mutex> locked(registry.mutex);
     for (auto& device : registry.added)
         device->removed = true;
     registry.added.clear();
@@ -150,6 +157,8 @@ void Reset() {
         refused = false;
     registry.unthrottled = false;
     registry.stillPictures = false;
+    locked.unlock();
+    platform::WakeDeviceMonitor();
 }
 
 namespace {
@@ -164,6 +173,7 @@ void Change_(const std::string& uniqueId, Change change) {
 
 void SetConnected(const std::string& uniqueId, bool connected) {
     Change_(uniqueId, [connected](VirtualDevice& device) { device.connected = connected; });
+    platform::WakeDeviceMonitor();
 }
 
 void SetInUseByAnotherApplication(const std::string& uniqueId, bool inUse) {

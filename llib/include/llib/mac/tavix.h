@@ -246,7 +246,62 @@ TAVIX_EXPORT bool
 TavixDeviceFormatEnumerateWithCallBack(unsigned long device,
                                        TavixDeviceFormatEnumerateCallBack callBack, void* context);
 
-/* Additions to the original interface: devices that come and go, and their lasting ids. */
+/* Additions to the original interface: devices that come and go, and their lasting ids.
+
+   A device's unique id is a UTF-8 string that names the same device across runs, reboots and
+   renumbered device nodes: a camera's is built from where it sits (its bus, the port it is
+   plugged into) and its place among that device's capture nodes, not from its /dev/videoN
+   number; a sound input's from its card's name, not its number. */
+
+/* Told of each device that arrives or leaves: its UTF-8 display name and unique id (both valid
+   during the call), its media type (TavixDeviceMediaTypeVideo, ...Sound or ...Muxed, never
+   ...Any), true when it arrived and false when it left, and the context given with the
+   callback. */
+typedef void (*TavixDeviceChangeCallBack)(const char* name, const char* uniqueId,
+                                          TavixDeviceMediaType type, bool arrived, void* context);
+/* Sets the callback told when capture devices (cameras, sound inputs, decks) arrive or leave;
+   NULL stops telling. The devices present when a callback is set from none are not reported;
+   a new callback replacing another takes over where it left off. The library does not poll: it
+   waits for the system's device events (the kernel's, with or without udevd) and then lists the
+   devices again, so a device is reported once it can be listed; where udevd gives a new node
+   its permissions late, that can be two seconds after it appeared. Once an arrival has been
+   told, TavixDeviceGet and the enumerations find the device; once a departure has been told,
+   they no longer list it as connected (a handle to it stays valid and reports that it is not
+   connected; its capture delivers nothing more).
+   Calls come on a library thread of their own, one at a time, in the order the changes were
+   seen, holding the callback's lock, as the frame callbacks do. The callback may call any
+   function of the library, this one included (to stop, or to set another callback: the running
+   call then returns normally); it must not wait for another thread that is calling
+   TavixDeviceSetChangeCallBack, which waits for the callback in turn. Outside the callback,
+   this returns once no call to the previous callback runs, so the previous context may be
+   freed then. True when set or cleared; false when the library could not start its thread (no
+   callback is set then). An addition to the original interface. */
+TAVIX_EXPORT bool TavixDeviceSetChangeCallBack(TavixDeviceChangeCallBack callBack, void* context);
+
+/* Enumeration with unique ids: the display name and unique id (valid during the call), the
+   device's media type (Video, Sound or Muxed), whether it is connected, and the context. The
+   function returns false to stop. type and flags select as for TavixDeviceEnumerateWithCallBack
+   (flags bit 0: also devices that are not connected). Nothing happens for a NULL function. An
+   addition to the original interface. */
+typedef bool (*TavixDeviceEnumerateWithUniqueIDsCallBack)(const char* name, const char* uniqueId,
+                                                          TavixDeviceMediaType type, bool connected,
+                                                          void* context);
+TAVIX_EXPORT void
+TavixDeviceEnumerateWithUniqueIDs(TavixDeviceEnumerateWithUniqueIDsCallBack callBack, void* context,
+                                  TavixDeviceMediaType type, unsigned int flags);
+
+/* Looks a device up by unique id, or, given a path starting with '/' (/dev/video2, or a link
+   to it such as /dev/v4l/by-id/...), the camera at that node now (the first input of a node
+   with several). Returns a handle holding one reference, as TavixDeviceGet does (the same
+   handle when one to that device is in use); 0 for a NULL or empty string, a device that is not
+   there, a path that is no camera, or when all 64 handles are in use. Any thread; serialised
+   with TavixDeviceGet. An addition to the original interface. */
+TAVIX_EXPORT unsigned long TavixDeviceGetWithUniqueID(const char* uniqueIdOrNodePath);
+/* Copies the device's unique id, with its terminating 0, into buffer. False for an invalid
+   handle, a NULL buffer, or a size too small for the id (buffer then holds an empty string when
+   size is not 0). A query: a callback may call it for its own device. An addition to the
+   original interface. */
+TAVIX_EXPORT bool TavixDeviceGetUniqueID(unsigned long device, char* buffer, size_t size);
 
 /* Additions to the original interface: frame rates. */
 
