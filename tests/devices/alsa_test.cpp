@@ -321,9 +321,13 @@ TEST_P(AlsaLoopbackStalls, CaptureGoesOnAndOnlyWhatCouldNotBeHeldIsLost) {
     HostSound& sound = *captured;
     std::lock_guard<std::mutex> hold(sound.mutex);
     // What the stall took beyond what is held (a busy machine may stretch the stall), within
-    // the few 10 ms buffers on their way to the host besides (seen: 0.05 s less lost).
+    // the few 10 ms buffers on their way to the host besides (seen: 0.05 s less lost). A starved
+    // machine may lose a little more: the library's reader itself comes late to the device's
+    // half-second ring (seen in the VM beside a loaded host: 0.12 s more); losing what is held
+    // (2.5 s for the long stall) stays far outside.
     const double lostSeconds = std::max(0.0, sound.stalled - kHeldSeconds);
-    EXPECT_NEAR(lostSeconds, sound.lost(), 0.1) << "stalled " << sound.stalled << " s";
+    EXPECT_GE(sound.lost(), lostSeconds - 0.1) << "stalled " << sound.stalled << " s";
+    EXPECT_LE(sound.lost(), lostSeconds + 0.4) << "stalled " << sound.stalled << " s";
     if (underruns > 0)
         GTEST_SKIP() << "the tone's player fell behind in every attempt: the machine is too busy";
     // The tone goes on unbroken through a stall that loses nothing, and comes back after one

@@ -7,23 +7,31 @@
 
 ToneFigures MeasureTone(const std::vector<double>& samples, double sampleRate) {
     ToneFigures figures;
-    size_t first = 0, last = 0;
+    size_t last = 0;
     size_t longest = 0, shortest = SIZE_MAX;
+    double lastAt = 0;
+    std::vector<double> periods;
     for (size_t n = 1; n < samples.size(); ++n) {
         figures.peak = std::max(figures.peak, std::fabs(samples[n]));
         if (samples[n - 1] < 0 && samples[n] >= 0) {
-            if (figures.crossings++ == 0) {
-                first = n;
-            } else {
+            // Where the sine crosses zero between the two samples.
+            const double at =
+                static_cast<double>(n - 1) + -samples[n - 1] / (samples[n] - samples[n - 1]);
+            if (figures.crossings++ > 0) {
                 longest = std::max(longest, n - last);
                 shortest = std::min(shortest, n - last);
+                periods.push_back(at - lastAt);
             }
             last = n;
+            lastAt = at;
         }
     }
     if (figures.crossings > 1) {
-        figures.hz = static_cast<double>(figures.crossings - 1) * sampleRate /
-                     static_cast<double>(last - first);
+        // The median period: a few periods broken by sound a starved machine lost do not move
+        // it, a tone at the wrong pitch does.
+        std::nth_element(periods.begin(), periods.begin() + long(periods.size() / 2),
+                         periods.end());
+        figures.hz = sampleRate / periods[periods.size() / 2];
         figures.unevenness = static_cast<double>(longest - shortest);
     }
     return figures;

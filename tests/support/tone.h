@@ -5,7 +5,7 @@
 #include <vector>
 
 struct ToneFigures {
-    double hz = 0;        // from rising zero crossings; 0 for fewer than two
+    double hz = 0;        // from the median gap between rising zero crossings; 0 for fewer than two
     double peak = 0;      // largest magnitude
     size_t crossings = 0; // rising zero crossings counted
     // How far, in samples, the longest and shortest gaps between rising crossings differ: a
