@@ -180,6 +180,7 @@ void TavixDevice::Clear() {
     pMovieFileOutput = nullptr;
     bRecorded = false;
     dwFramesRecorded = dwFramesNotRecorded = 0;
+    dFrameRate = 0;
     nRefCount = 0;
 }
 
@@ -335,6 +336,7 @@ bool TavixDevice::StartCapture(TavixDeviceVideoCallBack videoCallBack, long vide
         if (pVideoOutput == nullptr)
             pVideoOutput = new QTCaptureDecompressedVideoOutput;
         pVideoOutput->setDelegate(pVideoDelegate);
+        pVideoOutput->setMinimumVideoFrameInterval(dFrameRate > 0 ? 1 / dFrameRate : 0);
         if (pixelFormat != 0 || width != 0 || height != 0) {
             auto* attributes = new NSMutableDictionary;
             if (pixelFormat != 0)

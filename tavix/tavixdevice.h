@@ -145,6 +145,7 @@ public:
     QTCaptureMovieFileOutput* pMovieFileOutput;
     bool bRecorded; // a recording has started since the slot was taken
     unsigned long dwFramesRecorded, dwFramesNotRecorded; // of the last recording that ended
+    double dFrameRate; // asked of the device when capture starts; 0 leaves it to the device
     int nRefCount;
 };
 
