@@ -42,16 +42,24 @@ FrameInterval NearestInRange(const FrameRates& range, double framesPerSecond) {
         const FrameInterval exact = IntervalForRate(framesPerSecond);
         return exact.IsEmpty() ? fastest : exact;
     }
+    // The steps either side of the wish, the nearer in frames per second taken (rates are not
+    // evenly spaced across steps of time).
     const double stepSeconds = Seconds(range.step);
     const double lastStep = std::floor((Seconds(slowest) - Seconds(fastest)) / stepSeconds + 1e-9);
-    const double steps = std::min(lastStep, std::round((wanted - Seconds(fastest)) / stepSeconds));
-    // fastest + steps * step, over a common denominator.
-    const uint64_t k = uint64_t(steps);
-    const uint64_t numerator = uint64_t(fastest.numerator) * range.step.denominator +
-                               k * range.step.numerator * fastest.denominator;
-    const FrameInterval stepped =
-        Reduced(numerator, uint64_t(fastest.denominator) * range.step.denominator);
-    return stepped.IsEmpty() ? fastest : stepped;
+    const double below = std::min(lastStep, std::floor((wanted - Seconds(fastest)) / stepSeconds));
+    FrameInterval best;
+    for (double steps : {below, std::min(lastStep, below + 1)}) {
+        // fastest + steps * step, over a common denominator.
+        const uint64_t numerator = uint64_t(fastest.numerator) * range.step.denominator +
+                                   uint64_t(steps) * range.step.numerator * fastest.denominator;
+        const FrameInterval stepped =
+            Reduced(numerator, uint64_t(fastest.denominator) * range.step.denominator);
+        if (!stepped.IsEmpty() &&
+            (best.IsEmpty() || std::fabs(stepped.FramesPerSecond() - framesPerSecond) <
+                                   std::fabs(best.FramesPerSecond() - framesPerSecond)))
+            best = stepped;
+    }
+    return best.IsEmpty() ? fastest : best;
 }
 
 } // namespace

@@ -38,8 +38,15 @@ TEST_F(TavixCommand, ListsDevicesAndFormats) {
 
     const CommandOutput formats = Tavix("formats 'Tavix Test Camera'");
     EXPECT_EQ(0, formats.status);
-    EXPECT_TRUE(Contains(formats.output, "1280 x 720")) << formats.output;
-    EXPECT_TRUE(Contains(formats.output, "160 x 120"));
+    EXPECT_TRUE(Contains(formats.output, "1280 x 720  30, 60 fps")) << formats.output;
+    EXPECT_TRUE(Contains(formats.output, "160 x 120  30, 60 fps"));
+    const CommandOutput deck = Tavix("formats 'Tavix Test Deck'");
+    EXPECT_TRUE(Contains(deck.output, "lpcm  48000 Hz, 2 channels, 16-bit integer")) << deck.output;
+    EXPECT_TRUE(Contains(deck.output, "720 x 576  25 fps"));
+
+    const CommandOutput fast = Tavix("capture 'Tavix Test Camera' --seconds 0.5 --rate 60");
+    EXPECT_EQ(0, fast.status) << fast.output;
+    EXPECT_TRUE(Contains(fast.output, "rate      60.00 frames per second")) << fast.output;
 }
 
 TEST_F(TavixCommand, CapturesRecordsAndSnapshotsWithPlainLinesOffATerminal) {
@@ -121,6 +128,8 @@ TEST_F(TavixCommand, ErrorsNameTheProblemAndFail) {
         {"capture 'Tavix Test Camera' --size 0x0", "0x0"},
         {"capture 'Tavix Test Camera' --seconds -3", "-3"},
         {"capture 'Tavix Test Camera' --format ABCDE", "ABCDE"},
+        {"capture 'Tavix Test Camera' --rate 0", "\"0\""},
+        {"capture 'Tavix Test Camera' --seconds 1 --rate 50", "it offers 30, 60 fps"},
         {"capture 'Tavix Test Camera' --seconds 1 --record " + folder + "/missing/x.mov",
          "missing/x.mov"},
         {"capture 'Tavix Test Camera' --seconds 1 --snapshot " + folder + "/missing/x.png",
