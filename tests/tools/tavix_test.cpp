@@ -44,7 +44,7 @@ TEST_F(TavixCommand, ListsDevicesAndFormats) {
     EXPECT_TRUE(Contains(deck.output, "lpcm  48000 Hz, 2 channels, 16-bit integer")) << deck.output;
     EXPECT_TRUE(Contains(deck.output, "720 x 576  25 fps"));
 
-    const CommandOutput fast = Tavix("capture 'Tavix Test Camera' --seconds 0.5 --rate 60");
+    const CommandOutput fast = Tavix("capture 'Tavix Test Camera' --seconds 1 --rate 60");
     EXPECT_EQ(0, fast.status) << fast.output;
     EXPECT_TRUE(Contains(fast.output, "rate      60.00 frames per second")) << fast.output;
 }

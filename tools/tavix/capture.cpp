@@ -275,6 +275,8 @@ int CaptureCommand(int argc, char** argv) {
     if (terminal)
         printf("\n");
 
+    if (rateInUse == 0)
+        TavixDeviceGetCaptureFrameRate(device, &rateInUse);
     bool ok = true;
     if (!options.snapshotPath.empty() && hasVideo)
         ok = TakeSnapshot(stats, options.snapshotPath) && ok;
