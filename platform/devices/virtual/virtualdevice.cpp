@@ -285,14 +285,13 @@ VirtualDevice::StartStream(const platform::StreamRequest& request) {
     const virtualdevices::VideoMode* chosen = ChooseMode(request);
     if ((spec.video || spec.muxed) && chosen == nullptr)
         return nullptr;
-    // The stream runs at the offered rate nearest to the wish (exactly: 60 is 60, not 59.9...).
-    double framesPerSecond = 0;
-    if (chosen != nullptr) {
+    // The stream runs at the mode's own rate, or at the offered one nearest to a wish.
+    double framesPerSecond = chosen != nullptr ? chosen->frameRate : 0;
+    if (chosen != nullptr && request.framesPerSecond > 0) {
         const platform::FrameInterval interval =
-            request.framesPerSecond > 0
-                ? platform::NearestOfferedInterval(RatesOf(*chosen), request.framesPerSecond)
-                : platform::IntervalForRate(chosen->frameRate);
-        framesPerSecond = interval.IsEmpty() ? chosen->frameRate : interval.FramesPerSecond();
+            platform::NearestOfferedInterval(RatesOf(*chosen), request.framesPerSecond);
+        if (!interval.IsEmpty())
+            framesPerSecond = interval.FramesPerSecond();
     }
     return std::unique_ptr<platform::DeviceStream>(
         new VirtualStream(shared_from_this(), chosen, framesPerSecond));

@@ -199,7 +199,6 @@ public:
     // The delegate is not retained. Returns once no call to the previous delegate runs.
     void setDelegate(QTCaptureDecompressedVideoOutputDelegate* delegate);
     QTCaptureDecompressedVideoOutputDelegate* delegate() const;
-    void SessionStarted(QTCaptureSession*) override { deliveredRate = 0; }
     // Pixel format, width and height wanted (kCVPixelBuffer...Key); the dictionary is retained.
     void setPixelBufferAttributes(NSDictionary* attributes);
     NSDictionary* pixelBufferAttributes() const;
@@ -213,6 +212,8 @@ public:
     // The nominal rate of the last picture delivered since the session started, in frames per
     // second; 0 before the first or when the device does not state its rate. Any thread.
     double DeliveredFrameRate() const { return deliveredRate.load(); }
+    // A new run has delivered no picture yet.
+    void SessionStarted(QTCaptureSession*) override { deliveredRate = 0; }
 
 protected:
     ~QTCaptureDecompressedVideoOutput() override;

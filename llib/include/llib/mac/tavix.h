@@ -255,8 +255,9 @@ typedef bool (*TavixFrameRateEnumerateCallBack)(const TavixFrameRate_C* rate, vo
    the device streams in for that wish, so a size it reaches only by scaling gets the rates of
    the size scaled from. Entries come in the device's order, the rate a capture takes when
    asked for none first for the test devices. The device need not be open and is not probed.
-   False, without a call, for an invalid handle, a NULL callBack, or a device without pictures;
-   true otherwise, with no call when the device states no rates. The callback runs on the
+   False, without a call, for an invalid handle, a NULL callBack, a device without pictures, or
+   one whose formats cannot be read now (another program holds it); true otherwise, with no
+   call when the device states no rates. The callback runs on the
    calling thread; the host serialises this call per device as the others. */
 TAVIX_EXPORT bool TavixDeviceFormatEnumerateFrameRates(unsigned long device,
                                                        unsigned long pixelFormat,
