@@ -189,6 +189,7 @@ void TavixDevice::Clear() {
     dwFramesRecorded = dwFramesNotRecorded = 0;
     sStartError.clear();
     sRecordingError.clear();
+    dFrameRate = 0;
     nRefCount = 0;
 }
 
@@ -348,6 +349,7 @@ bool TavixDevice::StartCapture(TavixDeviceVideoCallBack videoCallBack, long vide
         if (pVideoOutput == nullptr)
             pVideoOutput = new QTCaptureDecompressedVideoOutput;
         pVideoOutput->setDelegate(pVideoDelegate);
+        pVideoOutput->setMinimumVideoFrameInterval(dFrameRate > 0 ? 1 / dFrameRate : 0);
         if (pixelFormat != 0 || width != 0 || height != 0) {
             auto* attributes = new NSMutableDictionary;
             if (pixelFormat != 0)

@@ -155,6 +155,7 @@ public:
     unsigned long dwFramesRecorded, dwFramesNotRecorded; // of the last recording that ended
     std::string sStartError;     // the sentences of what the last start was refused
     std::string sRecordingError; // why the last recording that ended failed
+    double dFrameRate; // asked of the device when capture starts; 0 leaves it to the device
     int nRefCount;
 };
 

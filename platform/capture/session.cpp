@@ -169,9 +169,10 @@ NSArray* QTCaptureSession::outputs() const {
 }
 
 platform::StreamRequest QTCaptureSession::RequestFor(QTCaptureDeviceInput*) const {
-    // The first video output's wishes decide what the device is asked for; the outputs convert
-    // what it cannot deliver. The output is asked without the session's lock: a delegate call
-    // holds the output's lock and may stop the session, which takes the session's lock.
+    // The first video output's wishes (pixel format, size, frame interval) decide what the
+    // device is asked for; the outputs convert what it cannot deliver. The output is asked without
+    // the session's lock: a delegate call holds the output's lock and may stop the session, which
+    // takes the session's lock.
     QTCaptureDecompressedVideoOutput* video = nullptr;
     {
         std::lock_guard<std::recursive_mutex> locked(mutex);

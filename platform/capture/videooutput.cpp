@@ -1,6 +1,8 @@
 // The decompressed video output: hands each picture to its delegate, in place when the
 // pixel-buffer attributes ask for nothing or for what the device delivers, converted into a
 // pooled buffer otherwise.
+#include <cmath>
+
 #include "platform/qtkit.h"
 #include "platform/videoconverter.h"
 
@@ -53,9 +55,21 @@ NSDictionary* QTCaptureDecompressedVideoOutput::pixelBufferAttributes() const {
     return attributes;
 }
 
+void QTCaptureDecompressedVideoOutput::setMinimumVideoFrameInterval(double seconds) {
+    std::lock_guard<std::mutex> locked(requestMutex);
+    frameInterval = std::isfinite(seconds) && seconds > 0 ? seconds : 0;
+}
+
+double QTCaptureDecompressedVideoOutput::minimumVideoFrameInterval() const {
+    std::lock_guard<std::mutex> locked(requestMutex);
+    return frameInterval;
+}
+
 platform::StreamRequest QTCaptureDecompressedVideoOutput::Request() const {
     std::lock_guard<std::mutex> locked(requestMutex);
-    return request;
+    platform::StreamRequest wishes = request;
+    wishes.framesPerSecond = frameInterval > 0 ? 1 / frameInterval : 0;
+    return wishes;
 }
 
 void QTCaptureDecompressedVideoOutput::Deliver(const platform::CapturedSample& sample,
@@ -63,6 +77,7 @@ void QTCaptureDecompressedVideoOutput::Deliver(const platform::CapturedSample& s
                                                QTCaptureConnection* connection, bool isVideo) {
     if (!isVideo || sample.video == nullptr)
         return;
+    deliveredRate = sample.frameRate;
     std::lock_guard<std::recursive_mutex> locked(mutex);
     if (videoDelegate == nullptr)
         return;

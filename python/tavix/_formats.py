@@ -3,10 +3,12 @@ frame of each is shaped."""
 
 from __future__ import annotations
 
-from typing import Dict, NamedTuple, Optional, Tuple
+from fractions import Fraction
+from typing import Any, Callable, Dict, List, NamedTuple, Optional, Tuple
 
 import numpy as np
 
+from ._library import FrameRateCallBack, SoundFormatCallBack, lib
 from .errors import FormatError
 
 
@@ -138,3 +140,83 @@ def dtype_for(flags: int, bytes_per_sample: int) -> Optional[np.dtype]:
     if bytes_per_sample not in (1, 2, 4, 8) or (kind == "f" and bytes_per_sample < 4):
         return None
     return np.dtype(f"{order if bytes_per_sample > 1 else '|'}{kind}{bytes_per_sample}")
+
+
+class FrameRate(NamedTuple):
+    """Frame rates a device offers at one format and size.
+
+    ``fastest`` and ``slowest`` are frames per second, equal for a single rate. ``interval`` is
+    the shortest time between pictures in seconds, exactly (``Fraction(1001, 30000)`` for
+    29.97), ``max_interval`` the longest. A range offers every interval from ``interval`` to
+    ``max_interval`` in steps of ``step`` seconds, or any between them when ``step`` is None.
+    ``float(rate)`` is the fastest rate."""
+
+    fastest: float
+    slowest: float
+    interval: Fraction
+    max_interval: Fraction
+    step: Optional[Fraction]
+
+    def __float__(self) -> float:
+        return self.fastest
+
+    @property
+    def is_range(self) -> bool:
+        return self.max_interval != self.interval
+
+
+def _fraction(numerator: int, denominator: int) -> Fraction:
+    return Fraction(numerator, denominator) if denominator else Fraction(0)
+
+
+def frame_rates(call: Callable[..., Any], code: int, width: int, height: int) -> Tuple[FrameRate, ...]:
+    """The rates offered at a format and size, through the device's ``call`` helper."""
+    found: List[FrameRate] = []
+
+    def add(pointer: Any, context: Any) -> bool:
+        rate = pointer.contents
+        step = _fraction(rate.dwStepNumerator, rate.dwStepDenominator)
+        found.append(
+            FrameRate(
+                rate.framesPerSecond,
+                rate.minFramesPerSecond,
+                _fraction(rate.dwIntervalNumerator, rate.dwIntervalDenominator),
+                _fraction(rate.dwMaxIntervalNumerator, rate.dwMaxIntervalDenominator),
+                step or None,
+            )
+        )
+        return True
+
+    call(lib.TavixDeviceFormatEnumerateFrameRates, code, width, height, FrameRateCallBack(add), None)
+    return tuple(found)
+
+
+class SoundDetails(NamedTuple):
+    """A sound format as the device delivers it: its format type's code, samples per second,
+    channels, bits of one channel's sample, and whether samples are floating point."""
+
+    code: int
+    sample_rate: float
+    channels: int
+    bits: int
+    is_float: bool
+
+
+def sound_formats(call: Callable[..., Any]) -> List[SoundDetails]:
+    found: List[SoundDetails] = []
+
+    def add(pointer: Any, context: Any) -> bool:
+        sound = pointer.contents
+        found.append(
+            SoundDetails(
+                sound.dwFormat,
+                sound.sampleRate,
+                sound.dwChannels,
+                sound.dwBitsPerChannel,
+                bool(sound.dwFormatFlags & 1),
+            )
+        )
+        return True
+
+    call(lib.TavixDeviceEnumerateSoundFormats, SoundFormatCallBack(add), None)
+    return found

@@ -45,6 +45,33 @@ class DeviceFormat(ctypes.Structure):
     ]
 
 
+class FrameRate(ctypes.Structure):
+    """TavixFrameRate_C."""
+
+    _fields_ = [
+        ("framesPerSecond", ctypes.c_double),
+        ("minFramesPerSecond", ctypes.c_double),
+        ("dwIntervalNumerator", ctypes.c_uint),
+        ("dwIntervalDenominator", ctypes.c_uint),
+        ("dwMaxIntervalNumerator", ctypes.c_uint),
+        ("dwMaxIntervalDenominator", ctypes.c_uint),
+        ("dwStepNumerator", ctypes.c_uint),
+        ("dwStepDenominator", ctypes.c_uint),
+    ]
+
+
+class SoundFormat(ctypes.Structure):
+    """TavixSoundFormat_C."""
+
+    _fields_ = [
+        ("sampleRate", ctypes.c_double),
+        ("dwFormat", ctypes.c_uint),
+        ("dwFormatFlags", ctypes.c_uint),
+        ("dwChannels", ctypes.c_uint),
+        ("dwBitsPerChannel", ctypes.c_uint),
+    ]
+
+
 # The pixel and sample pointers are taken as plain addresses (c_void_p arrives as an int or
 # None), so a callback copies straight from the address without building a ctypes object.
 VideoCallBack = ctypes.CFUNCTYPE(
@@ -71,6 +98,8 @@ EnumerateCallBack = ctypes.CFUNCTYPE(ctypes.c_bool, ctypes.c_char_p, ctypes.c_vo
 FormatEnumerateCallBack = ctypes.CFUNCTYPE(
     ctypes.c_bool, ctypes.POINTER(DeviceFormat), ctypes.c_bool, ctypes.c_void_p
 )
+FrameRateCallBack = ctypes.CFUNCTYPE(ctypes.c_bool, ctypes.POINTER(FrameRate), ctypes.c_void_p)
+SoundFormatCallBack = ctypes.CFUNCTYPE(ctypes.c_bool, ctypes.POINTER(SoundFormat), ctypes.c_void_p)
 
 # name: (result type, argument types)
 _PROTOTYPES = {
@@ -129,6 +158,16 @@ _PROTOTYPES = {
         [c_handle, ctypes.POINTER(ctypes.c_ulong), ctypes.POINTER(ctypes.c_ulong)],
     ),
     "TavixDeviceGetLastError": (ctypes.c_bool, [c_handle, ctypes.c_char_p, ctypes.c_size_t]),
+    "TavixDeviceFormatEnumerateFrameRates": (
+        ctypes.c_bool,
+        [c_handle, ctypes.c_ulong, ctypes.c_ulong, ctypes.c_ulong, FrameRateCallBack, ctypes.c_void_p],
+    ),
+    "TavixDeviceSetCaptureFrameRate": (ctypes.c_bool, [c_handle, ctypes.c_double]),
+    "TavixDeviceGetCaptureFrameRate": (ctypes.c_bool, [c_handle, ctypes.POINTER(ctypes.c_double)]),
+    "TavixDeviceEnumerateSoundFormats": (
+        ctypes.c_bool,
+        [c_handle, SoundFormatCallBack, ctypes.c_void_p],
+    ),
     "TavixDeviceIsTransportAvailable": (ctypes.c_bool, [c_handle]),
     "TavixDeviceGetTransportMode": (ctypes.c_int, [c_handle]),
     "TavixDeviceSetTransportMode": (None, [c_handle, ctypes.c_int]),

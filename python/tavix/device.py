@@ -68,12 +68,18 @@ def has_devices_in_use() -> bool:
 class Format(NamedTuple):
     """A format a device delivers: ``media`` is 'video' or 'sound'; ``pixel_format`` the
     format's name ('2vuy', 'BGRA', ... for video, 'lpcm' for sound); width and height 0 for
-    sound."""
+    sound. A video format's ``rates`` are the ``FrameRate`` entries offered at its size (pass
+    one to ``capture(rate=...)``); a sound format's ``sample_rate``, ``channels`` and ``bits``
+    (of one channel's sample) say what the device delivers before conversion."""
 
     media: str
     pixel_format: str
     width: int
     height: int
+    rates: Tuple[_formats.FrameRate, ...] = ()
+    sample_rate: float = 0
+    channels: int = 0
+    bits: int = 0
 
 
 # Devices still open when the interpreter exits are closed first, so that no capture thread
@@ -283,7 +289,26 @@ class Device:
 
         callback = FormatEnumerateCallBack(add)
         self._call(lib.TavixDeviceFormatEnumerateWithCallBack, callback, None)
-        return found
+        return self._with_details(found)
+
+    def _with_details(self, found: List[Format]) -> List[Format]:
+        # Rates for each video format; each sound format once per way the device delivers it.
+        sounds = _formats.sound_formats(self._call)
+        detailed: List[Format] = []
+        for entry in found:
+            if entry.media == "video":
+                code = _formats.fourcc(entry.pixel_format) if len(entry.pixel_format) == 4 else 0
+                rates = _formats.frame_rates(self._call, code, entry.width, entry.height)
+                detailed.append(entry._replace(rates=rates))
+                continue
+            matching = [s for s in sounds if _formats.fourcc_text(s.code) == entry.pixel_format]
+            detailed.extend(
+                entry._replace(sample_rate=s.sample_rate, channels=s.channels, bits=s.bits)
+                for s in matching
+            )
+            if not matching:
+                detailed.append(entry)
+        return detailed
 
     # -- tape transport -----------------------------------------------------------------------
 
@@ -349,6 +374,7 @@ class Device:
         channels: int = 2,
         dtype: Any = "float32",
         record: Union[None, str, "os.PathLike[str]"] = None,
+        rate: Union[None, float, _formats.FrameRate] = None,
         on_frame: Optional[Callable[[Frame], Any]] = None,
         on_audio: Optional[Callable[[Sound], Any]] = None,
         queue_size: int = 4,
@@ -365,6 +391,9 @@ class Device:
         - ``sample_rate``, ``channels``, ``dtype``: the sound to receive: 'float32' (default),
           'float64', 'int16', 'int32' or 'uint8' samples, converted by the library.
         - ``record``: a movie file to record into at the same time (.mov, .mp4 or .mkv).
+        - ``rate``: frames per second (or a ``FrameRate`` of ``Format.rates``); the device uses
+          the offered rate nearest to it, which ``Session.rate`` reads back. None lets the
+          device choose.
         - ``on_frame`` / ``on_audio``: callables that receive each ``Frame`` / ``Sound`` on the
           library's capture thread, instead of the session's queues.
         - ``queue_size``: frames kept for a slow iterator before the oldest are dropped;
@@ -389,6 +418,7 @@ class Device:
             if not isinstance(queue_size, int) or queue_size < 1:
                 raise ValueError(f"queue_size must be a positive integer, not {queue_size!r}")
             path = _check_recording_path(record) if record is not None else None
+            wanted_rate = _check_rate(rate)
             session = Session(
                 self,
                 video=video,
@@ -400,6 +430,7 @@ class Device:
                 sample_rate=sample_rate,
                 channels=channels,
                 record=path,
+                rate=wanted_rate,
                 on_frame=on_frame,
                 on_audio=on_audio,
                 queue_size=queue_size,
@@ -446,6 +477,18 @@ def _check_size(size: Optional[Tuple[int, int]]) -> Optional[Tuple[int, int]]:
             f"the library delivers frames of 1 to {_LARGEST_SIDE} pixels a side, not {width} x {height}"
         )
     return width, height
+
+
+def _check_rate(rate: Union[None, float, _formats.FrameRate]) -> float:
+    if rate is None:
+        return 0.0
+    try:
+        value = float(rate)
+    except (TypeError, ValueError):
+        raise ValueError(f"rate must be frames per second, not {rate!r}") from None
+    if not 0 < value <= 1000:
+        raise FormatError(f"rate must be above 0 and at most 1000 frames per second, not {rate!r}")
+    return value
 
 
 def _check_range(name: str, value: Any, bounds: Tuple[int, int]) -> None:

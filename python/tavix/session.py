@@ -165,6 +165,7 @@ class Session:
         sample_rate: int,
         channels: int,
         record: Optional[str],
+        rate: float,
         on_frame: Optional[Callable[[Frame], Any]],
         on_audio: Optional[Callable[[Sound], Any]],
         queue_size: int,
@@ -206,15 +207,17 @@ class Session:
         # capture does, so the session holds them until it is stopped.
         self._video_callback = VideoCallBack(self._video_arrived) if video else VideoCallBack()
         self._audio_callback = AudioCallBack(self._sound_arrived) if sound else AudioCallBack()
-        self._start(pixel_format, size, audio_device, sample, record)
+        self._start(pixel_format, size, audio_device, sample, record, rate)
 
-    def _start(self, pixel_format, size, audio_device, sample, record) -> None:
+    def _start(self, pixel_format, size, audio_device, sample, record, rate) -> None:
         code = pixel_format.code if pixel_format else 0
         width, height = size if size else (0, 0)
         path = record.encode() if record else None
         flags, bytes_per_sample = (sample.flags, sample.bytes_per_sample) if self.has_sound else (0, 0)
         handle = self._device._handle
         with thread_scope():
+            # The wish stays with the device's handle: each start states its own, 0 included.
+            lib.TavixDeviceSetCaptureFrameRate(handle, rate)
             if audio_device:
                 started = lib.TavixDeviceStartCaptureWithAudioDevice(
                     handle, audio_device.encode(), self._video_callback, 0, code, width, height,
@@ -388,6 +391,19 @@ class Session:
             result.time = 0.0
         result.sample_rate = self.sample_rate
         return result
+
+    @property
+    def rate(self) -> Optional[float]:
+        """The frames per second the device delivers, as it states them (29.97002997... for
+        30000/1001); None before the first frame has come, once the session has ended, or when
+        the device does not say."""
+        value = ctypes.c_double()
+        with self._device._lock:
+            if self._ended or self._stopping or not self._device._handle:
+                return None
+            with thread_scope():
+                known = lib.TavixDeviceGetCaptureFrameRate(self._device._handle, ctypes.byref(value))
+        return value.value if known else None
 
     # -- stopping ----------------------------------------------------------------------------
 

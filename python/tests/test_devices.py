@@ -16,16 +16,18 @@ def test_lists_the_built_in_devices_by_media_type():
 
 def test_formats_list_sound_first_then_video_largest_first(camera, microphone, deck):
     camera_formats = camera.formats()
-    assert camera_formats[0] == tavix.Format("video", "2vuy", 1280, 720)
+    assert camera_formats[0][:4] == ("video", "2vuy", 1280, 720)
     sizes = [f.width * f.height for f in camera_formats]
     assert sizes == sorted(sizes, reverse=True)
+    assert all([float(r) for r in f.rates] == [30, 60] for f in camera_formats)
 
-    assert microphone.formats() == [tavix.Format("sound", "lpcm", 0, 0)]
+    sound = tavix.Format("sound", "lpcm", 0, 0, sample_rate=48000, channels=2, bits=32)
+    assert microphone.formats() == [sound]
 
     deck_formats = deck.formats()
-    assert deck_formats[0].media == "sound"
+    assert deck_formats[0] == sound._replace(bits=16)
     assert (deck_formats[1].width, deck_formats[1].height) == (720, 576)
-    assert all(f.media == "video" for f in deck_formats[1:])
+    assert all(f.media == "video" and [float(r) for r in f.rates] == [25] for f in deck_formats[1:])
 
 
 def test_state_of_an_idle_device(camera, deck):

@@ -93,6 +93,14 @@ def test_the_native_format_is_delivered_when_none_is_asked(camera):
     assert frame.pixel_format == "2vuy" and frame.shape == (720, 1280, 2)
 
 
+@pytest.mark.parametrize("asked, used", [(60, 60), (50, 60), (None, 30)])
+def test_the_camera_runs_at_the_offered_rate_nearest_the_one_asked(camera, asked, used):
+    with camera.capture(size=(320, 240), rate=asked) as session:
+        assert session.read(timeout=20) is not None
+        assert session.rate == used
+    assert session.rate is None, "no rate once the session has ended"
+
+
 def test_a_slow_consumer_loses_the_oldest_frames_without_slowing_capture(camera):
     session = camera.capture(pixel_format="BGRA", size=(320, 240), queue_size=3)
     # Reads nothing while twenty frames come.

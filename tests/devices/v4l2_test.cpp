@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
@@ -46,12 +47,35 @@ TEST(V4L2Negotiation, NearestSizePrefersExactThenSmallestCoveringThenLargest) {
     EXPECT_EQ(45u, none.height);
 }
 
-TEST(V4L2Negotiation, FastestIntervalWhateverTheDriversOrder) {
-    V4L2FrameSize size{640, 480, {{1, 15}, {1, 60}, {1001, 30000}, {0, 1}, {1, 5}}};
-    V4L2Fraction fastest = V4L2FastestInterval(size);
-    EXPECT_EQ(1u, fastest.numerator);
-    EXPECT_EQ(60u, fastest.denominator);
-    EXPECT_EQ(0u, V4L2FastestInterval(V4L2FrameSize{}).numerator);
+// The interval asked of the driver: the fastest offered without a wish (whatever the driver's
+// order), else the offered one nearest in frames per second, exactly as offered; in a range the
+// nearest step, and any rate in a continuous one. A size stating nothing gets the wish itself.
+TEST(V4L2Negotiation, IntervalIsTheFastestOrTheNearestOffered) {
+    const V4L2FrameSize list{640, 480, {{1, 15}, {1, 60}, {1001, 30000}, {0, 1}, {1, 5}}};
+    V4L2FrameSize stepwise{640, 480, {{1, 60}, {1, 1}}};
+    stepwise.intervalRange = true;
+    stepwise.step = {1, 60};
+    V4L2FrameSize continuous{640, 480, {{1, 120}, {2, 1}}};
+    continuous.intervalRange = true;
+    const V4L2FrameSize unstated{640, 480, {}};
+    const struct {
+        const V4L2FrameSize& size;
+        double wish;
+        uint32_t numerator, denominator;
+    } cases[] = {
+        {list, 0, 1, 60},        {list, 30, 1001, 30000}, {list, 29.97, 1001, 30000},
+        {list, 50, 1, 60},       {list, 9, 1, 5},         {list, 1000, 1, 60},
+        {stepwise, 0, 1, 60},    {stepwise, 24, 1, 20},   {stepwise, 5, 1, 5},
+        {stepwise, 0.5, 1, 1},   {stepwise, 100, 1, 60},  {continuous, 29.97, 1001, 30000},
+        {continuous, 24, 1, 24}, {continuous, 0.2, 2, 1}, {unstated, 25, 1, 25},
+        {unstated, 0, 0, 0},
+    };
+    for (const auto& c : cases) {
+        const V4L2Fraction interval = V4L2IntervalFor(c.size, c.wish);
+        EXPECT_EQ(c.numerator, interval.numerator) << c.wish << " of " << c.size.intervals.size();
+        EXPECT_EQ(c.denominator, interval.denominator) << c.wish;
+    }
+    EXPECT_EQ(60u, V4L2FastestInterval(list).denominator);
 }
 
 TEST(V4L2Negotiation, ChoosesTheWishThenAFormatFastEnoughUncompressedFirst) {
@@ -220,6 +244,61 @@ TEST(V4L2Streaming, FramesComeInOrderAndAHeldFrameOutlivesTheStream) {
     // Still mapped and unchanged: a host reading the lent buffer after the stop sees its picture.
     EXPECT_EQ(0, memcmp(before.data(), held.data, before.size()));
     held.requeue();
+    camera.close();
+}
+
+// A rate other than the driver's default is set, read back, and paces the driver's frames:
+// their timestamps lie one asked interval apart per sequence number (frames the driver lost
+// leave gaps in both), however late the frames are dequeued.
+TEST(V4L2Streaming, AnAskedRateIsReadBackAndSpacesTheFrames) {
+    REQUIRE_CAMERA(info, V4L2_PIX_FMT_YUYV);
+    const V4L2FrameSize* size = nullptr; // the size offered at the most rates
+    for (const V4L2Format& format : info.formats)
+        for (const V4L2FrameSize& offered : format.sizes)
+            if (format.fourcc == V4L2_PIX_FMT_YUYV &&
+                (!size || offered.intervals.size() > size->intervals.size()))
+                size = &offered;
+    if (size == nullptr || size->intervals.size() < 3) {
+        DEVICE_MISSING() << "no size offered at several rates (vivid's webcam input has some)";
+    }
+    const std::vector<platform::FrameRates> rates = V4L2RatesOf(*size);
+    ASSERT_EQ(size->intervals.size(), rates.size()) << "one entry per discrete interval";
+
+    V4L2Camera camera;
+    ASSERT_EQ(V4L2Camera::Status::Ok, camera.open(info.path));
+    if (info.selectsInput) {
+        ASSERT_EQ(V4L2Camera::Status::Ok, camera.selectInput(info.input.index, 0));
+    }
+    ASSERT_EQ(V4L2Camera::Status::Ok,
+              camera.setFormat(V4L2_PIX_FMT_YUYV, size->width, size->height, {}));
+    const double driversRate = camera.format().interval.framesPerSecond();
+    // The slowest rate of 10 or more per second that is not the driver's: short, and a change.
+    double wish = 0;
+    for (const platform::FrameRates& rate : rates) {
+        const double offered = rate.fastest.FramesPerSecond();
+        if (offered >= 10 && std::fabs(offered - driversRate) > 0.01 && (!wish || offered < wish))
+            wish = offered;
+    }
+    ASSERT_GT(wish, 0) << "a second rate of 10 or more per second at " << size->width;
+    ASSERT_EQ(V4L2Camera::Status::Ok, camera.setFormat(V4L2_PIX_FMT_YUYV, size->width, size->height,
+                                                       V4L2IntervalFor(*size, wish)));
+    EXPECT_DOUBLE_EQ(wish, camera.format().interval.framesPerSecond()) << "read back";
+    ASSERT_EQ(V4L2Camera::Status::Ok, camera.start(6));
+    V4L2Frame frame;
+    double firstTime = 0;
+    uint32_t firstSequence = 0;
+    for (int i = 0; i < 8; ++i) {
+        ASSERT_EQ(V4L2Camera::Wait::Frame, camera.waitFrame(30000, frame)) << "frame " << i;
+        if (i == 0) {
+            firstTime = frame.timestamp;
+            firstSequence = frame.sequence;
+        }
+    }
+    const uint32_t frames = frame.sequence - firstSequence;
+    ASSERT_GT(frames, 0u);
+    EXPECT_NEAR(1 / wish, (frame.timestamp - firstTime) / frames, 0.1 / wish)
+        << "driver time per frame at " << wish << " fps";
+    frame.requeue();
     camera.close();
 }
 

@@ -13,11 +13,15 @@ using namespace std::chrono_literals;
 
 class FrameCounter : public NSObject, public QTCaptureDecompressedVideoOutputDelegate {
 public:
-    void captureOutput(QTCaptureOutput*, CVImageBufferRef, QTSampleBuffer*,
+    void captureOutput(QTCaptureOutput*, CVImageBufferRef, QTSampleBuffer* buffer,
                        QTCaptureConnection*) override {
+        if (frames == 0)
+            firstTime = buffer->presentationTime();
+        lastTime = buffer->presentationTime();
         ++frames;
     }
     std::atomic<int> frames{0};
+    std::atomic<double> firstTime{0}, lastTime{0}; // of the pictures, by the device's clock
 };
 
 QTCaptureDevice* FindDevice(const char* name) {
@@ -116,4 +120,34 @@ TEST_F(SessionTest, UnpluggingStopsFramesAndReportsNotConnected) {
         EXPECT_TRUE(run.session->isRunning());
     }
     device->close();
+}
+
+// The video output's frame interval reaches the camera, which streams at the offered rate
+// nearest to it (30 and 60 here): its pictures' times lie that far apart, and the output reports
+// their nominal rate. No interval leaves the camera at its default.
+TEST_F(SessionTest, TheOutputsFrameIntervalPacesTheCamera) {
+    QTCaptureDevice* camera = FindDevice(virtualdevices::kTestCameraName);
+    ASSERT_TRUE(camera->open(nullptr));
+    for (const auto& [interval, rate] :
+         {std::pair{1 / 60.0, 60.0}, {1 / 50.0, 60.0}, {0.0, 30.0}}) {
+        auto* session = new QTCaptureSession;
+        auto* input = new QTCaptureDeviceInput(camera);
+        auto* output = new QTCaptureDecompressedVideoOutput;
+        auto* counter = new FrameCounter;
+        output->setMinimumVideoFrameInterval(interval);
+        output->setDelegate(counter);
+        EXPECT_TRUE(session->addInput(input, nullptr) && session->addOutput(output, nullptr));
+        session->startRunning();
+        EXPECT_TRUE(WaitUntil([&] { return counter->frames >= 12; }));
+        session->stopRunning();
+        EXPECT_EQ(rate, output->DeliveredFrameRate()) << "asked " << 1 / interval;
+        EXPECT_NEAR(1 / rate, (counter->lastTime - counter->firstTime) / (counter->frames - 1),
+                    1e-6)
+            << "asked " << 1 / interval;
+        output->setDelegate(nullptr);
+        for (NSObject* object : {static_cast<NSObject*>(session), static_cast<NSObject*>(output),
+                                 static_cast<NSObject*>(input), static_cast<NSObject*>(counter)})
+            object->release();
+    }
+    camera->close();
 }

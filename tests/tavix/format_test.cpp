@@ -1,5 +1,6 @@
 // Format records and sets, the checkers, the per-device caches and format discovery with its
 // default-format probe.
+#include <cmath>
 #include <gtest/gtest.h>
 #include <atomic>
 #include <thread>
@@ -219,6 +220,92 @@ TEST_F(DiscoveryTest, AStoppingEnumeratorAndBadArguments) {
     EXPECT_EQ(1u, stopper.Sizes().size());
     EXPECT_FALSE(TavixDeviceFormatEnumerate(scope.handle, nullptr));
     EXPECT_FALSE(TavixDeviceFormatEnumerate(0, &stopper));
+}
+
+// The rates each device lists for a format and size (one it reaches by scaling included), and
+// its sound formats in full. Rates stay exact fractions: 29.97 is 1001/30000.
+TEST_F(DiscoveryTest, FrameRatesAndSoundFormatsOfEachDevice) {
+    virtualdevices::Add(CameraSpec("NTSC Camera", {k2vuy, 720, 480, 29.97}));
+    const struct Case {
+        const char* name;
+        unsigned long pixelFormat, width, height;
+        std::vector<double> rates;               // empty: the device has no pictures
+        std::vector<std::vector<double>> sounds; // rate, channels, bits, float
+    } cases[] = {
+        {virtualdevices::kTestCameraName, k2vuy, 640, 480, {30, 60}, {}},
+        {virtualdevices::kTestCameraName, kFallback, 160, 120, {30, 60}, {}},
+        {virtualdevices::kTestCameraName, 0, 0, 0, {30, 60}, {}},
+        {virtualdevices::kTestDeckName, kFallback, 720, 576, {25}, {{48000, 2, 16, 0}}},
+        {virtualdevices::kTestMicrophoneName, 0, 0, 0, {}, {{48000, 2, 32, 1}}},
+        {"NTSC Camera", k2vuy, 720, 480, {30000 / 1001.0}, {}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        DeviceScope scope(TavixDeviceGet(c.name, TavixDeviceMediaTypeAny));
+        std::vector<TavixFrameRate_C> rates;
+        const bool listed = TavixDeviceFormatEnumerateFrameRates(
+            scope.handle, c.pixelFormat, c.width, c.height,
+            [](const TavixFrameRate_C* rate, void* list) {
+                static_cast<std::vector<TavixFrameRate_C>*>(list)->push_back(*rate);
+                return true;
+            },
+            &rates);
+        EXPECT_EQ(!c.rates.empty(), listed);
+        std::vector<double> fastest;
+        for (const TavixFrameRate_C& rate : rates) {
+            fastest.push_back(rate.framesPerSecond);
+            EXPECT_EQ(rate.framesPerSecond, rate.minFramesPerSecond) << "single rates";
+            EXPECT_DOUBLE_EQ(rate.framesPerSecond,
+                             double(rate.dwIntervalDenominator) / rate.dwIntervalNumerator);
+        }
+        EXPECT_EQ(c.rates, fastest);
+        std::vector<std::vector<double>> sounds;
+        EXPECT_TRUE(TavixDeviceEnumerateSoundFormats(
+            scope.handle,
+            [](const TavixSoundFormat_C* sound, void* list) {
+                static_cast<std::vector<std::vector<double>>*>(list)->push_back(
+                    {sound->sampleRate, double(sound->dwChannels), double(sound->dwBitsPerChannel),
+                     double(sound->dwFormatFlags & 1)});
+                return true;
+            },
+            &sounds));
+        EXPECT_EQ(c.sounds, sounds);
+    }
+    DeviceScope ntsc(TavixDeviceGet("NTSC Camera", TavixDeviceMediaTypeVideo));
+    TavixFrameRate_C exact{};
+    TavixDeviceFormatEnumerateFrameRates(
+        ntsc.handle, 0, 0, 0,
+        [](const TavixFrameRate_C* rate, void* out) {
+            *static_cast<TavixFrameRate_C*>(out) = *rate;
+            return false;
+        },
+        &exact);
+    EXPECT_EQ(1001u, exact.dwIntervalNumerator);
+    EXPECT_EQ(30000u, exact.dwIntervalDenominator);
+    EXPECT_FALSE(TavixDeviceFormatEnumerateFrameRates(0, 0, 0, 0, nullptr, nullptr));
+}
+
+// A rate set before capture is the nearest offered, read back while pictures come; a new handle
+// leaves the camera at its own rate.
+TEST_F(DiscoveryTest, AnAskedRateIsTheNearestOfferedAndReadBack) {
+    for (const auto& [asked, used] : {std::pair{60.0, 60.0}, {50.0, 60.0}, {0.0, 30.0}}) {
+        DeviceScope scope(
+            TavixDeviceGet(virtualdevices::kTestCameraName, TavixDeviceMediaTypeVideo));
+        ASSERT_TRUE(TavixDeviceOpen(scope.handle));
+        double rate = -1;
+        EXPECT_FALSE(TavixDeviceGetCaptureFrameRate(scope.handle, &rate)) << "not capturing";
+        EXPECT_TRUE(asked == 0 || TavixDeviceSetCaptureFrameRate(scope.handle, asked));
+        CallbackLog log;
+        ASSERT_TRUE(TavixDeviceStartCapture(scope.handle, LogFrame, DataOf(log), 0, 320, 240,
+                                            nullptr, 0, 0, 0, 0, 0, nullptr));
+        ASSERT_TRUE(WaitUntil([&] { return log.frames > 0; }));
+        EXPECT_TRUE(TavixDeviceGetCaptureFrameRate(scope.handle, &rate));
+        EXPECT_EQ(used, rate) << "asked " << asked;
+        TavixDeviceStopCapture(scope.handle);
+        EXPECT_FALSE(TavixDeviceGetCaptureFrameRate(scope.handle, &rate)) << "stopped";
+        EXPECT_FALSE(TavixDeviceSetCaptureFrameRate(scope.handle, -1));
+        EXPECT_FALSE(TavixDeviceSetCaptureFrameRate(scope.handle, std::nan("")));
+    }
 }
 
 } // namespace

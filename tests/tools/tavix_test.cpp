@@ -53,13 +53,20 @@ TEST_F(TavixCommand, ListsDevicesAndFormats) {
     EXPECT_TRUE(Contains(list, "transport controls")) << "the deck's state";
     EXPECT_TRUE(Contains(list, "tavix-virtual:test-camera")) << "the unique ids";
 
-    // A device is named by its display name or its unique id.
+    // A device is named by its display name or its unique id; the formats carry their rates.
     for (const char* name : {"'Tavix Test Camera'", "tavix-virtual:test-camera"}) {
         const CommandOutput formats = Tavix(std::string("formats ") + name);
         EXPECT_EQ(0, formats.status) << name;
-        EXPECT_TRUE(Contains(formats.output, "1280 x 720")) << formats.output;
-        EXPECT_TRUE(Contains(formats.output, "160 x 120"));
+        EXPECT_TRUE(Contains(formats.output, "1280 x 720  30, 60 fps")) << formats.output;
+        EXPECT_TRUE(Contains(formats.output, "160 x 120  30, 60 fps"));
     }
+    const CommandOutput deck = Tavix("formats 'Tavix Test Deck'");
+    EXPECT_TRUE(Contains(deck.output, "lpcm  48000 Hz, 2 channels, 16-bit integer")) << deck.output;
+    EXPECT_TRUE(Contains(deck.output, "720 x 576  25 fps"));
+
+    const CommandOutput fast = Tavix("capture 'Tavix Test Camera' --seconds 1 --rate 60");
+    EXPECT_EQ(0, fast.status) << fast.output;
+    EXPECT_TRUE(Contains(fast.output, "rate      60.00 frames per second")) << fast.output;
 }
 
 TEST_F(TavixCommand, CapturesRecordsAndSnapshotsWithPlainLinesOffATerminal) {
@@ -141,6 +148,8 @@ TEST_F(TavixCommand, ErrorsNameTheProblemAndFail) {
         {"capture 'Tavix Test Camera' --size 0x0", "0x0"},
         {"capture 'Tavix Test Camera' --seconds -3", "-3"},
         {"capture 'Tavix Test Camera' --format ABCDE", "ABCDE"},
+        {"capture 'Tavix Test Camera' --rate 0", "\"0\""},
+        {"capture 'Tavix Test Camera' --seconds 1 --rate 50", "it offers 30, 60 fps"},
         // The library's reasons for a start it refuses.
         {"capture 'Tavix Test Camera' --seconds 1 --record " + folder + "/missing/x.mov",
          "missing/x.mov: No such file"},

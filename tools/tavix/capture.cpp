@@ -1,5 +1,5 @@
 // `tavix capture NAME [--audio NAME] [--seconds N] [--record FILE] [--snapshot FILE.png]
-//                     [--format FOURCC] [--size WxH]`
+//                     [--format FOURCC] [--size WxH] [--rate FPS]`
 #include <cerrno>
 #include <cmath>
 #include <csignal>
@@ -11,6 +11,7 @@
 
 #include "capturestats.h"
 #include "devices.h"
+#include "framerates.h"
 #include "llib/mac/tavix.h"
 #include "options.h"
 #include "png.h"
@@ -26,17 +27,21 @@ void OnInterrupt(int) {
 struct CaptureOptions : DeviceWishes {
     double seconds = 5;
     std::string snapshotPath;
+    double rate = 0; // frames per second; 0 leaves it to the device
 };
 
 void PrintUsage() {
     printf("usage: tavix capture NAME [--audio NAME] [--seconds N] [--record FILE]\n"
-           "                          [--snapshot FILE.png] [--format FOURCC] [--size WxH]\n\n"
+           "                          [--snapshot FILE.png] [--format FOURCC] [--size WxH]\n"
+           "                          [--rate FPS]\n\n"
            "Captures from device NAME (and sound from --audio NAME) for N seconds (5), showing\n"
            "frames, dropped frames, timecode, sound level and file size, then a summary.\n"
            "  --record FILE      records to a movie file (.mov, .mp4 or .mkv)\n"
            "  --snapshot FILE    writes the last frame as a PNG picture\n"
            "  --format FOURCC    asks for a pixel format: 2vuy, yuvs, BGRA, ARGB, 420v, y420\n"
            "  --size WxH         asks for a frame size, e.g. 640x480\n"
+           "  --rate FPS         asks for a frame rate the device offers at that size and\n"
+           "                     format (see tavix formats NAME), e.g. 60 or 29.97\n"
            "Ctrl-C stops early and keeps the recording.\n");
 }
 
@@ -49,13 +54,19 @@ int ParseOptions(int argc, char** argv, CaptureOptions& options, bool& help) {
             help = true;
             return kExitOK;
         }
-        if ((argument == "--seconds" || argument == "--snapshot") && i + 1 >= argc) {
+        if ((argument == "--seconds" || argument == "--snapshot" || argument == "--rate") &&
+            i + 1 >= argc) {
             PrintError("%s needs a value", argument.c_str());
             return kExitUsage;
         }
         if (argument == "--seconds") {
             if (!ParseSeconds(argv[++i], options.seconds)) {
                 PrintError("bad number of seconds \"%s\"", argv[i]);
+                return kExitUsage;
+            }
+        } else if (argument == "--rate") {
+            if (!ParseRate(argv[++i], options.rate)) {
+                PrintError("bad frame rate \"%s\" (frames per second, such as 30)", argv[i]);
                 return kExitUsage;
             }
         } else if (argument == "--snapshot") {
@@ -172,6 +183,20 @@ bool TakeSnapshot(CaptureStats& stats, const std::string& path) {
     return true;
 }
 
+// A rate the device does not offer at the wished format and size is refused with the ones it
+// does, before capture starts: the library would quietly take the nearest. A device that states
+// no rates is asked anyway, and its driver settles the rate.
+bool AskForRate(unsigned long device, const CaptureOptions& options) {
+    const std::vector<TavixFrameRate_C> offered =
+        OfferedRates(device, options.pixelFormat, options.width, options.height);
+    if (!offered.empty() && !OffersRate(offered, options.rate)) {
+        PrintError("\"%s\" does not offer %g frames per second here; it offers %s",
+                   options.device.c_str(), options.rate, RatesText(offered).c_str());
+        return false;
+    }
+    return TavixDeviceSetCaptureFrameRate(device, options.rate);
+}
+
 } // namespace
 
 int CaptureCommand(int argc, char** argv) {
@@ -190,6 +215,12 @@ int CaptureCommand(int argc, char** argv) {
     const unsigned long device = OpenNamedDevice(options.device, options.audioDevice);
     if (device == 0)
         return kExitFailure;
+
+    if (options.rate > 0 && !AskForRate(device, options)) {
+        TavixDeviceClose(device);
+        TavixDeviceRelease(device);
+        return kExitFailure;
+    }
 
     CaptureStats stats;
     const bool hasVideo = TavixDeviceHasMediaType(device, TavixDeviceMediaTypeVideo) ||
@@ -230,11 +261,14 @@ int CaptureCommand(int argc, char** argv) {
     const bool terminal = isatty(STDOUT_FILENO) != 0;
     const double begin = MonotonicSeconds();
     double elapsed = 0, lastPlainLine = 0;
+    double rateInUse = 0; // the device's, once a picture has said it
     while (!interrupted && (elapsed = MonotonicSeconds() - begin) < options.seconds) {
         if (terminal || elapsed - lastPlainLine >= 1) {
             PrintStatus(device, stats, options, elapsed, terminal);
             lastPlainLine = elapsed;
         }
+        if (rateInUse == 0)
+            TavixDeviceGetCaptureFrameRate(device, &rateInUse);
         usleep(100000);
         if (!TavixDeviceIsConnected(device)) {
             if (terminal)
@@ -248,6 +282,8 @@ int CaptureCommand(int argc, char** argv) {
     if (terminal)
         printf("\n");
 
+    if (rateInUse == 0)
+        TavixDeviceGetCaptureFrameRate(device, &rateInUse);
     bool ok = true;
     if (!options.snapshotPath.empty() && hasVideo)
         ok = TakeSnapshot(stats, options.snapshotPath) && ok;
@@ -270,6 +306,8 @@ int CaptureCommand(int argc, char** argv) {
                elapsed > 0 ? frames / elapsed : 0,
                static_cast<unsigned long long>(stats.droppedFrames.load()), stats.width.load(),
                stats.height.load(), FourCCText(stats.pixelFormat).c_str());
+    if (hasVideo && rateInUse > 0)
+        printf("  rate      %.2f frames per second, as the device delivered them\n", rateInUse);
     if (stats.hasTimecode)
         printf("  timecode  last %s\n", TimecodeText(stats.timecode).c_str());
     if (wantsAudio)

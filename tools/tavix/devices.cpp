@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "framerates.h"
 #include "llib/mac/tavix.h"
 #include "options.h"
 
@@ -107,20 +108,41 @@ public:
     unsigned long handle;
 };
 
-struct FormatPrinter : ITavixDeviceFormatEnumerator {
-    int count = 0;
+// Collects the formats, so that their rates and sound details are asked for once the
+// enumeration has ended.
+struct FormatCollector : ITavixDeviceFormatEnumerator {
+    struct Entry {
+        bool video;
+        unsigned long format, width, height;
+    };
+    std::vector<Entry> entries;
     bool OnDeviceFormatAudio(unsigned long format) override {
-        printf("  audio  %s\n", FourCCText(format).c_str());
-        ++count;
+        entries.push_back({false, format, 0, 0});
         return true;
     }
     bool OnDeviceFormatVideo(unsigned long format, unsigned long width,
                              unsigned long height) override {
-        printf("  video  %s  %lu x %lu\n", FourCCText(format).c_str(), width, height);
-        ++count;
+        entries.push_back({true, format, width, height});
         return true;
     }
 };
+
+// A sound format with its rate, channels and sample size; a video format with its rates.
+void PrintFormat(unsigned long device, const FormatCollector::Entry& entry) {
+    const std::string code = FourCCText(entry.format);
+    if (!entry.video) {
+        const std::vector<std::string> details = SoundFormatTexts(device, entry.format);
+        if (details.empty())
+            printf("  audio  %s\n", code.c_str());
+        for (const std::string& detail : details)
+            printf("  audio  %s  %s\n", code.c_str(), detail.c_str());
+        return;
+    }
+    const std::string rates =
+        RatesText(OfferedRates(device, entry.format, entry.width, entry.height));
+    printf("  video  %s  %lu x %lu%s%s\n", code.c_str(), entry.width, entry.height,
+           rates.empty() ? "" : "  ", rates.c_str());
+}
 
 } // namespace
 
@@ -184,7 +206,8 @@ int ListCommand(int argc, char** argv) {
 int FormatsCommand(int argc, char** argv) {
     if (WantsHelp(argc, argv) || argc != 2) {
         printf("usage: tavix formats NAME\n\nLists the audio and video formats device NAME "
-               "delivers.\n");
+               "delivers: sound\nwith its rate, channels and sample size, pictures with their "
+               "size and frame rates.\n");
         return WantsHelp(argc, argv) ? kExitOK : kExitUsage;
     }
     DeviceReference device(argv[1]);
@@ -197,14 +220,16 @@ int FormatsCommand(int argc, char** argv) {
         return kExitFailure;
     }
     printf("%s\n", argv[1]);
-    FormatPrinter printer;
-    const bool listed = TavixDeviceFormatEnumerate(device.handle, &printer);
+    FormatCollector formats;
+    const bool listed = TavixDeviceFormatEnumerate(device.handle, &formats);
+    for (const FormatCollector::Entry& entry : formats.entries)
+        PrintFormat(device.handle, entry);
     TavixDeviceClose(device.handle);
     if (!listed) {
         PrintError("cannot read the formats of \"%s\"", argv[1]);
         return kExitFailure;
     }
-    if (printer.count == 0)
+    if (formats.entries.empty())
         printf("  no formats\n");
     return kExitOK;
 }

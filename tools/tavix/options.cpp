@@ -44,6 +44,13 @@ bool ParseSeconds(const std::string& text, double& seconds) {
     return !text.empty() && end != nullptr && *end == '\0' && seconds > 0 && seconds <= 86400;
 }
 
+bool ParseRate(const std::string& text, double& framesPerSecond) {
+    char* end = nullptr;
+    framesPerSecond = strtod(text.c_str(), &end);
+    return !text.empty() && end != nullptr && *end == '\0' && framesPerSecond > 0 &&
+           framesPerSecond <= 1000;
+}
+
 void PrintError(const char* format, ...) {
     va_list arguments;
     va_start(arguments, format);

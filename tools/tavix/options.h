@@ -14,6 +14,9 @@ bool ParseSize(const std::string& text, unsigned long& width, unsigned long& hei
 // A positive number of seconds, at most a day.
 bool ParseSeconds(const std::string& text, double& seconds);
 
+// A frame rate in frames per second, above 0 and at most 1000 ("60", "29.97").
+bool ParseRate(const std::string& text, double& framesPerSecond);
+
 // What `capture` and `preview` both take: the device, a companion sound device, a recording and
 // the format wishes.
 struct DeviceWishes {

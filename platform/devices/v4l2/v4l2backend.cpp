@@ -27,7 +27,7 @@ namespace {
 constexpr unsigned kStreamBuffers = 6;
 // What a camera is asked for when the outputs leave the choice to it; without a pixel format
 // wish, the first format reaching kWantedRate at the size is taken. Every stream runs at the
-// fastest rate its size is offered at.
+// fastest rate its size is offered at unless the outputs ask for another.
 constexpr uint32_t kDefaultWidth = 1280, kDefaultHeight = 720;
 constexpr double kWantedRate = 30;
 // Motion-JPEG is listed as '2vuy', which every output converts from; a stream decodes it into
@@ -261,6 +261,7 @@ public:
                 entry.width = size.width;
                 entry.height = size.height;
                 entry.frameRate = V4L2FastestInterval(size).framesPerSecond();
+                entry.rates = V4L2RatesOf(size);
                 formats.push_back(entry);
             }
         }
@@ -272,16 +273,10 @@ public:
         const std::string node = V4L2FindNode(info.uniqueId);
         if (node.empty())
             return nullptr;
-        const uint32_t width =
-            request.width != 0 ? static_cast<uint32_t>(request.width) : kDefaultWidth;
-        const uint32_t height =
-            request.height != 0 ? static_cast<uint32_t>(request.height) : kDefaultHeight;
-        const V4L2Format* format = V4L2ChooseFormat(
-            info.formats, WantedFourcc(info.formats, request.pixelFormat), width, height,
-            kWantedRate, [](uint32_t fourcc) { return PlatformFormatOf(fourcc) != 0; });
-        if (format == nullptr)
+        const V4L2Format* format = nullptr;
+        V4L2FrameSize size;
+        if (!Choose(request, format, size))
             return nullptr;
-        const V4L2FrameSize size = V4L2NearestSize(*format, width, height);
         auto camera = std::make_unique<V4L2Camera>();
         if (camera->open(node) != V4L2Camera::Status::Ok)
             return nullptr;
@@ -292,7 +287,8 @@ public:
             camera->selectInput(info.input.index, V4L2StandardForHeight(standards, size.height)) !=
                 V4L2Camera::Status::Ok)
             return nullptr;
-        if (camera->setFormat(format->fourcc, size.width, size.height, V4L2FastestInterval(size),
+        if (camera->setFormat(format->fourcc, size.width, size.height,
+                              V4L2IntervalFor(size, request.framesPerSecond),
                               standards != 0 ? V4L2_FIELD_INTERLACED : V4L2_FIELD_ANY) !=
             V4L2Camera::Status::Ok)
             return nullptr;
@@ -310,7 +306,40 @@ public:
         return stream;
     }
 
+    bool StreamFormatFor(const platform::StreamRequest& request,
+                         platform::DeviceFormat& result) override {
+        const V4L2Format* format = nullptr;
+        V4L2FrameSize size;
+        if (!Choose(request, format, size))
+            return false;
+        result = platform::DeviceFormat();
+        result.formatType = PlatformFormatOf(format->fourcc);
+        result.width = size.width;
+        result.height = size.height;
+        result.frameRate = V4L2FastestInterval(size).framesPerSecond();
+        result.rates = V4L2RatesOf(size);
+        return true;
+    }
+
 private:
+    // The driver format and size a stream takes for `request`; false when none can be used.
+    bool Choose(const platform::StreamRequest& request, const V4L2Format*& format,
+                V4L2FrameSize& size) const {
+        const uint32_t width =
+            request.width != 0 ? static_cast<uint32_t>(request.width) : kDefaultWidth;
+        const uint32_t height =
+            request.height != 0 ? static_cast<uint32_t>(request.height) : kDefaultHeight;
+        // A format is picked for reaching the wished rate at the size, or kWantedRate.
+        const double rate = request.framesPerSecond > 0 ? request.framesPerSecond : kWantedRate;
+        format = V4L2ChooseFormat(info.formats, WantedFourcc(info.formats, request.pixelFormat),
+                                  width, height, rate,
+                                  [](uint32_t fourcc) { return PlatformFormatOf(fourcc) != 0; });
+        if (format == nullptr)
+            return false;
+        size = V4L2NearestSize(*format, width, height);
+        return true;
+    }
+
     V4L2DeviceInfo info;
 };
 

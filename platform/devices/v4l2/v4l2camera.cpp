@@ -49,32 +49,36 @@ unsigned NodeIndex(const std::string& path) {
     return index;
 }
 
-std::vector<V4L2Fraction> EnumerateIntervals(int fd, uint32_t fourcc, uint32_t width,
-                                             uint32_t height) {
-    std::vector<V4L2Fraction> intervals;
+// Reads the intervals offered at `size` into it.
+void EnumerateIntervals(int fd, uint32_t fourcc, V4L2FrameSize& size) {
     v4l2_frmivalenum query{};
     query.pixel_format = fourcc;
-    query.width = width;
-    query.height = height;
+    query.width = size.width;
+    query.height = size.height;
     for (query.index = 0; Ioctl(fd, VIDIOC_ENUM_FRAMEINTERVALS, &query) == 0; ++query.index) {
         if (query.type == V4L2_FRMIVAL_TYPE_DISCRETE) {
             if (query.discrete.numerator && query.discrete.denominator)
-                intervals.push_back({query.discrete.numerator, query.discrete.denominator});
+                size.intervals.push_back({query.discrete.numerator, query.discrete.denominator});
             continue;
         }
-        // A range: offer its two ends.
+        // A range: its two ends, and its step unless any interval between goes.
         const v4l2_fract& fastest = query.stepwise.min;
         const v4l2_fract& slowest = query.stepwise.max;
+        const v4l2_fract& step = query.stepwise.step;
         if (fastest.numerator && fastest.denominator)
-            intervals.push_back({fastest.numerator, fastest.denominator});
+            size.intervals.push_back({fastest.numerator, fastest.denominator});
         if (slowest.numerator && slowest.denominator)
-            intervals.push_back({slowest.numerator, slowest.denominator});
+            size.intervals.push_back({slowest.numerator, slowest.denominator});
+        size.intervalRange = size.intervals.size() == 2;
+        if (size.intervalRange && query.type == V4L2_FRMIVAL_TYPE_STEPWISE && step.numerator &&
+            step.denominator)
+            size.step = {step.numerator, step.denominator};
         break;
     }
-    std::sort(intervals.begin(), intervals.end(), [](const V4L2Fraction& a, const V4L2Fraction& b) {
-        return a.framesPerSecond() > b.framesPerSecond();
-    });
-    return intervals;
+    std::sort(size.intervals.begin(), size.intervals.end(),
+              [](const V4L2Fraction& a, const V4L2Fraction& b) {
+                  return a.framesPerSecond() > b.framesPerSecond();
+              });
 }
 
 std::vector<V4L2FrameSize> EnumerateSizes(int fd, uint32_t fourcc) {
@@ -101,7 +105,7 @@ std::vector<V4L2FrameSize> EnumerateSizes(int fd, uint32_t fourcc) {
         break;
     }
     for (V4L2FrameSize& size : sizes)
-        size.intervals = EnumerateIntervals(fd, fourcc, size.width, size.height);
+        EnumerateIntervals(fd, fourcc, size);
     std::stable_sort(sizes.begin(), sizes.end(),
                      [](const V4L2FrameSize& a, const V4L2FrameSize& b) {
                          return uint64_t(a.width) * a.height > uint64_t(b.width) * b.height;
@@ -461,8 +465,10 @@ V4L2Camera::Status V4L2Camera::setFormat(uint32_t fourcc, uint32_t width, uint32
         (parameters.parm.capture.capability & V4L2_CAP_TIMEPERFRAME)) {
         if (interval.numerator && interval.denominator) {
             parameters.parm.capture.timeperframe = {interval.numerator, interval.denominator};
-            // A refusal leaves the driver's rate, which is still a working rate.
+            // A refusal leaves the driver's rate, which is still a working rate. What it took
+            // is read back: S_PARM's answer is not trusted to say it.
             Ioctl(fd, VIDIOC_S_PARM, &parameters);
+            Ioctl(fd, VIDIOC_G_PARM, &parameters);
         }
         const v4l2_fract& agreed = parameters.parm.capture.timeperframe;
         current.interval = {agreed.numerator, agreed.denominator};

@@ -29,6 +29,11 @@ struct V4L2FrameSize {
     uint32_t width = 0;
     uint32_t height = 0;
     std::vector<V4L2Fraction> intervals; // shortest interval (fastest rate) first; may be empty
+    // A driver offering a range rather than a list (stepwise, continuous): `intervals` holds the
+    // range's two ends, and every interval between them in steps of `step` counted from the
+    // shortest is offered too (an empty step for a continuous range: any interval).
+    bool intervalRange = false;
+    V4L2Fraction step = {};
 };
 
 // One pixel format of the driver's format enumeration.
@@ -97,8 +102,8 @@ void V4L2AssignDisplayNames(std::vector<V4L2DeviceInfo>& devices);
 uint64_t V4L2StandardForHeight(uint64_t standards, uint32_t height);
 
 // The formats, sizes and intervals of an open node, from ENUM_FMT, ENUM_FRAMESIZES and
-// ENUM_FRAMEINTERVALS. Stepwise and continuous ranges are offered as the common sizes inside
-// them plus their largest size.
+// ENUM_FRAMEINTERVALS. Stepwise and continuous size ranges are offered as the common sizes
+// inside them plus their largest size; interval ranges are kept as ranges.
 std::vector<V4L2Format> V4L2EnumerateFormats(int fd, bool multiplanar = false);
 
 // True when another open file handle owns the node's buffer queue (another application is
@@ -210,7 +215,8 @@ public:
 
     // Asks for a format (S_FMT) with its field order (V4L2_FIELD_*, ANY for the driver's
     // choice) and, when `interval` is not empty and the driver supports it, a frame interval
-    // (S_PARM). The driver may adjust all three; format() reports what it chose.
+    // (S_PARM). The driver may adjust all three; format() reports what it chose, the interval
+    // as G_PARM reads it back afterwards.
     Status setFormat(uint32_t fourcc, uint32_t width, uint32_t height, V4L2Fraction interval,
                      uint32_t field = 0);
     const StreamFormat& format() const { return current; }

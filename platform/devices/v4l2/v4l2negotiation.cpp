@@ -1,5 +1,7 @@
 #include "platform/devices/v4l2/v4l2negotiation.h"
 
+#include <algorithm>
+
 V4L2FrameSize V4L2NearestSize(const V4L2Format& format, uint32_t width, uint32_t height) {
     const V4L2FrameSize* covering = nullptr;
     const V4L2FrameSize* largest = nullptr;
@@ -27,6 +29,29 @@ V4L2Fraction V4L2FastestInterval(const V4L2FrameSize& size) {
             (best.numerator == 0 || interval.framesPerSecond() > best.framesPerSecond()))
             best = interval;
     return best;
+}
+
+std::vector<platform::FrameRates> V4L2RatesOf(const V4L2FrameSize& size) {
+    std::vector<platform::FrameRates> rates;
+    auto interval = [](const V4L2Fraction& f) {
+        return platform::FrameInterval{f.numerator, f.denominator};
+    };
+    if (size.intervalRange && size.intervals.size() == 2) {
+        rates.push_back(
+            {interval(size.intervals[0]), interval(size.intervals[1]), interval(size.step)});
+        return rates;
+    }
+    for (const V4L2Fraction& offered : size.intervals)
+        rates.push_back({interval(offered), {}, {}});
+    return rates;
+}
+
+V4L2Fraction V4L2IntervalFor(const V4L2FrameSize& size, double framesPerSecond) {
+    platform::FrameInterval chosen =
+        platform::NearestOfferedInterval(V4L2RatesOf(size), std::max(0.0, framesPerSecond));
+    if (chosen.IsEmpty())
+        chosen = platform::IntervalForRate(framesPerSecond);
+    return {chosen.numerator, chosen.denominator};
 }
 
 namespace {

@@ -35,9 +35,9 @@ std::vector<std::shared_ptr<VirtualDevice>> BuiltInDevices() {
     camera.name = kTestCameraName;
     camera.uniqueId = "tavix-virtual:test-camera";
     camera.video = true;
-    camera.videoModes = {{kCVPixelFormatType_422YpCbCr8, 1280, 720, 30},
-                         {kCVPixelFormatType_422YpCbCr8, 640, 480, 30},
-                         {kCVPixelFormatType_422YpCbCr8, 320, 240, 30}};
+    camera.videoModes = {{kCVPixelFormatType_422YpCbCr8, 1280, 720, 30, {60}},
+                         {kCVPixelFormatType_422YpCbCr8, 640, 480, 30, {60}},
+                         {kCVPixelFormatType_422YpCbCr8, 320, 240, 30, {60}}};
     DeviceSpec microphone;
     microphone.name = kTestMicrophoneName;
     microphone.uniqueId = "tavix-virtual:test-microphone";

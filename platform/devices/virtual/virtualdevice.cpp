@@ -18,12 +18,14 @@ constexpr uint64_t kStillPictures = 8;
 
 class VirtualStream : public platform::DeviceStream {
 public:
-    VirtualStream(std::shared_ptr<VirtualDevice> device, const virtualdevices::VideoMode* mode)
+    VirtualStream(std::shared_ptr<VirtualDevice> device, const virtualdevices::VideoMode* mode,
+                  double framesPerSecond)
         : device(std::move(device)), start(platform::MonotonicSeconds()) {
         ++this->device->openStreams;
         const virtualdevices::DeviceSpec& spec = this->device->spec;
         if (mode != nullptr) {
             videoMode = *mode;
+            videoMode.frameRate = framesPerSecond;
             pattern.reset(new TestPattern(mode->pixelFormat, mode->width, mode->height));
             pool = new CVPixelBufferPool(mode->pixelFormat, mode->width, mode->height);
         }
@@ -186,6 +188,14 @@ private:
     std::vector<unsigned char> listStorage, samples;
 };
 
+// The mode's rates, the default first.
+std::vector<platform::FrameRates> RatesOf(const virtualdevices::VideoMode& mode) {
+    std::vector<platform::FrameRates> rates{{platform::IntervalForRate(mode.frameRate), {}, {}}};
+    for (double other : mode.otherRates)
+        rates.push_back({platform::IntervalForRate(other), {}, {}});
+    return rates;
+}
+
 } // namespace
 
 VirtualDevice::VirtualDevice(virtualdevices::DeviceSpec deviceSpec)
@@ -217,6 +227,7 @@ std::vector<platform::DeviceFormat> VirtualDevice::Formats() {
         format.width = mode.width;
         format.height = mode.height;
         format.frameRate = mode.frameRate;
+        format.rates = RatesOf(mode);
         if (spec.muxed)
             format.audio = spec.audio;
         formats.push_back(format);
@@ -236,26 +247,52 @@ void VirtualDevice::SetTransport(const platform::TransportState& state) {
         transport.SetState(state, platform::MonotonicSeconds());
 }
 
+const virtualdevices::VideoMode*
+VirtualDevice::ChooseMode(const platform::StreamRequest& request) const {
+    if ((!spec.video && !spec.muxed) || spec.videoModes.empty())
+        return nullptr;
+    // A mode of the wished size (and format, when one is wished) is delivered natively; other
+    // wishes get the first mode, converted.
+    for (const virtualdevices::VideoMode& mode : spec.videoModes) {
+        const bool sizeFits = (request.width == 0 || request.width == mode.width) &&
+                              (request.height == 0 || request.height == mode.height);
+        const bool formatFits = request.pixelFormat == 0 ||
+                                request.pixelFormat == CanonicalPixelFormat(mode.pixelFormat);
+        if (sizeFits && formatFits)
+            return &mode;
+    }
+    return &spec.videoModes.front();
+}
+
+bool VirtualDevice::StreamFormatFor(const platform::StreamRequest& request,
+                                    platform::DeviceFormat& format) {
+    const virtualdevices::VideoMode* mode = ChooseMode(request);
+    if (mode == nullptr)
+        return false;
+    format = platform::DeviceFormat();
+    format.formatType = mode->pixelFormat;
+    format.width = mode->width;
+    format.height = mode->height;
+    format.frameRate = mode->frameRate;
+    format.rates = RatesOf(*mode);
+    return true;
+}
+
 std::unique_ptr<platform::DeviceStream>
 VirtualDevice::StartStream(const platform::StreamRequest& request) {
     if (!IsConnected() || (spec.oneStream && openStreams.load() > 0))
         return nullptr;
-    const virtualdevices::VideoMode* chosen = nullptr;
-    if (spec.video || spec.muxed) {
-        if (spec.videoModes.empty())
-            return nullptr;
-        chosen = &spec.videoModes.front();
-        // A mode of the wished size (and format, when one is wished) is delivered natively.
-        for (const virtualdevices::VideoMode& mode : spec.videoModes) {
-            const bool sizeFits = (request.width == 0 || request.width == mode.width) &&
-                                  (request.height == 0 || request.height == mode.height);
-            const bool formatFits = request.pixelFormat == 0 ||
-                                    request.pixelFormat == CanonicalPixelFormat(mode.pixelFormat);
-            if (sizeFits && formatFits) {
-                chosen = &mode;
-                break;
-            }
-        }
+    const virtualdevices::VideoMode* chosen = ChooseMode(request);
+    if ((spec.video || spec.muxed) && chosen == nullptr)
+        return nullptr;
+    // The stream runs at the mode's own rate, or at the offered one nearest to a wish.
+    double framesPerSecond = chosen != nullptr ? chosen->frameRate : 0;
+    if (chosen != nullptr && request.framesPerSecond > 0) {
+        const platform::FrameInterval interval =
+            platform::NearestOfferedInterval(RatesOf(*chosen), request.framesPerSecond);
+        if (!interval.IsEmpty())
+            framesPerSecond = interval.FramesPerSecond();
     }
-    return std::unique_ptr<platform::DeviceStream>(new VirtualStream(shared_from_this(), chosen));
+    return std::unique_ptr<platform::DeviceStream>(
+        new VirtualStream(shared_from_this(), chosen, framesPerSecond));
 }

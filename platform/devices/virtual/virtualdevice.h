@@ -24,6 +24,10 @@ public:
     void SetTransport(const platform::TransportState& state) override;
     std::unique_ptr<platform::DeviceStream>
     StartStream(const platform::StreamRequest& request) override;
+    bool StreamFormatFor(const platform::StreamRequest& request,
+                         platform::DeviceFormat& format) override;
+    // The mode a stream takes for `request`; null for a device without pictures.
+    const virtualdevices::VideoMode* ChooseMode(const platform::StreamRequest& request) const;
 
     const virtualdevices::DeviceSpec spec;
     TapeTransport transport;

@@ -3,6 +3,7 @@
 // never converts pixels or applies policy: the capture core does that.
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
@@ -14,12 +15,45 @@ namespace platform {
 
 enum class MediaKind { Video, Sound, Muxed };
 
+// The time between two pictures in seconds, exactly: 1/30, or 1001/30000 for 29.97 frames per
+// second. Devices count rates this way (V4L2 does), so a rate such as 29.97 survives unrounded.
+struct FrameInterval {
+    uint32_t numerator = 0, denominator = 0;
+    bool IsEmpty() const { return numerator == 0 || denominator == 0; }
+    // Frames per second; 0 for an empty interval.
+    double FramesPerSecond() const { return IsEmpty() ? 0 : double(denominator) / numerator; }
+    bool operator==(const FrameInterval& other) const {
+        return uint64_t(numerator) * other.denominator == uint64_t(other.numerator) * denominator;
+    }
+};
+
+// The interval of a rate given as frames per second: exact for whole rates and for the NTSC
+// family (29.97 is 1001/30000), to a thousandth of a frame per second otherwise. Empty for a
+// rate that is not positive or not finite, or beyond 1000 frames per second.
+FrameInterval IntervalForRate(double framesPerSecond);
+
+// The rates a device offers at one format and size. A single rate when `slowest` is empty or
+// equal to `fastest`; a range otherwise: every interval from `fastest` (the shortest) to
+// `slowest`, in steps of `step` counted from `fastest` (an empty step: any interval between).
+// Ranges step in time per frame, as drivers state them, not in frames per second.
+struct FrameRates {
+    FrameInterval fastest, slowest, step;
+    bool IsRange() const { return !slowest.IsEmpty() && !(slowest == fastest); }
+};
+
+// The offered interval nearest to `framesPerSecond` (compared in frames per second): a single
+// rate as it is offered, a range's nearest step. 0 asks for the fastest rate offered. Empty when
+// nothing is offered.
+FrameInterval NearestOfferedInterval(const std::vector<FrameRates>& offered,
+                                     double framesPerSecond);
+
 // One format a device offers: what its format descriptions say.
 struct DeviceFormat {
     MediaKind kind = MediaKind::Video;
     OSType formatType = 0; // pixel format for video, 'lpcm' for sound, 'dvc ' for muxed DV
     size_t width = 0, height = 0;
-    double frameRate = 0;
+    double frameRate = 0;                // the rate a stream runs at unless asked for another
+    std::vector<FrameRates> rates;       // every rate offered at this format and size; may be empty
     AudioStreamBasicDescription audio{}; // for sound
 };
 
@@ -42,6 +76,7 @@ struct TransportState {
 struct StreamRequest {
     OSType pixelFormat = 0;
     size_t width = 0, height = 0;
+    double framesPerSecond = 0; // the offered rate nearest to it is used
 };
 
 // One sample read from a stream: a picture, sound, or both (a muxed device).
@@ -80,6 +115,9 @@ public:
     // Starts streaming as close to the request as the device can; null when it cannot. One
     // stream at a time per device.
     virtual std::unique_ptr<DeviceStream> StartStream(const StreamRequest& request) = 0;
+    // The video format and size StartStream would stream in for `request`, with the rates
+    // offered there; false for a device without pictures or one that does not say.
+    virtual bool StreamFormatFor(const StreamRequest&, DeviceFormat&) { return false; }
 };
 
 class DeviceBackend {

@@ -206,8 +206,18 @@ public:
     // Pixel format, width and height wanted (kCVPixelBuffer...Key); the dictionary is retained.
     void setPixelBufferAttributes(NSDictionary* attributes);
     NSDictionary* pixelBufferAttributes() const;
-    // The wishes read from the attributes (0 where none was given).
+    // The time the device is asked to leave between pictures, in seconds: the session asks the
+    // device for the offered rate nearest to its inverse when capture starts. 0 (the default)
+    // leaves the rate to the device; a negative or non-finite interval counts as 0.
+    void setMinimumVideoFrameInterval(double seconds);
+    double minimumVideoFrameInterval() const;
+    // The wishes read from the attributes and the frame interval (0 where none was given).
     platform::StreamRequest Request() const;
+    // The nominal rate of the last picture delivered since the session started, in frames per
+    // second; 0 before the first or when the device does not state its rate. Any thread.
+    double DeliveredFrameRate() const { return deliveredRate.load(); }
+    // A new run has delivered no picture yet.
+    void SessionStarted(QTCaptureSession*) override { deliveredRate = 0; }
 
 protected:
     ~QTCaptureDecompressedVideoOutput() override;
@@ -223,6 +233,8 @@ private:
     // capture joins the session's threads).
     mutable std::mutex requestMutex;
     platform::StreamRequest request;
+    double frameInterval = 0; // under requestMutex
+    std::atomic<double> deliveredRate{0};
     class VideoConverter* converter = nullptr;
 };
 

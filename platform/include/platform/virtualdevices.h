@@ -3,7 +3,8 @@
 //
 // Built in, always listed after any real device:
 //   "Tavix Test Camera"      video, 1280 x 720 at 30 fps, '2vuy', a moving test pattern with
-//                            the frame number burnt in
+//                            the frame number burnt in; also 640 x 480 and 320 x 240, each
+//                            size at 30 or 60 fps
 //   "Tavix Test Microphone"  sound, 48 kHz stereo 32-bit float, a 1 kHz sine
 //   "Tavix Test Deck"        muxed, 720 x 576 at 25 fps '2vuy' with SMPTE timecode on every
 //                            frame, 48 kHz 16-bit stereo, tape transport controls
@@ -22,7 +23,8 @@ namespace virtualdevices {
 struct VideoMode {
     OSType pixelFormat = 0;
     size_t width = 0, height = 0;
-    double frameRate = 30;
+    double frameRate = 30;               // the rate streamed unless another is asked for
+    std::vector<double> otherRates = {}; // offered besides frameRate
 };
 
 struct DeviceSpec {

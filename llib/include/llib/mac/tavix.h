@@ -305,6 +305,78 @@ TAVIX_EXPORT bool TavixDeviceGetUniqueID(unsigned long device, char* buffer, siz
 
 /* Additions to the original interface: frame rates. */
 
+/* Frame rates a device offers at one format and size. Devices count rates as the time between
+   two pictures, and so does this record, exactly: 1/30 s for 30 frames per second, 1001/30000 s
+   for 29.97. One rate when the longest interval equals the shortest; otherwise a range: every
+   interval from the shortest to the longest in steps of the step's length counted from the
+   shortest, or any interval between them when the step is 0/0. Ranges step in time per picture,
+   as drivers state them, so their rates are not evenly spaced. */
+typedef struct TavixFrameRate_C {
+    double framesPerSecond;    /* the fastest rate: the only one, or the range's top */
+    double minFramesPerSecond; /* the slowest rate: equal to framesPerSecond for one rate */
+    unsigned int dwIntervalNumerator, dwIntervalDenominator;       /* the shortest interval */
+    unsigned int dwMaxIntervalNumerator, dwMaxIntervalDenominator; /* the longest interval */
+    unsigned int dwStepNumerator, dwStepDenominator; /* a range's step; 0/0 for any or none */
+} TavixFrameRate_C;
+
+/* Receives one entry (valid during the call); returns false to stop. */
+typedef bool (*TavixFrameRateEnumerateCallBack)(const TavixFrameRate_C* rate, void* context);
+
+/* Reports the frame rates the device offers for capture with this pixel format, width and
+   height, the values StartCapture takes (0 lets the device choose, as there; a format and size
+   TavixDeviceFormatEnumerate reported is the usual question): the rates of the format and size
+   the device streams in for that wish, so a size it reaches only by scaling gets the rates of
+   the size scaled from. Entries come in the device's order, the rate a capture takes when
+   asked for none first for the test devices. The device need not be open and is not probed.
+   False, without a call, for an invalid handle, a NULL callBack, a device without pictures, or
+   one whose formats cannot be read now (another program holds it); true otherwise, with no
+   call when the device states no rates. The callback runs on the
+   calling thread; the host serialises this call per device as the others. */
+TAVIX_EXPORT bool TavixDeviceFormatEnumerateFrameRates(unsigned long device,
+                                                       unsigned long pixelFormat,
+                                                       unsigned long width, unsigned long height,
+                                                       TavixFrameRateEnumerateCallBack callBack,
+                                                       void* context);
+
+/* Sets the rate, in frames per second, that the device is asked for when capture with a video
+   callback starts (TavixDeviceStartCapture and ...WithAudioDevice): the offered rate nearest to
+   it is used (compared in frames per second; in a range, the nearest step), and
+   TavixDeviceGetCaptureFrameRate tells which. 0, the value of a handle just got, lets the device
+   choose. The wish stays with the device until changed or until its last reference goes; a
+   capture already running keeps its rate until it is stopped and started again. Sound is not
+   affected. False, changing nothing, for an invalid handle or a rate that is negative or not
+   finite. */
+TAVIX_EXPORT bool TavixDeviceSetCaptureFrameRate(unsigned long device, double framesPerSecond);
+
+/* The nominal rate of the pictures the running capture delivers, in frames per second
+   (29.97002997... for 1001/30000 s): what the device agreed to, as the latest picture states
+   it. False, leaving *framesPerSecond untouched, for an invalid handle, a NULL pointer, a
+   device not capturing pictures, before the first picture of the capture has come (wait for
+   the first video callback), or when the device does not state its rate. A query: a callback
+   may call it for its own device. */
+TAVIX_EXPORT bool TavixDeviceGetCaptureFrameRate(unsigned long device, double* framesPerSecond);
+
+/* A sound format as the device delivers it, before the conversion the audio callback gets. */
+typedef struct TavixSoundFormat_C {
+    double sampleRate;             /* in Hz */
+    unsigned int dwFormat;         /* the audio format type TavixDeviceFormatEnumerate reports */
+    unsigned int dwFormatFlags;    /* Core Audio format flags, as the audio callback's */
+    unsigned int dwChannels;       /* channels per sample frame */
+    unsigned int dwBitsPerChannel; /* bits of one channel's sample */
+} TavixSoundFormat_C;
+
+/* Receives one sound format (valid during the call); returns false to stop. */
+typedef bool (*TavixSoundFormatEnumerateCallBack)(const TavixSoundFormat_C* format, void* context);
+
+/* Reports the sound formats the device delivers: a sound input's, a deck's sound. Whatever they
+   are, the audio callback receives sound converted to what StartCapture asked for. The device
+   need not be open. False, without a call, for an invalid handle or a NULL callBack; true
+   otherwise, with no call for a device without sound. The callback runs on the calling thread;
+   the host serialises this call per device as the others. */
+TAVIX_EXPORT bool TavixDeviceEnumerateSoundFormats(unsigned long device,
+                                                   TavixSoundFormatEnumerateCallBack callBack,
+                                                   void* context);
+
 /* Additions to the original interface: why a capture or a recording failed. */
 
 /* The device's last capture or recording error, as UTF-8 sentences a host can show: what the
