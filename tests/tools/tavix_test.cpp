@@ -71,10 +71,13 @@ TEST_F(TavixCommand, ListsDevicesAndFormats) {
 
 TEST_F(TavixCommand, CapturesRecordsAndSnapshotsWithPlainLinesOffATerminal) {
     const std::string movie = folder + "/capture.mp4", png = folder + "/last.png";
-    const CommandOutput run = Tavix("capture 'Tavix Test Camera' --audio 'Tavix Test Microphone' "
-                                    "--seconds 1 --size 320x240 --format 420v --record " +
-                                    movie + " --snapshot " + png);
+    // The microphone named by its unique id.
+    const CommandOutput run =
+        Tavix("capture 'Tavix Test Camera' --audio tavix-virtual:test-microphone "
+              "--seconds 1 --size 320x240 --format 420v --record " +
+              movie + " --snapshot " + png);
     ASSERT_EQ(0, run.status) << run.output;
+    EXPECT_TRUE(Contains(run.output, "with sound from \"Tavix Test Microphone\"")) << run.output;
     EXPECT_FALSE(Contains(run.output, "\r")) << "no live line when the output is not a terminal";
     EXPECT_TRUE(Contains(run.output, "320 x 240 420v")) << run.output;
 

@@ -43,6 +43,28 @@ const char* MediaText(TavixDeviceMediaType type) {
     }
 }
 
+// The display name of the sound device named or identified by `nameOrId`; empty when none.
+std::string SoundDeviceName(const std::string& nameOrId) {
+    if (const unsigned long audio = TavixDeviceGet(nameOrId.c_str(), TavixDeviceMediaTypeSound)) {
+        TavixDeviceRelease(audio);
+        return nameOrId;
+    }
+    struct Search {
+        const std::string& id;
+        std::string name;
+    } search{nameOrId, ""};
+    TavixDeviceEnumerateWithUniqueIDs(
+        [](const char* name, const char* uniqueId, TavixDeviceMediaType, bool, void* context) {
+            auto* found = static_cast<Search*>(context);
+            if (found->id != uniqueId)
+                return true;
+            found->name = name;
+            return false;
+        },
+        &search, TavixDeviceMediaTypeSound, 0);
+    return search.name;
+}
+
 std::string UniqueIdOf(unsigned long device) {
     char id[1024];
     return TavixDeviceGetUniqueID(device, id, sizeof id) ? id : "";
@@ -281,7 +303,7 @@ int TransportCommand(int argc, char** argv) {
     return status;
 }
 
-unsigned long OpenNamedDevice(const std::string& name, const std::string& audioName) {
+unsigned long OpenNamedDevice(const std::string& name, std::string& audioName) {
     const unsigned long device = GetDeviceByName(name.c_str());
     if (device == 0) {
         PrintError("no capture device named \"%s\", nor with that id (see tavix list)",
@@ -289,14 +311,16 @@ unsigned long OpenNamedDevice(const std::string& name, const std::string& audioN
         return 0;
     }
     if (!audioName.empty()) {
-        // Only checks the name; the capture layer opens the companion device itself.
-        const unsigned long audio = TavixDeviceGet(audioName.c_str(), TavixDeviceMediaTypeSound);
-        if (audio == 0) {
-            PrintError("no sound device named \"%s\" (see tavix list)", audioName.c_str());
+        // Only checks the name; the capture layer opens the companion device itself, by its
+        // display name, so a unique id given for it is turned into that name.
+        const std::string found = SoundDeviceName(audioName);
+        if (found.empty()) {
+            PrintError("no sound device named \"%s\", nor with that id (see tavix list)",
+                       audioName.c_str());
             TavixDeviceRelease(device);
             return 0;
         }
-        TavixDeviceRelease(audio);
+        audioName = found;
     }
     if (!TavixDeviceOpen(device)) {
         PrintError("cannot open \"%s\"%s", name.c_str(),

@@ -10,8 +10,9 @@
 unsigned long GetDeviceByName(const char* name);
 
 // Looks up and opens the device a capturing command names, after checking that its companion
-// sound device (when one is named) exists. The open handle, or 0 after printing what is wrong.
-unsigned long OpenNamedDevice(const std::string& name, const std::string& audioName);
+// sound device (when one is named, by display name or unique id) exists; audioName becomes
+// that device's display name. The open handle, or 0 after printing what is wrong.
+unsigned long OpenNamedDevice(const std::string& name, std::string& audioName);
 
 // How a transport mode reads in the commands' output ("playing", "no transport controls").
 const char* TransportModeText(TavixDeviceTransportMode mode);
