@@ -271,7 +271,8 @@ TEST(V4L2Streaming, AnAskedRateIsReadBackAndSpacesTheFrames) {
     }
     ASSERT_EQ(V4L2Camera::Status::Ok,
               camera.setFormat(V4L2_PIX_FMT_YUYV, size->width, size->height, {}));
-    const double driversRate = camera.format().interval.framesPerSecond();
+    const V4L2Fraction driversInterval = camera.format().interval;
+    const double driversRate = driversInterval.framesPerSecond();
     // The slowest rate of 10 or more per second that is not the driver's: short, and a change.
     double wish = 0;
     for (const platform::FrameRates& rate : rates) {
@@ -299,6 +300,9 @@ TEST(V4L2Streaming, AnAskedRateIsReadBackAndSpacesTheFrames) {
     EXPECT_NEAR(1 / wish, (frame.timestamp - firstTime) / frames, 0.1 / wish)
         << "driver time per frame at " << wish << " fps";
     frame.requeue();
+    // The driver keeps a rate across opens: the programs that come next find it as it was.
+    camera.stop();
+    camera.setFormat(V4L2_PIX_FMT_YUYV, size->width, size->height, driversInterval);
     camera.close();
 }
 
