@@ -213,9 +213,11 @@ TEST(DriverFaults, WrappingSequenceNumbersAndTimesKeepTheRecordingInTime) {
         ASSERT_FALSE(gaps.empty());
         const double median = MedianOf(gaps);
         EXPECT_GT(*std::min_element(gaps.begin(), gaps.end()), 0.0);
-        // Pictures the recorder dropped in a row leave a gap of their own.
+        // Pictures the recorder dropped in a row leave a gap of their own, and so do those the
+        // driver skipped while a starved machine left it no buffer (seen: 0.8 s); a wrap that
+        // breaks the time line jumps 16 s.
         EXPECT_LT(*std::max_element(gaps.begin(), gaps.end()),
-                  (10.0 + double(recorded.notRecorded)) * median)
+                  (10.0 + double(recorded.notRecorded)) * median + 2.0)
             << "no frame jumps ahead";
     }
 }
