@@ -100,6 +100,12 @@ FormatEnumerateCallBack = ctypes.CFUNCTYPE(
 )
 FrameRateCallBack = ctypes.CFUNCTYPE(ctypes.c_bool, ctypes.POINTER(FrameRate), ctypes.c_void_p)
 SoundFormatCallBack = ctypes.CFUNCTYPE(ctypes.c_bool, ctypes.POINTER(SoundFormat), ctypes.c_void_p)
+ChangeCallBack = ctypes.CFUNCTYPE(
+    None, ctypes.c_char_p, ctypes.c_char_p, ctypes.c_int, ctypes.c_bool, ctypes.c_void_p
+)
+EnumerateWithIdsCallBack = ctypes.CFUNCTYPE(
+    ctypes.c_bool, ctypes.c_char_p, ctypes.c_char_p, ctypes.c_int, ctypes.c_bool, ctypes.c_void_p
+)
 
 # name: (result type, argument types)
 _PROTOTYPES = {
@@ -158,6 +164,13 @@ _PROTOTYPES = {
         [c_handle, ctypes.POINTER(ctypes.c_ulong), ctypes.POINTER(ctypes.c_ulong)],
     ),
     "TavixDeviceGetLastError": (ctypes.c_bool, [c_handle, ctypes.c_char_p, ctypes.c_size_t]),
+    "TavixDeviceSetChangeCallBack": (ctypes.c_bool, [ChangeCallBack, ctypes.c_void_p]),
+    "TavixDeviceEnumerateWithUniqueIDs": (
+        None,
+        [EnumerateWithIdsCallBack, ctypes.c_void_p, ctypes.c_int, ctypes.c_uint],
+    ),
+    "TavixDeviceGetWithUniqueID": (ctypes.c_ulong, [ctypes.c_char_p]),
+    "TavixDeviceGetUniqueID": (ctypes.c_bool, [c_handle, ctypes.c_char_p, ctypes.c_size_t]),
     "TavixDeviceFormatEnumerateFrameRates": (
         ctypes.c_bool,
         [c_handle, ctypes.c_ulong, ctypes.c_ulong, ctypes.c_ulong, FrameRateCallBack, ctypes.c_void_p],

@@ -8,30 +8,9 @@ import queue
 import threading
 from typing import Callable, Iterator, List, NamedTuple, Optional
 
-from ._library import lib, thread_scope
+from ._library import ChangeCallBack, EnumerateWithIdsCallBack, lib, thread_scope
 
 _KINDS = {1: "sound", 2: "video", 3: "muxed"}
-
-ChangeCallBack = ctypes.CFUNCTYPE(
-    None, ctypes.c_char_p, ctypes.c_char_p, ctypes.c_int, ctypes.c_bool, ctypes.c_void_p
-)
-EnumerateWithIdsCallBack = ctypes.CFUNCTYPE(
-    ctypes.c_bool, ctypes.c_char_p, ctypes.c_char_p, ctypes.c_int, ctypes.c_bool, ctypes.c_void_p
-)
-
-for _name, _result, _arguments in (
-    ("TavixDeviceSetChangeCallBack", ctypes.c_bool, [ChangeCallBack, ctypes.c_void_p]),
-    (
-        "TavixDeviceEnumerateWithUniqueIDs",
-        None,
-        [EnumerateWithIdsCallBack, ctypes.c_void_p, ctypes.c_int, ctypes.c_uint],
-    ),
-    ("TavixDeviceGetWithUniqueID", ctypes.c_ulong, [ctypes.c_char_p]),
-    ("TavixDeviceGetUniqueID", ctypes.c_bool, [ctypes.c_ulong, ctypes.c_char_p, ctypes.c_size_t]),
-):
-    getattr(lib, _name).restype = _result
-    getattr(lib, _name).argtypes = _arguments
-
 
 class DeviceEntry(NamedTuple):
     """A device as ``tavix.devices(with_ids=True)`` lists it."""
