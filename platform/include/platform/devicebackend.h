@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "platform/coreaudio.h"
+#include "platform/devicecontrols.h"
 #include "platform/corevideo.h"
 
 namespace platform {
@@ -118,6 +119,29 @@ public:
     // The video format and size StartStream would stream in for `request`, with the rates
     // offered there; false for a device without pictures or one that does not say.
     virtual bool StreamFormatFor(const StreamRequest&, DeviceFormat&) { return false; }
+
+    // The device's controls with their current values, in the device's order; none for a
+    // device without controls. The device need not be open. Any thread, also while streaming.
+    virtual std::vector<DeviceControl> Controls() { return {}; }
+    // Sets `control` (as Controls listed it) to `value`, already brought into its range by the
+    // caller, or a string control to `text`. `after` receives the control as it is afterwards
+    // (the value the device took), `reason` a sentence a host can show when it failed. Any
+    // thread, also while streaming: a running stream shows the change from its next picture.
+    virtual ControlResult SetControl(const DeviceControl& control, int64_t value,
+                                     const std::string& text, DeviceControl& after,
+                                     std::string& reason) {
+        (void)control, (void)value, (void)text, (void)after;
+        reason = "the device has no controls";
+        return ControlResult::UnknownKey;
+    }
+    // Starts telling `listener` of every change of a control's value or flags the device
+    // reports, one call at a time on a thread of the backend's; an empty listener stops, and
+    // returns once no call runs (unless made from inside the listener). False when the device
+    // cannot report changes.
+    virtual bool WatchControls(ControlChangeListener listener) {
+        (void)listener;
+        return false;
+    }
 };
 
 class DeviceBackend {

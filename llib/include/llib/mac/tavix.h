@@ -383,7 +383,8 @@ TAVIX_EXPORT bool TavixDeviceEnumerateSoundFormats(unsigned long device,
    last TavixDeviceStartCapture (or ...WithAudioDevice) call was refused (the device input, the
    video output, the recording, or the sound: a start that answered true with an error
    captures without what the error names), then why the current or the last recording failed
-   while it was written (a full disk). Copies at most size bytes into message,
+   while it was written (a full disk), then why the last control change failed (a control
+   change that succeeds clears that part). Copies at most size bytes into message,
    cut between whole characters and always terminated when size is not 0; message may be NULL
    when size is 0, to ask only whether there is an error. True when there is one; false, with
    message empty, when there is none or the handle is invalid. Each start clears what came
@@ -391,6 +392,142 @@ TAVIX_EXPORT bool TavixDeviceEnumerateSoundFormats(unsigned long device,
    handle's last reference. Any thread, under the per-device rule; a query: a callback may call
    it for its own device. An addition to the original interface. */
 TAVIX_EXPORT bool TavixDeviceGetLastError(unsigned long device, char* message, size_t size);
+
+/* Additions to the original interface: device controls.
+
+   A control is one setting of a device that a host may read and change: a camera's brightness,
+   contrast, exposure, focus, white balance, gain, zoom, power-line frequency, a sound input's
+   capture volume. Each has a key of lower-case ASCII words joined by '_' that names it the same
+   way on every device of its kind: brightness, contrast, saturation, hue, gain, gamma,
+   sharpness, exposure, exposure_auto, focus, focus_auto, white_balance_temperature,
+   white_balance_auto, zoom, pan, tilt, power_line_frequency, backlight_compensation; any other
+   control's key is its driver's name in that form ("Test Pattern" is test_pattern). A device
+   lists its controls in its driver's order; the test camera has some that change its picture,
+   the test microphone and deck have none.
+
+   Auto and manual pairs (exposure_auto and exposure, white_balance_auto and
+   white_balance_temperature, focus_auto and focus) behave as the driver defines them: while the
+   auto control is on, the manual one is inactive, and a driver may refuse it or keep the value
+   for later. To set a manual value, turn the auto control off first, then set the value.
+
+   The control calls may be made from any thread at any time, also while the device captures
+   and from inside its callbacks (a change applies from the next picture); the library
+   serialises them per device. The device need not be open. */
+
+/* A control's kind (the numbers are V4L2's). */
+typedef enum TavixControlType TAVIX_INT_ENUM {
+    TavixControlTypeInteger = 1,
+    TavixControlTypeBoolean = 2,    /* 0 or 1 */
+    TavixControlTypeMenu = 3,       /* the value is the index of a menu item */
+    TavixControlTypeButton = 4,     /* setting any value performs an action; no value to read */
+    TavixControlTypeInteger64 = 5,  /* an integer beyond 32 bits */
+    TavixControlTypeString = 7,     /* text: TavixDeviceGetControlText, ...SetControlText */
+    TavixControlTypeIntegerMenu = 9 /* the value is the index of an item that holds a number */
+} TavixControlType;
+
+/* Control flags. */
+enum {
+    TavixControlFlagReadOnly = 1, /* can be read, never set */
+    TavixControlFlagInactive = 2, /* has no effect now: its auto partner is on */
+    TavixControlFlagVolatile = 4, /* the device changes the value itself (gain under auto gain) */
+    TavixControlFlagWriteOnly = 8 /* an action: nothing to read */
+};
+
+/* One menu item. Menus may leave gaps: indices need not be contiguous. */
+typedef struct TavixControlMenuItem_C {
+    long long index;  /* the value that selects it */
+    const char* name; /* UTF-8; an integer menu's number as decimal text */
+    long long value;  /* an integer menu's number; the index for a text menu */
+} TavixControlMenuItem_C;
+
+/* A control as TavixDeviceEnumerateControls reports it; every pointer is valid during the call. */
+typedef struct TavixControl_C {
+    const char* key;  /* see above: brightness, exposure_auto, ... */
+    const char* name; /* the driver's display name, UTF-8 */
+    TavixControlType type;
+    unsigned int flags; /* TavixControlFlag... */
+    long long minimum, maximum, step, defaultValue;
+    long long value;                    /* the current value; 0 for buttons and strings */
+    const char* text;                   /* a string control's current value; "" for other kinds */
+    const TavixControlMenuItem_C* menu; /* menuCount items (menus only; NULL otherwise) */
+    unsigned int menuCount;
+} TavixControl_C;
+
+/* What a control change came to. */
+typedef enum TavixControlResult TAVIX_INT_ENUM {
+    TavixControlResultSet = 0,        /* done; the value set is reported back */
+    TavixControlResultInvalid = 1,    /* an invalid handle, a NULL key or text */
+    TavixControlResultUnknownKey = 2, /* the device has no control with that key */
+    TavixControlResultReadOnly = 3,   /* the control cannot be set */
+    TavixControlResultWrongType = 4,  /* text for a number control, a number for a string one */
+    TavixControlResultInactive = 5,   /* refused while its auto partner is on */
+    TavixControlResultBusy = 6,       /* another program or stream holds the control */
+    TavixControlResultFailed = 7      /* the device refused otherwise, or is gone */
+} TavixControlResult;
+
+/* Receives one control (valid during the call); returns false to stop. */
+typedef bool (*TavixControlEnumerateCallBack)(const TavixControl_C* control, void* context);
+
+/* Reports the device's controls with their current values, on the calling thread. False,
+   without a call, for an invalid handle, a NULL callBack, or a device whose controls cannot be
+   read now (gone); true otherwise, with no call for a device without controls. An addition to
+   the original interface. */
+TAVIX_EXPORT bool TavixDeviceEnumerateControls(unsigned long device,
+                                               TavixControlEnumerateCallBack callBack,
+                                               void* context);
+
+/* Reads a control's current value from the device (a volatile control's latest). False,
+   leaving *value untouched, for an invalid handle, a NULL key or value, an unknown key, a
+   string control, a button, or a device that cannot be read now. An addition to the original
+   interface. */
+TAVIX_EXPORT bool TavixDeviceGetControl(unsigned long device, const char* key, long long* value);
+
+/* Sets a control. The one rule for values: a value outside [minimum, maximum] is clamped to the
+   nearer end and a value off the step is rounded to the nearest step counted from minimum
+   (halfway rounds up); a boolean takes any non-zero value as 1; a menu takes the nearest index
+   it has (halfway: the lower); a button performs its action for any value. *valueSet (may be
+   NULL) receives the value the device holds afterwards, which a driver may round further.
+   TavixControlResultSet when set; otherwise the reason, with TavixDeviceGetLastError giving it
+   as a sentence, and nothing changed. An addition to the original interface. */
+TAVIX_EXPORT TavixControlResult TavixDeviceSetControl(unsigned long device, const char* key,
+                                                      long long value, long long* valueSet);
+
+/* A string control's text: copies at most size bytes into buffer, cut between whole characters
+   and terminated when size is not 0. False, with buffer empty, for an invalid handle, a NULL
+   key or buffer, an unknown key, a control that is not a string, or a device that cannot be
+   read now. An addition to the original interface. */
+TAVIX_EXPORT bool TavixDeviceGetControlText(unsigned long device, const char* key, char* buffer,
+                                            size_t size);
+/* Sets a control from UTF-8 text, as a person would type it: a string control takes the text
+   (cut, between whole characters, to the control's maximum length); a number control a decimal
+   integer; a boolean also on/off, true/false, yes/no; a menu an item's name compared without
+   case, the name in key form ("aperture_priority_mode"), its first word when no other item
+   starts with it ("manual" for "Manual Mode"), or an index or an integer menu's number.
+   Numbers then follow TavixDeviceSetControl's rule. Results as TavixDeviceSetControl;
+   TavixControlResultWrongType for text that names no value of the control,
+   TavixControlResultInvalid also for text that is not valid UTF-8. An addition to the original
+   interface. */
+TAVIX_EXPORT TavixControlResult TavixDeviceSetControlText(unsigned long device, const char* key,
+                                                          const char* text);
+
+/* Told of a control whose value or flags changed: its key and new value (text: a string
+   control's new text, "" otherwise; both valid during the call), its flags, and the context. */
+typedef void (*TavixControlChangeCallBack)(const char* key, long long value, const char* text,
+                                           unsigned int flags, void* context);
+/* Sets the callback told of the device's control changes, where the device reports them: a
+   volatile value the device changed (every change for the test camera; V4L2 drivers report
+   what their control events report, not every change of a volatile value), a control whose
+   flags changed because its auto partner changed, and changes made by this or another
+   program. NULL stops telling. Calls come on a library thread of the device's own, one at a
+   time, holding the callback's lock, as the frame callbacks do; the callback may call the
+   control functions and the queries for its device. Outside the callback this returns once no
+   call to the previous callback runs, so its context may be freed then. False for an invalid
+   handle, or when the device cannot report changes (no callback is set then); true when set
+   or cleared. The callback goes with the handle's last reference. An addition to the original
+   interface. */
+TAVIX_EXPORT bool TavixDeviceSetControlChangeCallBack(unsigned long device,
+                                                      TavixControlChangeCallBack callBack,
+                                                      void* context);
 
 #ifdef __cplusplus
 }
