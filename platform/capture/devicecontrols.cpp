@@ -36,6 +36,8 @@ std::string FirstWord(const std::string& key) {
 }
 
 bool MenuValueForText(const DeviceControl& control, const std::string& text, int64_t& value) {
+    if (text.empty())
+        return false;
     const std::string wanted = ControlKeyFromName(text);
     const ControlMenuItem* byWord = nullptr;
     int wordMatches = 0;
