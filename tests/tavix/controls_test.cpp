@@ -34,26 +34,6 @@ std::vector<std::string> ControlsOf(unsigned long handle) {
     return controls;
 }
 
-class Controls : public ::testing::Test {
-protected:
-    void SetUp() override {
-        camera.handle = TavixDeviceGet(virtualdevices::kTestCameraName, TavixDeviceMediaTypeVideo);
-        ASSERT_NE(0ul, camera.handle);
-    }
-    long long Value(const char* key) {
-        long long value = -12345;
-        EXPECT_TRUE(TavixDeviceGetControl(camera.handle, key, &value)) << key;
-        return value;
-    }
-    std::string LastError() {
-        char text[512];
-        TavixDeviceGetLastError(camera.handle, text, sizeof text);
-        return text;
-    }
-    void TearDown() override { virtualdevices::Reset(); }
-    DeviceScope camera{0};
-};
-
 // The luma of the last picture ('2vuy': luma in every odd byte): averaged, darkest, brightest.
 struct Pictures {
     std::atomic<int> count{0};
@@ -119,6 +99,29 @@ void RecordChange(const char* key, long long value, const char*, unsigned int fl
     changes.seen.push_back({key, value, flags});
     changes.onTestThread = changes.onTestThread || std::this_thread::get_id() == changes.testThread;
 }
+
+class Controls : public ::testing::Test {
+protected:
+    void SetUp() override {
+        camera.handle = TavixDeviceGet(virtualdevices::kTestCameraName, TavixDeviceMediaTypeVideo);
+        ASSERT_NE(0ul, camera.handle);
+    }
+    long long Value(const char* key) {
+        long long value = -12345;
+        EXPECT_TRUE(TavixDeviceGetControl(camera.handle, key, &value)) << key;
+        return value;
+    }
+    std::string LastError() {
+        char text[512];
+        TavixDeviceGetLastError(camera.handle, text, sizeof text);
+        return text;
+    }
+    void TearDown() override { virtualdevices::Reset(); }
+    // Declared before the camera, so capture stops and the callback goes before they do.
+    Pictures pictures;
+    Changes changes;
+    DeviceScope camera{0};
+};
 
 TEST_F(Controls, TheTestCameraListsItsControlsInOrder) {
     // Types: 1 integer, 3 menu, 4 button; flags: 2 inactive, 4 volatile, 8 write-only.
@@ -195,8 +198,6 @@ TEST_F(Controls, ChangesComeToTheNearestAllowedValueOrAReason) {
 }
 
 TEST_F(Controls, WhileCapturingChangesShowInThePicturesAndReachTheCallback) {
-    Pictures pictures;
-    Changes changes;
     ASSERT_TRUE(TavixDeviceSetControlChangeCallBack(camera.handle, RecordChange, &changes));
     ASSERT_TRUE(StartCapture(camera.handle, pictures));
     const unsigned int automaticGain = TavixControlFlagInactive | TavixControlFlagVolatile;
@@ -267,7 +268,6 @@ TEST_F(Controls, TheChangeCallbackCanBeClearedFromInsideItAndWhileItRuns) {
     TavixDeviceSetControl(camera.handle, "brightness", 1, nullptr);
     ASSERT_TRUE(WaitUntil([&] { return selfClearing.cleared.load(); }));
     TavixDeviceSetControl(camera.handle, "brightness", 2, nullptr);
-    Changes changes;
     ASSERT_TRUE(TavixDeviceSetControlChangeCallBack(camera.handle, RecordChange, &changes));
     TavixDeviceSetControl(camera.handle, "brightness", 3, nullptr);
     EXPECT_TRUE(WaitUntil([&] { return changes.Saw("brightness", 3); }));
@@ -291,7 +291,6 @@ TEST_F(Controls, TheChangeCallbackCanBeClearedFromInsideItAndWhileItRuns) {
 }
 
 TEST_F(Controls, ManyThreadsUseTheControlsOfOneCapturingDevice) {
-    Pictures pictures;
     // A change made before capture applies from the first picture.
     TavixDeviceSetControlText(camera.handle, "test_pattern", "black");
     ASSERT_TRUE(StartCapture(camera.handle, pictures));
@@ -301,7 +300,7 @@ TEST_F(Controls, ManyThreadsUseTheControlsOfOneCapturingDevice) {
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; ++t)
         threads.emplace_back([&, t] {
-            Changes changes;
+            Changes own;
             for (int i = 0; i < 200; ++i) {
                 const char* key = t % 2 == 0 ? "saturation" : "hue";
                 long long value = 0;
@@ -313,7 +312,7 @@ TEST_F(Controls, ManyThreadsUseTheControlsOfOneCapturingDevice) {
                     ++failures;
                 if (i % 50 == t) {
                     ControlsOf(camera.handle);
-                    TavixDeviceSetControlChangeCallBack(camera.handle, RecordChange, &changes);
+                    TavixDeviceSetControlChangeCallBack(camera.handle, RecordChange, &own);
                     TavixDeviceSetControlChangeCallBack(camera.handle, nullptr, nullptr);
                 }
             }
