@@ -109,8 +109,12 @@ private:
             if (picture) {
                 sample.video = pool->CreatePixelBuffer();
                 if (sample.video != nullptr) {
-                    if (!VirtualDevicesDrawStillPictures() || videoFrames <= kStillPictures)
+                    if (!VirtualDevicesDrawStillPictures() || videoFrames <= kStillPictures) {
+                        FollowControls();
                         pattern->Draw(sample.video, pictureNumber);
+                    }
+                    if (device->controls != nullptr)
+                        device->controls->OnPicture();
                     sample.frameRate = videoMode.frameRate;
                     produced = true;
                 }
@@ -127,6 +131,14 @@ private:
         if (produced)
             ++device->delivered;
         return produced;
+    }
+
+    // Takes up a change of the picture controls from the next picture on.
+    void FollowControls() {
+        if (device->controls == nullptr || device->controls->LookVersion() == lookVersion)
+            return;
+        lookVersion = device->controls->LookVersion();
+        pattern->SetLook(device->controls->CurrentLook());
     }
 
     void FillSound(platform::CapturedSample& sample) {
@@ -185,6 +197,7 @@ private:
     bool hasSound = false;
     size_t framesPerBuffer = 0;
     uint64_t videoFrames = 0, soundBuffers = 0, soundFrames = 0;
+    uint64_t lookVersion = ~uint64_t(0); // the controls' look the pattern has; none at first
     std::vector<unsigned char> listStorage, samples;
 };
 
@@ -201,7 +214,8 @@ std::vector<platform::FrameRates> RatesOf(const virtualdevices::VideoMode& mode)
 VirtualDevice::VirtualDevice(virtualdevices::DeviceSpec deviceSpec)
     : spec(std::move(deviceSpec)),
       transport(spec.videoModes.empty() ? 25.0 : spec.videoModes.front().frameRate),
-      connected(spec.connected), inUse(spec.inUse), openable(spec.openable) {}
+      controls(spec.controls ? new VirtualControls : nullptr), connected(spec.connected),
+      inUse(spec.inUse), openable(spec.openable) {}
 
 platform::DeviceInfo VirtualDevice::Info() const {
     platform::DeviceInfo info;
@@ -295,4 +309,21 @@ VirtualDevice::StartStream(const platform::StreamRequest& request) {
     }
     return std::unique_ptr<platform::DeviceStream>(
         new VirtualStream(shared_from_this(), chosen, framesPerSecond));
+}
+
+std::vector<platform::DeviceControl> VirtualDevice::Controls() {
+    return controls != nullptr ? controls->List() : std::vector<platform::DeviceControl>();
+}
+
+platform::ControlResult VirtualDevice::SetControl(const platform::DeviceControl& control,
+                                                  int64_t value, const std::string& text,
+                                                  platform::DeviceControl& after,
+                                                  std::string& reason) {
+    if (controls == nullptr)
+        return BackendDevice::SetControl(control, value, text, after, reason);
+    return controls->Set(control, value, after, reason);
+}
+
+bool VirtualDevice::WatchControls(platform::ControlChangeListener listener) {
+    return controls != nullptr && controls->Watch(std::move(listener));
 }
