@@ -151,10 +151,14 @@ void PrintTable(const std::string& device, const std::vector<ControlInfo>& contr
     for (const ControlInfo& c : controls) {
         const bool hasDefault =
             c.type != TavixControlTypeButton && c.type != TavixControlTypeString;
-        printf("  %-*s  %-12s  %-*s  %-*s  %-7s  %s\n", keyWidth, c.key.c_str(), TypeText(c.type),
-               valueWidth, ControlValueText(c, c.value).c_str(), rangeWidth, RangeText(c).c_str(),
-               hasDefault ? std::to_string(c.defaultValue).c_str() : "",
-               Joined(FlagTexts(c.flags), ", ").c_str());
+        char line[4096];
+        snprintf(line, sizeof line, "  %-*s  %-12s  %-*s  %-*s  %-7s  %s", keyWidth, c.key.c_str(),
+                 TypeText(c.type), valueWidth, ControlValueText(c, c.value).c_str(), rangeWidth,
+                 RangeText(c).c_str(), hasDefault ? std::to_string(c.defaultValue).c_str() : "",
+                 Joined(FlagTexts(c.flags), ", ").c_str());
+        std::string text = line;
+        text.erase(text.find_last_not_of(' ') + 1);
+        printf("%s\n", text.c_str());
     }
 }
 
