@@ -129,11 +129,11 @@ int64_t NearestAllowedValue(const DeviceControl& control, int64_t wish) {
         uint64_t steps = offset / step;
         if (offset % step >= step - step / 2) // halfway and beyond round up
             ++steps;
-        uint64_t rounded = steps * step;
+        // Compared in steps, not in units: steps * step may wrap past 2^64 on a wide range.
         const uint64_t span = uint64_t(control.maximum) - uint64_t(control.minimum);
-        if (rounded > span)
-            rounded = span / step * step; // the last step that stays inside the range
-        return int64_t(uint64_t(control.minimum) + rounded);
+        if (steps > span / step)
+            steps = span / step; // the last step that stays inside the range
+        return int64_t(uint64_t(control.minimum) + steps * step);
     }
     default:
         return wish;

@@ -1,6 +1,7 @@
 #include "testpattern.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstring>
 
 namespace {
@@ -36,6 +37,36 @@ void ToYUV(const uint8_t rgb[3], uint8_t& y, uint8_t& u, uint8_t& v) {
     y = static_cast<uint8_t>(((66 * r + 129 * g + 25 * b + 128) >> 8) + 16);
     u = static_cast<uint8_t>(((-38 * r - 74 * g + 112 * b + 128) >> 8) + 128);
     v = static_cast<uint8_t>(((112 * r - 94 * g - 18 * b + 128) >> 8) + 128);
+}
+
+// A colour as `look` changes it: hue, then saturation, contrast and brightness. Each step that
+// is at its default leaves the colour exactly as it was.
+void Adjust(const uint8_t in[3], const TestPattern::Look& look, uint8_t out[3]) {
+    double r = in[0], g = in[1], b = in[2];
+    const auto grey = [&] { return 0.299 * r + 0.587 * g + 0.114 * b; };
+    if (look.hue != 0) {
+        const double y = grey(), u = b - y, v = r - y;
+        const double angle = look.hue * M_PI / 180;
+        const double u2 = u * std::cos(angle) - v * std::sin(angle);
+        const double v2 = u * std::sin(angle) + v * std::cos(angle);
+        r = y + v2;
+        b = y + u2;
+        g = (y - 0.299 * r - 0.114 * b) / 0.587;
+    }
+    if (look.saturation != 128) {
+        const double y = grey(), scale = look.saturation / 128.0;
+        r = y + (r - y) * scale;
+        g = y + (g - y) * scale;
+        b = y + (b - y) * scale;
+    }
+    double* channels[3] = {&r, &g, &b};
+    for (int i = 0; i < 3; ++i) {
+        double& c = *channels[i];
+        if (look.contrast != 128)
+            c = 128 + (c - 128) * look.contrast / 128.0;
+        c += look.brightness - 128;
+        out[i] = static_cast<uint8_t>(std::lround(std::min(255.0, std::max(0.0, c))));
+    }
 }
 
 // The digit drawn at column `digit` of the counter for frame `frame`.
@@ -96,15 +127,45 @@ void TestPattern::Pixel(size_t width, size_t height, uint64_t frame, size_t x, s
     memcpy(rgb, kBars[BarIndex(width, x)], 3);
 }
 
+bool TestPattern::Look::operator==(const Look& other) const {
+    return brightness == other.brightness && contrast == other.contrast &&
+           saturation == other.saturation && hue == other.hue && pattern == other.pattern;
+}
+
 TestPattern::TestPattern(OSType pixelFormat, size_t width, size_t height)
     : format(CanonicalPixelFormat(pixelFormat)), width(width), height(height) {
+    memcpy(bars, kBars, sizeof bars);
+    memcpy(white, kWhite, sizeof white);
+    memcpy(black, kBlack, sizeof black);
+    DrawBackground();
+}
+
+void TestPattern::SetLook(const Look& wanted) {
+    if (wanted == look)
+        return;
+    look = wanted;
+    for (size_t bar = 0; bar < 8; ++bar) {
+        uint8_t colour[3];
+        memcpy(colour, kBars[bar], 3);
+        if (look.pattern == kPatternGreyBars)
+            memset(colour, (77 * colour[0] + 150 * colour[1] + 29 * colour[2] + 128) >> 8, 3);
+        else if (look.pattern == kPatternBlack)
+            memset(colour, 0, 3);
+        Adjust(colour, look, bars[bar]);
+    }
+    Adjust(kWhite, look, white);
+    Adjust(kBlack, look, black);
+    DrawBackground();
+}
+
+void TestPattern::DrawBackground() {
     CVPixelBufferRef scratch = nullptr;
     if (CVPixelBufferCreate(nullptr, width, height, format, nullptr, &scratch) != kCVReturnSuccess)
         return;
     for (size_t bar = 0; bar < 8; ++bar) {
         const size_t x0 = bar == 0 ? 0 : Even(bar * width / 8);
         const size_t x1 = bar == 7 ? width : Even((bar + 1) * width / 8);
-        Fill(scratch, Rect{x0, 0, x1, height}, kBars[bar]);
+        Fill(scratch, Rect{x0, 0, x1, height}, bars[bar]);
     }
     background.assign(scratch->base, scratch->base + scratch->layout.totalSize);
     CVPixelBufferRelease(scratch);
@@ -114,9 +175,11 @@ void TestPattern::Draw(CVPixelBufferRef buffer, uint64_t frame) const {
     if (buffer == nullptr || buffer->layout.totalSize != background.size())
         return;
     memcpy(buffer->base, background.data(), background.size());
-    Fill(buffer, MovingBar(width, height, frame), kWhite);
+    if (look.pattern == kPatternBlack)
+        return; // nothing moves on a black picture
+    Fill(buffer, MovingBar(width, height, frame), white);
     const Rect box = CounterBox(width, height);
-    Fill(buffer, box, kBlack);
+    Fill(buffer, box, black);
     const size_t scale = DigitScale(height);
     for (int digit = 0; digit < kCounterDigits; ++digit) {
         const uint8_t* glyph = kDigits[CounterDigit(frame, digit)];
@@ -128,7 +191,7 @@ void TestPattern::Draw(CVPixelBufferRef buffer, uint64_t frame) const {
                 const size_t y0 = box.y0 + (1 + row) * scale;
                 Fill(buffer,
                      Rect{x0, y0, std::min(x0 + scale, box.x1), std::min(y0 + scale, box.y1)},
-                     kWhite);
+                     white);
             }
     }
 }

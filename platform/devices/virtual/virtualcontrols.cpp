@@ -60,11 +60,6 @@ bool IsPictureControl(const std::string& key) {
 
 } // namespace
 
-bool VirtualControls::Look::operator==(const Look& other) const {
-    return brightness == other.brightness && contrast == other.contrast &&
-           saturation == other.saturation && hue == other.hue && pattern == other.pattern;
-}
-
 VirtualControls::VirtualControls() : controls(TestCameraControls()) {
     UpdateFlags();
 }
@@ -147,9 +142,9 @@ void VirtualControls::Reset() {
     ++lookVersion;
 }
 
-VirtualControls::Look VirtualControls::CurrentLook() const {
+TestPattern::Look VirtualControls::CurrentLook() const {
     std::lock_guard<std::mutex> locked(mutex);
-    Look look;
+    TestPattern::Look look;
     look.brightness = static_cast<int>(Value("brightness"));
     look.contrast = static_cast<int>(Value("contrast"));
     look.saturation = static_cast<int>(Value("saturation"));

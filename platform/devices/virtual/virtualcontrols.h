@@ -10,18 +10,10 @@
 #include <vector>
 
 #include "platform/devicecontrols.h"
+#include "testpattern.h"
 
 class VirtualControls {
 public:
-    // What the picture controls ask of the drawing; the defaults leave the picture as it is.
-    struct Look {
-        int brightness = 128, contrast = 128, saturation = 128, hue = 0;
-        int pattern = 0; // kPatternColourBars, kPatternGreyBars or kPatternBlack
-        bool operator==(const Look& other) const;
-        bool IsDefault() const { return *this == Look(); }
-    };
-    enum { kPatternColourBars = 0, kPatternGreyBars = 1, kPatternBlack = 3 };
-
     VirtualControls();
     ~VirtualControls();
 
@@ -32,7 +24,7 @@ public:
     // Every control back to its default, without telling anyone (the test control's reset).
     void Reset();
 
-    Look CurrentLook() const;
+    TestPattern::Look CurrentLook() const;
     // Counts the changes of the picture controls, so a stream redraws only after one.
     uint64_t LookVersion() const { return lookVersion.load(); }
     // Called by a stream for each picture it delivers: under automatic exposure the camera

@@ -109,8 +109,10 @@ private:
             if (picture) {
                 sample.video = pool->CreatePixelBuffer();
                 if (sample.video != nullptr) {
-                    if (!VirtualDevicesDrawStillPictures() || videoFrames <= kStillPictures)
+                    if (!VirtualDevicesDrawStillPictures() || videoFrames <= kStillPictures) {
+                        FollowControls();
                         pattern->Draw(sample.video, pictureNumber);
+                    }
                     if (device->controls != nullptr)
                         device->controls->OnPicture();
                     sample.frameRate = videoMode.frameRate;
@@ -129,6 +131,14 @@ private:
         if (produced)
             ++device->delivered;
         return produced;
+    }
+
+    // Takes up a change of the picture controls from the next picture on.
+    void FollowControls() {
+        if (device->controls == nullptr || device->controls->LookVersion() == lookVersion)
+            return;
+        lookVersion = device->controls->LookVersion();
+        pattern->SetLook(device->controls->CurrentLook());
     }
 
     void FillSound(platform::CapturedSample& sample) {
@@ -187,6 +197,7 @@ private:
     bool hasSound = false;
     size_t framesPerBuffer = 0;
     uint64_t videoFrames = 0, soundBuffers = 0, soundFrames = 0;
+    uint64_t lookVersion = ~uint64_t(0); // the controls' look the pattern has; none at first
     std::vector<unsigned char> listStorage, samples;
 };
 
