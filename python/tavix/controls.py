@@ -111,7 +111,7 @@ class Controls(Mapping):
 
         callback = ControlEnumerateCallBack(add)
         if not self._call(lib.TavixDeviceEnumerateControls, callback, None):
-            raise ControlError(f"the controls of {self._device.name!r} cannot be read now", "failed")
+            raise ControlError(f"the controls of {self._device.name!r} cannot be read now")
         return found
 
     def __getitem__(self, key: str) -> Control:

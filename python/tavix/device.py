@@ -183,7 +183,9 @@ class Device:
             with thread_scope():
                 if self._control_callbacks.function is not None:
                     # Waits for a running change callable, which may still read controls.
-                    lib.TavixDeviceSetControlChangeCallBack(self._handle, ControlChangeCallBack(), None)
+                    lib.TavixDeviceSetControlChangeCallBack(
+                        self._handle, ControlChangeCallBack(), None
+                    )
                     self._control_callbacks.function = None
                 lib.TavixDeviceStopCapture(self._handle)  # a session stopped from a callback
                 lib.TavixDeviceClose(self._handle)
@@ -335,7 +337,9 @@ class Device:
             if callback is None:
                 if callbacks.function is not None:
                     # Returns once no call of the previous callable runs.
-                    self._call(lib.TavixDeviceSetControlChangeCallBack, ControlChangeCallBack(), None)
+                    self._call(
+                        lib.TavixDeviceSetControlChangeCallBack, ControlChangeCallBack(), None
+                    )
                 callbacks.function = None
                 callbacks.user = None
                 return
