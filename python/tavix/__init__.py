@@ -14,9 +14,11 @@ system's loader and the usual install prefixes have it.
 """
 
 from ._library import lib as _lib
+from .controls import Control, Controls
 from .device import Device, Format, devices, has_devices_in_use
 from .devicechanges import DeviceEntry, DeviceEvent, on_device_change, watch_devices
 from .errors import (
+    ControlError,
     DeviceClosedError,
     DeviceNotFoundError,
     FormatError,
@@ -33,6 +35,9 @@ __version__ = "1.0.0"
 library_path: str = _lib._name
 
 __all__ = [
+    "Control",
+    "ControlError",
+    "Controls",
     "Device",
     "DeviceClosedError",
     "DeviceEntry",

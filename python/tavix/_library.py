@@ -72,6 +72,35 @@ class SoundFormat(ctypes.Structure):
     ]
 
 
+class ControlMenuItem(ctypes.Structure):
+    """TavixControlMenuItem_C."""
+
+    _fields_ = [
+        ("index", ctypes.c_longlong),
+        ("name", ctypes.c_char_p),
+        ("value", ctypes.c_longlong),
+    ]
+
+
+class Control(ctypes.Structure):
+    """TavixControl_C."""
+
+    _fields_ = [
+        ("key", ctypes.c_char_p),
+        ("name", ctypes.c_char_p),
+        ("type", ctypes.c_int),
+        ("flags", ctypes.c_uint),
+        ("minimum", ctypes.c_longlong),
+        ("maximum", ctypes.c_longlong),
+        ("step", ctypes.c_longlong),
+        ("defaultValue", ctypes.c_longlong),
+        ("value", ctypes.c_longlong),
+        ("text", ctypes.c_char_p),
+        ("menu", ctypes.POINTER(ControlMenuItem)),
+        ("menuCount", ctypes.c_uint),
+    ]
+
+
 # The pixel and sample pointers are taken as plain addresses (c_void_p arrives as an int or
 # None), so a callback copies straight from the address without building a ctypes object.
 VideoCallBack = ctypes.CFUNCTYPE(
@@ -105,6 +134,10 @@ ChangeCallBack = ctypes.CFUNCTYPE(
 )
 EnumerateWithIdsCallBack = ctypes.CFUNCTYPE(
     ctypes.c_bool, ctypes.c_char_p, ctypes.c_char_p, ctypes.c_int, ctypes.c_bool, ctypes.c_void_p
+)
+ControlEnumerateCallBack = ctypes.CFUNCTYPE(ctypes.c_bool, ctypes.POINTER(Control), ctypes.c_void_p)
+ControlChangeCallBack = ctypes.CFUNCTYPE(
+    None, ctypes.c_char_p, ctypes.c_longlong, ctypes.c_char_p, ctypes.c_uint, ctypes.c_void_p
 )
 
 # name: (result type, argument types)
@@ -180,6 +213,27 @@ _PROTOTYPES = {
     "TavixDeviceEnumerateSoundFormats": (
         ctypes.c_bool,
         [c_handle, SoundFormatCallBack, ctypes.c_void_p],
+    ),
+    "TavixDeviceEnumerateControls": (
+        ctypes.c_bool,
+        [c_handle, ControlEnumerateCallBack, ctypes.c_void_p],
+    ),
+    "TavixDeviceGetControl": (
+        ctypes.c_bool,
+        [c_handle, ctypes.c_char_p, ctypes.POINTER(ctypes.c_longlong)],
+    ),
+    "TavixDeviceSetControl": (
+        ctypes.c_int,
+        [c_handle, ctypes.c_char_p, ctypes.c_longlong, ctypes.POINTER(ctypes.c_longlong)],
+    ),
+    "TavixDeviceGetControlText": (
+        ctypes.c_bool,
+        [c_handle, ctypes.c_char_p, ctypes.c_char_p, ctypes.c_size_t],
+    ),
+    "TavixDeviceSetControlText": (ctypes.c_int, [c_handle, ctypes.c_char_p, ctypes.c_char_p]),
+    "TavixDeviceSetControlChangeCallBack": (
+        ctypes.c_bool,
+        [c_handle, ControlChangeCallBack, ctypes.c_void_p],
     ),
     "TavixDeviceIsTransportAvailable": (ctypes.c_bool, [c_handle]),
     "TavixDeviceGetTransportMode": (ctypes.c_int, [c_handle]),

@@ -10,7 +10,9 @@ import weakref
 from typing import Any, Callable, List, NamedTuple, Optional, Tuple, Union
 
 from . import _formats
+from .controls import ControlCallbacks, Controls
 from ._library import (
+    ControlChangeCallBack,
     DeviceFormat,
     EnumerateCallBack,
     FormatEnumerateCallBack,
@@ -129,6 +131,7 @@ class Device:
         # Serialises this device's library calls across Python threads. The library's capture
         # threads never take it.
         self._lock = threading.RLock()
+        self._control_callbacks = ControlCallbacks()
 
     # -- life ---------------------------------------------------------------------------------
 
@@ -178,6 +181,12 @@ class Device:
                 except BaseException as raised:
                     error = raised
             with thread_scope():
+                if self._control_callbacks.function is not None:
+                    # Waits for a running change callable, which may still read controls.
+                    lib.TavixDeviceSetControlChangeCallBack(
+                        self._handle, ControlChangeCallBack(), None
+                    )
+                    self._control_callbacks.function = None
                 lib.TavixDeviceStopCapture(self._handle)  # a session stopped from a callback
                 lib.TavixDeviceClose(self._handle)
                 lib.TavixDeviceRelease(self._handle)
@@ -309,6 +318,36 @@ class Device:
             if not matching:
                 detailed.append(entry)
         return detailed
+
+    # -- controls -------------------------------------------------------------------------------
+
+    @property
+    def controls(self) -> Controls:
+        """The device's controls by key (brightness, exposure, ...): see ``tavix.Controls``."""
+        self._require_open()
+        return Controls(self)
+
+    def _in_control_callback(self) -> bool:
+        return getattr(self._control_callbacks.running, "active", False)
+
+    def _set_control_callback(self, callback: Optional[Callable[..., Any]]) -> None:
+        callbacks = self._control_callbacks
+        with self._lock:
+            self._require_open()
+            if callback is None:
+                if callbacks.function is not None:
+                    # Returns once no call of the previous callable runs.
+                    self._call(
+                        lib.TavixDeviceSetControlChangeCallBack, ControlChangeCallBack(), None
+                    )
+                callbacks.function = None
+                callbacks.user = None
+                return
+            function = callbacks.trampoline(Controls(self))
+            if not self._call(lib.TavixDeviceSetControlChangeCallBack, function, None):
+                raise TavixError(f"device {self.name!r} cannot report control changes")
+            callbacks.user = callback
+            callbacks.function = function  # the library calls it from now on: keep it alive
 
     # -- tape transport -----------------------------------------------------------------------
 

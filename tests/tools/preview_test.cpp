@@ -1,5 +1,6 @@
 // `tavix preview` used as a person uses it, on a virtual X server: the picture in the window, a
-// window resized, keys that drive a deck, record and quit, and the refusal without a display.
+// window resized, keys that drive a deck, step controls, record and quit, and the refusal
+// without a display.
 #include <gtest/gtest.h>
 #include <fcntl.h>
 #include <signal.h>
@@ -257,6 +258,12 @@ TEST_F(PreviewWindow, ShowsTheLivePictureThroughAResizeAndQuitsOnQ) {
         ReadImageFile(temp / output.substr(name, output.find('\n', name) - name));
     EXPECT_EQ(1280, snapshot.width);
     EXPECT_EQ("", WrongBars(snapshot, 1280, 720, 6));
+
+    // Brightness and exposure move by a 32nd of their range; exposure is made manual first.
+    preview.Key("B");
+    EXPECT_TRUE(preview.WaitForOutput("brightness = 135\n")) << preview.Output();
+    preview.Key("e");
+    EXPECT_TRUE(preview.WaitForOutput("exposure = 21\n")) << preview.Output();
 
     preview.Key("q");
     EXPECT_EQ(0, preview.Exited()) << preview.Output();

@@ -142,6 +142,49 @@ TEST_F(TavixCommand, DrivesATapeDeck) {
     EXPECT_TRUE(Contains(play.output, "play")) << play.output;
 }
 
+// Each run is a new process, whose test camera starts with every control at its default.
+TEST_F(TavixCommand, ListsSetsSavesAndLoadsControlsAndSetsThemBeforeCapture) {
+    const CommandOutput table = Tavix("controls 'Tavix Test Camera'");
+    EXPECT_EQ(0, table.status);
+    for (const char* part : {"brightness", "0..255", "0: Colour Bars, 1: Grey Bars, 3: Black",
+                             "3 (Aperture Priority Mode)", "inactive, volatile", "button"})
+        EXPECT_TRUE(Contains(table.output, part)) << part << "\n" << table.output;
+
+    const std::string saved = folder + "/camera.txt";
+    const CommandOutput set = Tavix("controls tavix-virtual:test-camera brightness=300 "
+                                    "exposure_auto=manual exposure=200 --save " +
+                                    saved);
+    EXPECT_EQ(0, set.status) << set.output;
+    EXPECT_TRUE(Contains(set.output, "brightness = 255 (nearest to 300)\n"
+                                     "exposure_auto = 1 (Manual Mode)\nexposure = 200\n"))
+        << set.output;
+    const std::string file = ReadFile(saved);
+    EXPECT_TRUE(Contains(file, "# id: tavix-virtual:test-camera\n")) << file;
+    EXPECT_FALSE(Contains(file, "restore_defaults")) << "a button has no value to save";
+
+    const CommandOutput loaded = Tavix("controls 'Tavix Test Camera' --json --load " + saved);
+    EXPECT_EQ(0, loaded.status) << loaded.output;
+    const std::string& json = loaded.output;
+    const size_t exposure = json.find("{\"key\": \"exposure\"");
+    ASSERT_NE(std::string::npos, exposure) << json;
+    EXPECT_TRUE(
+        Contains(json.substr(exposure, json.find('}', exposure) - exposure), "\"value\": 200,"))
+        << json;
+
+    // Pictures of the black pattern made brighter by half the range: a mid grey.
+    const std::string png = folder + "/grey.png";
+    const CommandOutput run =
+        Tavix("capture 'Tavix Test Camera' --seconds 1 --size 160x120 --set test_pattern=black "
+              "--set brightness=255 --snapshot " +
+              png);
+    ASSERT_EQ(0, run.status) << run.output;
+    if (!HaveFFprobe())
+        GTEST_SKIP() << "ffprobe is not installed";
+    const RGBImage grey = ReadImageFile(png);
+    ASSERT_EQ(160, grey.width);
+    EXPECT_NEAR(127, grey.At(80, 100)[1], 8);
+}
+
 TEST_F(TavixCommand, ErrorsNameTheProblemAndFail) {
     struct Case {
         std::string arguments, message;
@@ -162,6 +205,10 @@ TEST_F(TavixCommand, ErrorsNameTheProblemAndFail) {
         {"capture 'Tavix Test Camera' --audio 'No Such Mic' --seconds 1", "No Such Mic"},
         {"formats 'No Such Camera'", "No Such Camera"},
         {"transport 'Tavix Test Deck' dance", "dance"},
+        {"controls 'Tavix Test Camera' exposure=200", "exposure"},
+        {"controls 'Tavix Test Camera' test_pattern=purple", "purple"},
+        {"controls 'Tavix Test Camera' brightness", "KEY=VALUE"},
+        {"capture 'Tavix Test Camera' --set nokey=1", "nokey"},
         {"transport 'Tavix Test Camera' play", "transport"},
         {"record", "record"},
         {"", "usage"},

@@ -1,5 +1,5 @@
 // `tavix capture NAME [--audio NAME] [--seconds N] [--record FILE] [--snapshot FILE.png]
-//                     [--format FOURCC] [--size WxH] [--rate FPS]`
+//                     [--format FOURCC] [--size WxH] [--rate FPS] [--set KEY=VALUE]...`
 #include <cerrno>
 #include <cmath>
 #include <csignal>
@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include "capturestats.h"
+#include "controls.h"
 #include "devices.h"
 #include "framerates.h"
 #include "llib/mac/tavix.h"
@@ -33,7 +34,7 @@ struct CaptureOptions : DeviceWishes {
 void PrintUsage() {
     printf("usage: tavix capture NAME [--audio NAME] [--seconds N] [--record FILE]\n"
            "                          [--snapshot FILE.png] [--format FOURCC] [--size WxH]\n"
-           "                          [--rate FPS]\n\n"
+           "                          [--rate FPS] [--set KEY=VALUE]...\n\n"
            "Captures from device NAME (and sound from --audio NAME) for N seconds (5), showing\n"
            "frames, dropped frames, timecode, sound level and file size, then a summary.\n"
            "  --record FILE      records to a movie file (.mov, .mp4 or .mkv)\n"
@@ -42,6 +43,8 @@ void PrintUsage() {
            "  --size WxH         asks for a frame size, e.g. 640x480\n"
            "  --rate FPS         asks for a frame rate the device offers at that size and\n"
            "                     format (see tavix formats NAME), e.g. 60 or 29.97\n"
+           "  --set KEY=VALUE    sets a control before capture starts, e.g. brightness=200;\n"
+           "                     repeat it for more, in order (see tavix controls NAME)\n"
            "Ctrl-C stops early and keeps the recording.\n");
 }
 
@@ -216,7 +219,8 @@ int CaptureCommand(int argc, char** argv) {
     if (device == 0)
         return kExitFailure;
 
-    if (options.rate > 0 && !AskForRate(device, options)) {
+    if (!ApplySettings(device, options.settings) ||
+        (options.rate > 0 && !AskForRate(device, options))) {
         TavixDeviceClose(device);
         TavixDeviceRelease(device);
         return kExitFailure;

@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "controls.h"
 #include "devices.h"
 #include "llib/mac/tavix.h"
 #include "options.h"
@@ -15,6 +16,7 @@ void PrintUsage() {
            "  list [--watch]               capture devices, their media types, ids and state;\n"
            "                               --watch: then each arrival and departure\n"
            "  formats NAME                 the formats device NAME delivers\n"
+           "  controls NAME [KEY=VALUE]    lists or sets brightness, exposure and the rest\n"
            "  capture NAME [OPTIONS]       captures, shows a live status, records, snapshots\n"
            "  transport NAME ACTION        play, stop, rewind, ff or status of a tape deck\n"
            "  preview NAME [OPTIONS]       a live window: picture, level, timecode, transport\n\n"
@@ -40,6 +42,8 @@ int main(int argc, char** argv) {
         status = ListCommand(argc - 1, argv + 1);
     else if (strcmp(command, "formats") == 0)
         status = FormatsCommand(argc - 1, argv + 1);
+    else if (strcmp(command, "controls") == 0)
+        status = ControlsCommand(argc - 1, argv + 1);
     else if (strcmp(command, "capture") == 0)
         status = CaptureCommand(argc - 1, argv + 1);
     else if (strcmp(command, "transport") == 0)
@@ -47,8 +51,9 @@ int main(int argc, char** argv) {
     else if (strcmp(command, "preview") == 0)
         status = PreviewCommand(argc - 1, argv + 1);
     else {
-        PrintError("unknown command \"%s\" (list, formats, capture, transport or preview)",
-                   command);
+        PrintError(
+            "unknown command \"%s\" (list, formats, controls, capture, transport or preview)",
+            command);
         return kExitUsage;
     }
     fflush(stdout);

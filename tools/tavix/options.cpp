@@ -63,7 +63,7 @@ void PrintError(const char* format, ...) {
 int ParseDeviceWish(int argc, char** argv, int& i, DeviceWishes& wishes) {
     const std::string argument = argv[i];
     const bool takesValue = argument == "--audio" || argument == "--record" ||
-                            argument == "--format" || argument == "--size";
+                            argument == "--format" || argument == "--size" || argument == "--set";
     if (takesValue && i + 1 >= argc) {
         PrintError("%s needs a value", argument.c_str());
         return kExitUsage;
@@ -80,6 +80,13 @@ int ParseDeviceWish(int argc, char** argv, int& i, DeviceWishes& wishes) {
     } else if (argument == "--size") {
         if (!ParseSize(argv[++i], wishes.width, wishes.height)) {
             PrintError("bad size \"%s\" (WIDTHxHEIGHT, such as 640x480)", argv[i]);
+            return kExitUsage;
+        }
+    } else if (argument == "--set") {
+        wishes.settings.push_back(argv[++i]);
+        const size_t equals = wishes.settings.back().find('=');
+        if (equals == std::string::npos || equals == 0) {
+            PrintError("bad --set \"%s\" (KEY=VALUE, such as brightness=200)", argv[i]);
             return kExitUsage;
         }
     } else if (!argument.empty() && argument[0] == '-') {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 // Four-character pixel format code from text such as "2vuy" or "BGRA"; false unless exactly
 // four printable characters.
@@ -24,11 +25,12 @@ struct DeviceWishes {
     std::string audioDevice;
     std::string recordPath;
     unsigned long pixelFormat = 0, width = 0, height = 0;
+    std::vector<std::string> settings; // "key=value" controls set before capture starts
 };
 
 // Reads argv[i] as one of the arguments every capturing command takes (NAME, --audio, --record,
-// --format, --size), moving i past its value. kExitOK when it was read; kExitUsage after printing
-// what is wrong (a missing or bad value, an unknown option, a second name).
+// --format, --size, --set), moving i past its value. kExitOK when it was read; kExitUsage after
+// printing what is wrong (a missing or bad value, an unknown option, a second name).
 int ParseDeviceWish(int argc, char** argv, int& i, DeviceWishes& wishes);
 // kExitOK when a device was named; kExitUsage after printing what is missing.
 int RequireDevice(const DeviceWishes& wishes, const char* command);

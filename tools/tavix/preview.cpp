@@ -1,4 +1,5 @@
-// `tavix preview NAME [--audio NAME] [--format FOURCC] [--size WxH] [--record FILE]`
+// `tavix preview NAME [--audio NAME] [--format FOURCC] [--size WxH] [--record FILE]
+//                     [--set KEY=VALUE]...`
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -16,7 +17,7 @@ namespace {
 
 void PrintUsage() {
     printf("usage: tavix preview NAME [--audio NAME] [--format FOURCC] [--size WxH]\n"
-           "                          [--record FILE]\n\n"
+           "                          [--record FILE] [--set KEY=VALUE]...\n\n"
            "Opens a window with the live picture of device NAME (and sound from --audio NAME),\n"
            "its timecode, frame rate, dropped frames, sound level and recording. A sound-only\n"
            "device shows its level and a scrolling waveform.\n"
@@ -25,7 +26,9 @@ void PrintUsage() {
            "  --size WxH         asks for a frame size, e.g. 640x480\n"
            "  --record FILE      where R records (.mov, .mp4 or .mkv); later recordings are\n"
            "                     numbered beside it (FILE-2.mov). Without it, R records to\n"
-           "                     tavix-YYYYMMDD-HHMMSS.mov in the current folder\n\n"
+           "                     tavix-YYYYMMDD-HHMMSS.mov in the current folder\n"
+           "  --set KEY=VALUE    sets a control before capture starts, e.g. brightness=200;\n"
+           "                     repeat it for more (see tavix controls NAME)\n\n"
            "Keys:\n"
            "  Space              play or stop a tape deck\n"
            "  Left, Right        rewind, fast forward\n"
@@ -33,7 +36,10 @@ void PrintUsage() {
            "  R                  start or end a recording\n"
            "  S                  write the current frame as tavix-YYYYMMDD-HHMMSS.png\n"
            "  F                  full screen on or off\n"
+           "  b, B               brightness down, up (a 32nd of its range)\n"
+           "  e, E               exposure down, up; turns exposure_auto to manual first\n"
            "  Q, Escape          quit (a running recording is kept)\n\n"
+           "The window shows the latest control the device reports changed.\n"
            "Needs a display (DISPLAY or WAYLAND_DISPLAY); tavix capture works without one.\n");
 }
 

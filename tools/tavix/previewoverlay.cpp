@@ -186,6 +186,9 @@ void DrawOverlay(SDL_Renderer* renderer, const OverlayState& state, int width, i
     } else {
         DrawText(renderer, "sound only", x, y, scale, kDim);
     }
+    if (!state.control.empty())
+        DrawText(renderer, state.control, width - margin - TextWidth(state.control, scale), y,
+                 scale, kText);
     y += line;
 
     DrawMeter(renderer, state, x, y, width - 2 * margin, scale);

@@ -25,7 +25,8 @@ struct OverlayState {
     bool recording = false;
     double recordingSeconds = 0;
     std::string recordingSize, recordingPath;
-    std::string notice; // empty when none is shown
+    std::string control; // the control last reported changed, with its value
+    std::string notice;  // empty when none is shown
     bool noticeIsFailure = false;
     bool disconnected = false;
     const std::deque<WaveColumn>* wave = nullptr; // newest last; drawn when there is no video

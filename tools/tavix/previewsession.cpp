@@ -84,6 +84,8 @@ PreviewSession::PreviewSession(const PreviewOptions& options) : options(options)
 PreviewSession::~PreviewSession() {
     if (device == 0)
         return;
+    // Returns once no call of the change callback runs, so `this` may go.
+    TavixDeviceSetControlChangeCallBack(device, nullptr, nullptr);
     // Stopping closes a running recording properly.
     TavixDeviceStopCapture(device);
     if (opened)
@@ -101,6 +103,11 @@ bool PreviewSession::Start() {
     wantsSound =
         !options.audioDevice.empty() || TavixDeviceHasMediaType(device, TavixDeviceMediaTypeSound);
     pixelFormat = options.pixelFormat;
+    if (!ApplySettings(device, options.settings))
+        return false;
+    ReadControls(device, controls);
+    // A device that cannot report changes still previews; it shows no changed control.
+    TavixDeviceSetControlChangeCallBack(device, ControlChanged, this);
     if (!StartCapture(nullptr)) {
         PrintError("cannot start capturing from \"%s\"", options.device.c_str());
         return false;
@@ -219,6 +226,31 @@ void PreviewSession::WriteSnapshot(const CapturedFrame& frame, double now) {
         return;
     }
     Tell(now, false, "snapshot %s", path.c_str());
+}
+
+void PreviewSession::ControlChanged(const char* key, long long value, const char* text,
+                                    unsigned int, void* context) {
+    auto* session = static_cast<PreviewSession*>(context);
+    std::string shown = std::to_string(value);
+    for (const ControlInfo& control : session->controls)
+        if (control.key == key) {
+            ControlInfo current = control;
+            current.text = text;
+            shown = ControlValueText(current, value);
+        }
+    std::lock_guard<std::mutex> locked(session->changedMutex);
+    session->changed = std::string(key) + " " + shown;
+}
+
+std::string PreviewSession::ChangedControl() const {
+    std::lock_guard<std::mutex> locked(changedMutex);
+    return changed;
+}
+
+void PreviewSession::StepControl(const std::string& key, int steps, double now) {
+    std::string told;
+    const bool set = ::StepControl(device, key, steps, told);
+    Tell(now, !set, "%s", told.c_str());
 }
 
 void PreviewSession::Tell(double now, bool failure, const char* format, ...) {

@@ -3,9 +3,11 @@
 // happens in one line on standard output and keeps the latest line as a notice for the window.
 #pragma once
 
+#include <mutex>
 #include <string>
 #include <vector>
 
+#include "controls.h"
 #include "llib/mac/tavix.h"
 #include "options.h"
 #include "previewfeed.h"
@@ -20,7 +22,7 @@ public:
     PreviewSession(const PreviewSession&) = delete;
     PreviewSession& operator=(const PreviewSession&) = delete;
 
-    // Finds, opens and starts capturing; false after printing why.
+    // Finds, opens, sets the controls asked for and starts capturing; false after printing why.
     bool Start();
 
     const std::string& DeviceName() const { return options.device; }
@@ -52,6 +54,11 @@ public:
     // Writes the frame as a time-stamped PNG picture in the current folder.
     void WriteSnapshot(const CapturedFrame& frame, double now);
 
+    // Moves a control by `steps` 32nds of its range (the preview's keys) and tells the value set.
+    void StepControl(const std::string& key, int steps, double now);
+    // The control the device last reported changed and its value ("gain 40"); empty before.
+    std::string ChangedControl() const;
+
     // The latest event, shown for a few seconds, and whether it tells of a failure.
     const std::string& Notice() const { return notice; }
     double NoticeTime() const { return noticeTime; }
@@ -59,6 +66,8 @@ public:
 
 private:
     bool StartCapture(const char* recordPath);
+    static void ControlChanged(const char* key, long long value, const char* text,
+                               unsigned int flags, void* context);
     std::string NextRecordingPath() const;
     void Tell(double now, bool failure, const char* format, ...)
         __attribute__((format(printf, 4, 5)));
@@ -72,6 +81,9 @@ private:
     double recordingStart = 0;
     std::string recordingPath;
     std::vector<std::string> recordings;
+    std::vector<ControlInfo> controls; // as listed at the start, for menu item names
+    mutable std::mutex changedMutex;   // the change callback runs on a library thread
+    std::string changed;
     std::string notice;
     double noticeTime = -1000;
     bool noticeIsFailure = false;

@@ -188,6 +188,12 @@ private:
             if (!key.repeat)
                 session.WriteSnapshot(frame, now);
             break;
+        case SDLK_b:
+            session.StepControl("brightness", shift ? 1 : -1, now);
+            break;
+        case SDLK_e:
+            session.StepControl("exposure", shift ? 1 : -1, now);
+            break;
         default:
             break;
         }
@@ -290,6 +296,7 @@ private:
         state.recordingSeconds = session.RecordingSeconds(now);
         state.recordingSize = recordingSize;
         state.recordingPath = session.RecordingPath();
+        state.control = session.ChangedControl();
         if (now - session.NoticeTime() < kNoticeSeconds) {
             state.notice = session.Notice();
             state.noticeIsFailure = session.NoticeIsFailure();
