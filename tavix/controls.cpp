@@ -191,7 +191,7 @@ bool TavixDeviceEnumerateControls(unsigned long handle, TavixControlEnumerateCal
     std::vector<DeviceControl> controls;
     {
         ControlCall call(handle);
-        if (!call.IsValid() || callBack == nullptr)
+        if (!call.IsValid() || callBack == nullptr || !call.backend->IsConnected())
             return false;
         controls = call.backend->Controls();
     }

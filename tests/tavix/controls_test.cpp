@@ -146,6 +146,11 @@ TEST_F(Controls, TheTestCameraListsItsControlsInOrder) {
     EXPECT_FALSE(TavixDeviceSetControlChangeCallBack(microphone, RecordChange, nullptr));
     TavixDeviceRelease(microphone);
     EXPECT_FALSE(TavixDeviceEnumerateControls(0, Describe, nullptr));
+    // A camera that is gone has no controls to read.
+    char id[256];
+    ASSERT_TRUE(TavixDeviceGetUniqueID(camera.handle, id, sizeof id));
+    virtualdevices::SetConnected(id, false);
+    EXPECT_FALSE(TavixDeviceEnumerateControls(camera.handle, Describe, nullptr));
 }
 
 TEST_F(Controls, ChangesComeToTheNearestAllowedValueOrAReason) {
