@@ -1,12 +1,9 @@
-// Why a capture or a recording failed: the device's last error as text for the host.
+// Why a capture, a recording or a control change failed: the device's last error as text for
+// the host.
 #include <cstring>
 
 #include "tavixdevice.h"
 
-namespace {
-
-// The length of the longest prefix of text, at most limit bytes, that ends on a whole UTF-8
-// character.
 size_t WholeCharacters(const std::string& text, size_t limit) {
     if (text.size() <= limit)
         return text.size();
@@ -16,8 +13,6 @@ size_t WholeCharacters(const std::string& text, size_t limit) {
         --length;
     return length;
 }
-
-} // namespace
 
 bool TavixDeviceGetLastError(unsigned long handle, char* message, size_t size) {
     const TavixDevice* device = TavixDevice::GetDevice(handle);

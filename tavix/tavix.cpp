@@ -114,11 +114,17 @@ bool TavixDeviceRetain(unsigned long handle) {
 
 bool TavixDeviceRelease(unsigned long handle) {
     CallScope scope;
-    LLockObjectLocker locked(TavixDeviceMutex);
-    TavixDevice* device = TavixDevice::GetDevice(handle);
-    if (device != nullptr)
-        device->Release();
-    return device != nullptr;
+    std::shared_ptr<TavixControlWatch> endedWatch;
+    {
+        LLockObjectLocker locked(TavixDeviceMutex);
+        TavixDevice* device = TavixDevice::GetDevice(handle);
+        if (device == nullptr)
+            return false;
+        endedWatch = device->Release();
+    }
+    if (endedWatch != nullptr)
+        TavixEndControlWatch(endedWatch);
+    return true;
 }
 
 bool TavixDeviceOpen(unsigned long handle) {

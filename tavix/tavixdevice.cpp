@@ -154,13 +154,18 @@ void TavixDevice::Retain() {
     ++nRefCount;
 }
 
-void TavixDevice::Release() {
+std::shared_ptr<TavixControlWatch> TavixDevice::Release() {
     if (nRefCount - 1 <= 0 && IsSessionRunning())
         StopRecording();
     if (IsSessionRunning())
-        return;
+        return nullptr;
     if (--nRefCount > 0)
-        return;
+        return nullptr;
+    std::shared_ptr<TavixControlWatch> watch;
+    {
+        LLockObjectLocker locked(ControlMutex);
+        watch = std::move(pControlWatch);
+    }
     // A session that is not running (a refused start, or one stopped by a change of the audio
     // device) is left alone by StopCapture, which tears down only a running one; nobody else
     // can release those objects, so the last reference does.
@@ -168,6 +173,7 @@ void TavixDevice::Release() {
     NSReleaseIfSet(pDevice);
     NSReleaseIfSet(pAudioDevice);
     Clear();
+    return watch;
 }
 
 void TavixDevice::Clear() {
@@ -191,6 +197,9 @@ void TavixDevice::Clear() {
     sRecordingError.clear();
     dFrameRate = 0;
     nRefCount = 0;
+    LLockObjectLocker locked(ControlMutex);
+    sControlError.clear();
+    pControlWatch.reset();
 }
 
 bool TavixDevice::HasUsedDevices() {
@@ -471,9 +480,17 @@ void TavixDevice::EndRecording() {
 std::string TavixDevice::GetLastError() const {
     const std::string recording =
         pMovieFileOutput != nullptr ? pMovieFileOutput->failureReason() : sRecordingError;
-    if (sStartError.empty() || recording.empty())
-        return sStartError + recording;
-    return sStartError + " " + recording;
+    std::string text = sStartError;
+    LLockObjectLocker locked(ControlMutex);
+    for (const std::string* part : {&recording, &sControlError})
+        if (!part->empty())
+            text += (text.empty() ? "" : " ") + *part;
+    return text;
+}
+
+void TavixDevice::SetControlError(const std::string& sentence) {
+    LLockObjectLocker locked(ControlMutex);
+    sControlError = sentence;
 }
 
 bool TavixDevice::GetRecordingFrameCounts(unsigned long* recorded,

@@ -2,6 +2,7 @@
 // host's callbacks.
 #pragma once
 
+#include <memory>
 #include <string>
 
 #include "llib/gen/mutex.h"
@@ -81,6 +82,17 @@ protected:
     ~TavixDeviceDecompressedAudioOutputDelegate() override; // dealloc
 };
 
+// The host's control change callback of one device slot, and the device that feeds it.
+struct TavixControlWatch;
+// Stops a watch taken from a slot whose last reference went: waits for a running call of its
+// callback (unless made from inside it) and stops the device's reports. Without the registry
+// lock, since the callback may call the registry.
+void TavixEndControlWatch(const std::shared_ptr<TavixControlWatch>& watch);
+
+// The length of the longest prefix of text, at most limit bytes, that ends on a whole UTF-8
+// character.
+size_t WholeCharacters(const std::string& text, size_t limit);
+
 class TavixDevice {
 public:
     static void Enumerate(ITavixDeviceEnumeratorEx* enumerator);
@@ -89,7 +101,9 @@ public:
     static TavixDevice* GetDevice(const char* name, TavixDeviceMediaType type);
     static TavixDevice* CreateDevice(const char* name, TavixDeviceMediaType type);
     void Retain();
-    void Release();
+    // Drops a reference; the last one clears the slot and hands back its control watch, which
+    // the caller ends once it no longer holds the registry lock.
+    std::shared_ptr<TavixControlWatch> Release();
     void Clear();
     static bool HasUsedDevices();
     static bool DumpUsedDevices();
@@ -126,6 +140,7 @@ public:
     // failed; empty when neither happened. Each start clears what came before it, except the
     // failure of a recording that is still in the session.
     std::string GetLastError() const;
+    void SetControlError(const std::string& sentence);
     bool InvalidateCaptureVideoCallBack(TavixDeviceVideoCallBack callBack, long callBackData);
     bool InvalidateCaptureAudioCallBack(TavixDeviceAudioCallBack callBack, long callBackData);
 
@@ -157,6 +172,12 @@ public:
     std::string sRecordingError; // why the last recording that ended failed
     double dFrameRate; // asked of the device when capture starts; 0 leaves it to the device
     int nRefCount;
+
+    // Serialises the control calls of the slot and guards the two members below. Taken after
+    // the registry lock, never before it, and never held while waiting for a host callback.
+    mutable LLockObject ControlMutex;
+    std::string sControlError; // why the last control change failed; empty after one succeeded
+    std::shared_ptr<TavixControlWatch> pControlWatch; // made when a change callback is first set
 };
 
 enum { kTavixDeviceCount = 64 };

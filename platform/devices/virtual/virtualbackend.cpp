@@ -35,6 +35,7 @@ std::vector<std::shared_ptr<VirtualDevice>> BuiltInDevices() {
     camera.name = kTestCameraName;
     camera.uniqueId = "tavix-virtual:test-camera";
     camera.video = true;
+    camera.controls = true;
     camera.videoModes = {{kCVPixelFormatType_422YpCbCr8, 1280, 720, 30, {60}},
                          {kCVPixelFormatType_422YpCbCr8, 640, 480, 30, {60}},
                          {kCVPixelFormatType_422YpCbCr8, 320, 240, 30, {60}}};
@@ -151,6 +152,8 @@ void Reset() {
         device->inUse = false;
         device->openable = true;
         device->SetTransport(platform::TransportState());
+        if (device->controls != nullptr)
+            device->controls->Reset();
     }
     registry.refusedInputs.clear();
     for (bool& refused : registry.refusedOutputs)

@@ -111,6 +111,8 @@ private:
                 if (sample.video != nullptr) {
                     if (!VirtualDevicesDrawStillPictures() || videoFrames <= kStillPictures)
                         pattern->Draw(sample.video, pictureNumber);
+                    if (device->controls != nullptr)
+                        device->controls->OnPicture();
                     sample.frameRate = videoMode.frameRate;
                     produced = true;
                 }
@@ -201,7 +203,8 @@ std::vector<platform::FrameRates> RatesOf(const virtualdevices::VideoMode& mode)
 VirtualDevice::VirtualDevice(virtualdevices::DeviceSpec deviceSpec)
     : spec(std::move(deviceSpec)),
       transport(spec.videoModes.empty() ? 25.0 : spec.videoModes.front().frameRate),
-      connected(spec.connected), inUse(spec.inUse), openable(spec.openable) {}
+      controls(spec.controls ? new VirtualControls : nullptr), connected(spec.connected),
+      inUse(spec.inUse), openable(spec.openable) {}
 
 platform::DeviceInfo VirtualDevice::Info() const {
     platform::DeviceInfo info;
@@ -295,4 +298,21 @@ VirtualDevice::StartStream(const platform::StreamRequest& request) {
     }
     return std::unique_ptr<platform::DeviceStream>(
         new VirtualStream(shared_from_this(), chosen, framesPerSecond));
+}
+
+std::vector<platform::DeviceControl> VirtualDevice::Controls() {
+    return controls != nullptr ? controls->List() : std::vector<platform::DeviceControl>();
+}
+
+platform::ControlResult VirtualDevice::SetControl(const platform::DeviceControl& control,
+                                                  int64_t value, const std::string& text,
+                                                  platform::DeviceControl& after,
+                                                  std::string& reason) {
+    if (controls == nullptr)
+        return BackendDevice::SetControl(control, value, text, after, reason);
+    return controls->Set(control, value, after, reason);
+}
+
+bool VirtualDevice::WatchControls(platform::ControlChangeListener listener) {
+    return controls != nullptr && controls->Watch(std::move(listener));
 }

@@ -7,6 +7,7 @@
 
 #include "platform/virtualdevices.h"
 #include "tapetransport.h"
+#include "virtualcontrols.h"
 
 class VirtualDevice : public platform::BackendDevice,
                       public std::enable_shared_from_this<VirtualDevice> {
@@ -28,9 +29,15 @@ public:
                          platform::DeviceFormat& format) override;
     // The mode a stream takes for `request`; null for a device without pictures.
     const virtualdevices::VideoMode* ChooseMode(const platform::StreamRequest& request) const;
+    std::vector<platform::DeviceControl> Controls() override;
+    platform::ControlResult SetControl(const platform::DeviceControl& control, int64_t value,
+                                       const std::string& text, platform::DeviceControl& after,
+                                       std::string& reason) override;
+    bool WatchControls(platform::ControlChangeListener listener) override;
 
     const virtualdevices::DeviceSpec spec;
     TapeTransport transport;
+    const std::unique_ptr<VirtualControls> controls; // null for a device without controls
     std::atomic<bool> connected, inUse, openable;
     std::atomic<bool> removed{false};
     std::atomic<bool> stalled{false};

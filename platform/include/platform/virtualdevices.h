@@ -37,6 +37,7 @@ struct DeviceSpec {
     bool transport = false;              // tape transport controls and timecode
     bool connected = true, inUse = false, openable = true;
     bool oneStream = false; // refuses a second stream while one is open, as a V4L2 node does
+    bool controls = false;  // the test camera's controls (brightness, test_pattern, gain...)
 };
 
 // The built-in devices' names.
@@ -48,7 +49,8 @@ extern const char* const kTestDeckName;
 std::string Add(const DeviceSpec& spec);
 // Removes an added device (its open streams end as if it were unplugged).
 void Remove(const std::string& uniqueId);
-// Removes every added device and undoes every setting below.
+// Removes every added device, undoes every setting below and puts the test camera's controls
+// back to their defaults.
 void Reset();
 
 // Unplugging: frames stop and the device reports that it is not connected.
