@@ -236,16 +236,6 @@ bool Reread(int fd, const DeviceControl& known, DeviceControl& now) {
     return true;
 }
 
-// The first `most` bytes of `text` or fewer, ending between whole UTF-8 characters.
-std::string CutToBytes(const std::string& text, size_t most) {
-    if (text.size() <= most)
-        return text;
-    size_t end = most;
-    while (end > 0 && (uint8_t(text[end]) & 0xC0) == 0x80)
-        --end;
-    return text.substr(0, end);
-}
-
 ControlResult Failure(ControlResult result, std::string& reason, const std::string& sentence) {
     reason = sentence;
     return result;
@@ -303,11 +293,10 @@ ControlResult V4L2SetControl(const V4L2ControlTarget& target, const DeviceContro
     }
     v4l2_ext_control wanted{};
     wanted.id = control.id;
-    std::string cut;
+    std::string string = text;
     if (control.type == ControlType::String) {
-        cut = CutToBytes(text, control.maximum > 0 ? size_t(control.maximum) : 0);
-        wanted.size = uint32_t(cut.size() + 1);
-        wanted.string = &cut[0];
+        wanted.size = uint32_t(string.size() + 1);
+        wanted.string = &string[0];
     } else if (control.type == ControlType::Integer64) {
         wanted.value64 = value;
     } else {
@@ -324,7 +313,7 @@ ControlResult V4L2SetControl(const V4L2ControlTarget& target, const DeviceContro
         return ControlResult::Set;
     const std::string why = std::string(strerror(error)) + ".";
     const std::string what =
-        control.type == ControlType::String ? "\"" + cut + "\"" : std::to_string(value);
+        control.type == ControlType::String ? "\"" + text + "\"" : std::to_string(value);
     switch (error) {
     case EACCES:
         if ((reread ? after.flags : control.flags) & platform::kControlInactive)

@@ -31,8 +31,8 @@ struct V4L2ControlTarget {
 bool V4L2ListControls(const V4L2ControlTarget& target,
                       std::vector<platform::DeviceControl>& controls);
 
-// Sets `control` (as listed) to `value`, or a string control to `text` (cut to the control's
-// maximum length between whole characters); `after` receives it as the driver holds it then.
+// Sets `control` (as listed) to `value`, or a string control to `text` (no longer than the
+// control's maximum); `after` receives it as the driver holds it then.
 platform::ControlResult V4L2SetControl(const V4L2ControlTarget& target,
                                        const platform::DeviceControl& control, int64_t value,
                                        const std::string& text, platform::DeviceControl& after,
