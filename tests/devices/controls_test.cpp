@@ -7,9 +7,13 @@
 #include <atomic>
 #include <climits>
 #include <cstdlib>
+#include <fcntl.h>
+#include <linux/videodev2.h>
 #include <map>
 #include <mutex>
 #include <string>
+#include <sys/ioctl.h>
+#include <unistd.h>
 #include <vector>
 
 #include "platform/pixelformats.h"
@@ -39,20 +43,28 @@ std::map<std::string, Control> ControlsOf(unsigned long device) {
     return controls;
 }
 
-std::string WebcamName() {
-    for (const V4L2DeviceInfo& device : V4L2ListDevices("/dev", false))
+V4L2DeviceInfo Webcam() {
+    for (V4L2DeviceInfo& device : V4L2ListDevices("/dev", false))
         if (device.driver == "vivid" && device.input.name.rfind("Webcam", 0) == 0)
-            return device.displayName;
-    return std::string();
+            return device;
+    return V4L2DeviceInfo();
 }
 
-#define REQUIRE_WEBCAM(scope)                                                                      \
-    const std::string webcamName = WebcamName();                                                   \
-    if (webcamName.empty()) {                                                                      \
+#define REQUIRE_WEBCAM(webcam, scope)                                                              \
+    const V4L2DeviceInfo webcam = Webcam();                                                        \
+    if (webcam.path.empty()) {                                                                     \
         DEVICE_MISSING() << "no vivid webcam input (scripts/devvm.sh loads vivid)";                \
     }                                                                                              \
-    DeviceScope scope(TavixDeviceGet(webcamName.c_str(), TavixDeviceMediaTypeVideo));              \
+    DeviceScope scope(TavixDeviceGet(webcam.displayName.c_str(), TavixDeviceMediaTypeVideo));      \
     ASSERT_NE(0u, scope.handle)
+
+// Selects the node's input as another program would; vivid keeps it after the handle closes.
+void SelectInput(const std::string& node, int input) {
+    const int fd = open(node.c_str(), O_RDWR);
+    ASSERT_GE(fd, 0);
+    EXPECT_EQ(0, ioctl(fd, VIDIOC_S_INPUT, &input));
+    close(fd);
+}
 
 long long Get(unsigned long device, const char* key) {
     long long value = LLONG_MIN;
@@ -101,7 +113,10 @@ void MeasureLuma(const unsigned char* pixels, unsigned long, unsigned long width
 // Every kind of control vivid has, listed as the driver describes it (menus with its gaps) and
 // set by the library's one rule: a value out of range or on a gap becomes the nearest allowed.
 TEST(Controls, VividsControlsOfEveryKindAreListedAndSetToTheNearestAllowedValue) {
-    REQUIRE_WEBCAM(scope);
+    REQUIRE_WEBCAM(webcam, scope);
+    // With the node left on its HDMI input, the webcam's controls are still its own: vivid
+    // keeps a brightness per input (0..255 for the webcam, 384..639 for HDMI).
+    SelectInput(webcam.path, 3);
     const auto controls = ControlsOf(scope.handle);
     const struct {
         const char* key;
@@ -164,7 +179,7 @@ TEST(Controls, VividsControlsOfEveryKindAreListedAndSetToTheNearestAllowedValue)
 // Gain belongs to auto gain: inactive and volatile while it is on, writable once it is off; and
 // the flags' change, caused by a set through the library, reaches the change callback.
 TEST(Controls, GainIsVolatileUnderAutoGainAndTheCallbackHearsItsFlagsChange) {
-    REQUIRE_WEBCAM(scope);
+    REQUIRE_WEBCAM(webcam, scope);
     ASSERT_EQ(1, Get(scope.handle, "gain_auto"));
     EXPECT_EQ(unsigned(TavixControlFlagInactive | TavixControlFlagVolatile),
               ControlsOf(scope.handle).at("gain").flags);
@@ -187,7 +202,7 @@ TEST(Controls, GainIsVolatileUnderAutoGainAndTheCallbackHearsItsFlagsChange) {
 
 // Brightness set while capturing shows in the pictures that follow: darker, then brighter.
 TEST(Controls, BrightnessSetWhileCapturingChangesTheMeanLumaOfThePictures) {
-    REQUIRE_WEBCAM(scope);
+    REQUIRE_WEBCAM(webcam, scope);
     ASSERT_TRUE(TavixDeviceOpen(scope.handle));
     Luma luma;
     ASSERT_TRUE(TavixDeviceStartCapture(scope.handle, MeasureLuma, reinterpret_cast<long>(&luma),
