@@ -123,7 +123,7 @@ TEST(Controls, VividsControlsOfEveryKindAreListedAndSetToTheNearestAllowedValue)
         TavixControlType type;
         long long minimum, maximum;
         unsigned flags;
-        long long wish, expected; // set, then read back
+        long long wish, expected; // set, then read back when set
         TavixControlResult result;
     } cases[] = {
         {"brightness", TavixControlTypeInteger, 0, 255, 0, 300, 255, TavixControlResultSet},
@@ -152,14 +152,11 @@ TEST(Controls, VividsControlsOfEveryKindAreListedAndSetToTheNearestAllowedValue)
         EXPECT_EQ(c.flags, listed.flags);
         long long set = LLONG_MIN;
         EXPECT_EQ(c.result, TavixDeviceSetControl(scope.handle, c.key, c.wish, &set));
-        if (c.type == TavixControlTypeButton)
+        if (c.type == TavixControlTypeButton || c.result != TavixControlResultSet)
             continue;
-        if (c.result == TavixControlResultSet) {
-            EXPECT_EQ(c.expected, set);
-        }
+        EXPECT_EQ(c.expected, set);
         EXPECT_EQ(c.expected, Get(scope.handle, c.key));
-        if (c.result == TavixControlResultSet)
-            TavixDeviceSetControl(scope.handle, c.key, listed.defaultValue, nullptr);
+        TavixDeviceSetControl(scope.handle, c.key, listed.defaultValue, nullptr);
     }
     EXPECT_EQ((std::map<long long, long long>{{1, 1}, {3, 3}, {4, 4}}), controls.at("menu").menu);
     EXPECT_EQ(7u, controls.at("integer_menu").menu.size());
