@@ -19,6 +19,7 @@
 #include "platform/pixelformats.h"
 #include "support/realdevices.h"
 #include "support/tavix_helpers.h"
+#include "support/vivid.h"
 
 namespace {
 
@@ -195,6 +196,19 @@ TEST(Controls, GainIsVolatileUnderAutoGainAndTheCallbackHearsItsFlagsChange) {
     EXPECT_TRUE(WaitUntil([&] { return changes.Heard("gain", 77, 0); }, std::chrono::seconds(30)));
     EXPECT_TRUE(TavixDeviceSetControlChangeCallBack(scope.handle, nullptr, nullptr));
     TavixDeviceSetControl(scope.handle, "gain_auto", 1, nullptr);
+}
+
+// vivid's unplug control takes the node away and brings it back once every handle on it is
+// closed: a watch on its controls ends and lets go of it.
+TEST(Controls, AWatchedCameraThatIsUnpluggedComesBack) {
+    REQUIRE_WEBCAM(webcam, scope);
+    Changes changes;
+    ASSERT_TRUE(TavixDeviceSetControlChangeCallBack(scope.handle, Hear, &changes));
+    const int fd = open(webcam.path.c_str(), O_RDWR);
+    EXPECT_TRUE(PressButton(fd, "Disconnect"));
+    close(fd);
+    EXPECT_TRUE(WaitUntil([&] { return !Webcam().path.empty(); }, std::chrono::seconds(30)));
+    EXPECT_TRUE(TavixDeviceSetControlChangeCallBack(scope.handle, nullptr, nullptr));
 }
 
 // Brightness set while capturing shows in the pictures that follow: darker, then brighter.

@@ -348,7 +348,9 @@ struct V4L2ControlWatcher::State {
                 ::close(descriptor);
     }
 
+    enum class Ending { Stopped, NodeGone };
     void run();
+    Ending watch(); // until stopped or the node goes
     void tell(uint32_t id);
 };
 
@@ -389,6 +391,15 @@ void V4L2ControlWatcher::State::tell(uint32_t id) {
 }
 
 void V4L2ControlWatcher::State::run() {
+    if (watch() == Ending::NodeGone) {
+        // The node is let go at once: a driver may bring a node back only once every handle
+        // on the old one is closed (vivid's unplug control).
+        ::close(fd);
+        fd = -1;
+    }
+}
+
+V4L2ControlWatcher::State::Ending V4L2ControlWatcher::State::watch() {
     pollfd watched[2] = {{fd, POLLPRI, 0}, {wake[0], POLLIN, 0}};
     while (!stopping) {
         // Only POLLPRI (events) is asked of the node: asking for frames would report an error
@@ -396,24 +407,25 @@ void V4L2ControlWatcher::State::run() {
         if (poll(watched, 2, -1) == -1) {
             if (errno == EINTR)
                 continue;
-            return;
+            return Ending::Stopped;
         }
         if (watched[1].revents != 0)
-            return;
+            return Ending::Stopped;
         // A node that goes away reports an error (its driver unregistered it).
         if (watched[0].revents & (POLLERR | POLLHUP | POLLNVAL))
-            return;
+            return Ending::NodeGone;
         std::set<uint32_t> changed;
         v4l2_event event{};
         while (Ioctl(fd, VIDIOC_DQEVENT, &event) == 0)
             if (event.type == V4L2_EVENT_CTRL)
                 changed.insert(event.id);
         if (errno == ENODEV)
-            return;
+            return Ending::NodeGone;
         for (uint32_t id : changed)
             if (!stopping)
                 tell(id);
     }
+    return Ending::Stopped;
 }
 
 bool V4L2ControlWatcher::start(const V4L2ControlTarget& target,
