@@ -439,7 +439,9 @@ bool V4L2ControlWatcher::start(const V4L2ControlTarget& target,
     if (watching->fd < 0 || pipe2(watching->wake, O_CLOEXEC | O_NONBLOCK) == -1)
         return false;
     for (const DeviceControl& control : controls) {
-        // Changes made through this handle are reported too: a host hears of its own.
+        // The library sets controls through handles of their own, whose changes every
+        // subscriber hears; with ALLOW_FEEDBACK a change made through this handle would be
+        // reported too. No initial event: the host has just listed the values.
         v4l2_event_subscription subscription{};
         subscription.type = V4L2_EVENT_CTRL;
         subscription.id = control.id;
