@@ -1,7 +1,8 @@
 // Device controls of real drivers through the C interface, inside scripts/devvm.sh: every kind
 // of control vivid's webcam input offers, its auto gain and gain, its brightness seen in the
-// pictures, its control events; and the capture mixer of snd-dummy's sound card. Each test
-// leaves the controls it changed at their defaults for the tests that follow in the same VM.
+// pictures, its control events, its unplug while watched; and the capture mixer of snd-dummy's
+// sound card. Each test leaves the controls it changed at their defaults for the tests that follow
+// in the same VM.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -26,13 +27,13 @@ namespace {
 struct Control {
     TavixControlType type;
     unsigned flags;
-    long long minimum, maximum, step, defaultValue, value;
+    long long minimum, maximum, defaultValue;
     std::map<long long, long long> menu; // index to value
 };
 
 bool Collect(const TavixControl_C* c, void* context) {
     Control& control = (*static_cast<std::map<std::string, Control>*>(context))[c->key];
-    control = {c->type, c->flags, c->minimum, c->maximum, c->step, c->defaultValue, c->value, {}};
+    control = {c->type, c->flags, c->minimum, c->maximum, c->defaultValue, {}};
     for (unsigned i = 0; i < c->menuCount; ++i)
         control.menu[c->menu[i].index] = c->menu[i].value;
     return true;
