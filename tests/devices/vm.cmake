@@ -29,10 +29,11 @@ function(tavix_vm_test name vivid_options limit)
 endfunction()
 
 # One vivid instance (its capture node with four inputs: webcam, TV, S-Video, HDMI) and the
-# loopback sound card. The fault tests come late: their simulated unplug takes the camera away;
-# the hotplug tests last, as they unload and load vivid and snd-dummy themselves.
+# loopback sound card. The control tests leave vivid's controls at their defaults and snd-dummy
+# unloaded. The fault tests come late: their simulated unplug takes the camera away; the hotplug
+# tests last, as they unload and load vivid and snd-dummy themselves.
 tavix_vm_test(devices_vm "n_devs=1" 2400 test_devices_v4l2 test_devices_alsa test_devices_backend
-              test_devices_faults test_devices_hotplug)
+              test_devices_controls test_devices_faults test_devices_hotplug)
 
 # Two instances, the second multiplanar: the multiplanar, input and pixel-format tests, and the
 # `tavix` command's report of what a stalled capture lost.

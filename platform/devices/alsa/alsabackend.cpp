@@ -17,6 +17,7 @@
 #include <mutex>
 
 #include "platform/devices/alsa/alsacapture.h"
+#include "platform/devices/alsa/alsamixer.h"
 
 namespace {
 
@@ -204,6 +205,18 @@ public:
         if (!stream->Start(info.pcmName))
             return nullptr;
         return stream;
+    }
+
+    // The capture volume and switch of the card the PCM belongs to; ALSA tells of mixer changes
+    // only to a mixer handle kept open and polled, which is not done here: no WatchControls.
+    std::vector<platform::DeviceControl> Controls() override {
+        return AlsaMixerControls(AlsaCardOf(info.pcmName));
+    }
+
+    platform::ControlResult SetControl(const platform::DeviceControl& control, int64_t value,
+                                       const std::string&, platform::DeviceControl& after,
+                                       std::string& reason) override {
+        return AlsaMixerSet(AlsaCardOf(info.pcmName), control, value, after, reason);
     }
 
 private:

@@ -16,6 +16,7 @@
 #include "platform/devicemonitor.h"
 #include "platform/devices/v4l2/mjpegdecoder.h"
 #include "platform/devices/v4l2/v4l2colour.h"
+#include "platform/devices/v4l2/v4l2controls.h"
 #include "platform/devices/v4l2/v4l2faults.h"
 #include "platform/devices/v4l2/v4l2negotiation.h"
 #include "platform/devices/v4l2/v4l2planes.h"
@@ -321,7 +322,48 @@ public:
         return true;
     }
 
+    std::vector<platform::DeviceControl> Controls() override {
+        std::vector<platform::DeviceControl> controls;
+        const V4L2ControlTarget target = ControlTarget();
+        if (!target.node.empty())
+            V4L2ListControls(target, controls);
+        return controls;
+    }
+
+    platform::ControlResult SetControl(const platform::DeviceControl& control, int64_t value,
+                                       const std::string& text, platform::DeviceControl& after,
+                                       std::string& reason) override {
+        const V4L2ControlTarget target = ControlTarget();
+        if (target.node.empty()) {
+            after = control;
+            reason = "The device is gone.";
+            return platform::ControlResult::Failed;
+        }
+        return V4L2SetControl(target, control, value, text, after, reason);
+    }
+
+    bool WatchControls(platform::ControlChangeListener listener) override {
+        std::lock_guard<std::mutex> locked(watching);
+        if (!listener) {
+            watcher.stop();
+            return true;
+        }
+        const V4L2ControlTarget target = ControlTarget();
+        std::vector<platform::DeviceControl> controls;
+        return !target.node.empty() && V4L2ListControls(target, controls) &&
+               watcher.start(target, controls, std::move(listener));
+    }
+
 private:
+    // Where this device's controls are: its node as now numbered, and its input.
+    V4L2ControlTarget ControlTarget() const {
+        V4L2ControlTarget target;
+        target.node = V4L2FindNode(info.uniqueId);
+        target.selectsInput = info.selectsInput;
+        target.input = info.input.index;
+        return target;
+    }
+
     // The driver format and size a stream takes for `request`; false when none can be used.
     bool Choose(const platform::StreamRequest& request, const V4L2Format*& format,
                 V4L2FrameSize& size) const {
@@ -341,6 +383,8 @@ private:
     }
 
     V4L2DeviceInfo info;
+    std::mutex watching; // orders starting and stopping the watcher
+    V4L2ControlWatcher watcher;
 };
 
 class V4L2Backend : public platform::DeviceBackend {
