@@ -16,16 +16,17 @@
 
 #include "platform/devices/v4l2/v4l2planes.h"
 
-namespace {
-
-// ioctl, restarted when a signal interrupts it.
-int Ioctl(int fd, unsigned long request, void* argument) {
+int V4L2Ioctl(int fd, unsigned long request, void* argument) {
     int result;
     do {
         result = ioctl(fd, request, argument);
     } while (result == -1 && errno == EINTR);
     return result;
 }
+
+namespace {
+
+constexpr auto Ioctl = V4L2Ioctl;
 
 // Sizes offered inside a stepwise or continuous range, besides the range's largest size.
 const uint32_t kCommonSizes[][2] = {{160, 120},  {320, 180},  {320, 240},   {352, 288},

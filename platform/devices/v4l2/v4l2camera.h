@@ -11,6 +11,9 @@
 #include <string>
 #include <vector>
 
+// ioctl, restarted when a signal interrupts it.
+int V4L2Ioctl(int fd, unsigned long request, void* argument);
+
 // The most planes a buffer has (VIDEO_MAX_PLANES).
 constexpr unsigned kV4L2MaxPlanes = 8;
 

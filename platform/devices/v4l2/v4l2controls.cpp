@@ -1,6 +1,7 @@
 // V4L2 controls: listed with VIDIOC_QUERY_EXT_CTRL and VIDIOC_QUERYMENU, read and written with
 // VIDIOC_G_EXT_CTRLS and VIDIOC_S_EXT_CTRLS, watched through V4L2_EVENT_CTRL events.
 #include "platform/devices/v4l2/v4l2controls.h"
+#include "platform/devices/v4l2/v4l2camera.h"
 
 #include <linux/videodev2.h>
 
@@ -58,13 +59,7 @@ std::mutex& InputSwitches() {
     return mutex;
 }
 
-int Ioctl(int fd, unsigned long request, void* argument) {
-    int result;
-    do {
-        result = ioctl(fd, request, argument);
-    } while (result == -1 && errno == EINTR);
-    return result;
-}
+constexpr auto Ioctl = V4L2Ioctl;
 
 int OpenNode(const std::string& node) {
     return ::open(node.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
