@@ -1,7 +1,6 @@
 // `tavix list`, `tavix list --watch`, `tavix formats NAME` and `tavix transport NAME ACTION`.
 #include "devices.h"
 
-#include <poll.h>
 #include <signal.h>
 #include <unistd.h>
 
@@ -70,15 +69,19 @@ std::string UniqueIdOf(unsigned long device) {
     return TavixDeviceGetUniqueID(device, id, sizeof id) ? id : "";
 }
 
-// `list --watch`: the library's change callback writes each line; Ctrl-C (or a terminating
-// signal) wakes the main thread through a pipe, which then clears the callback and returns.
-int watchWake[2] = {-1, -1};
+// `list --watch`: the library's change callback writes each line; the main thread waits for
+// Ctrl-C (or a terminating signal) in sigwait, then clears the callback and returns. The signals
+// are blocked before the library makes any thread, so every thread inherits the block and the
+// signal waits for the main thread's sigwait wherever it was sent: a handler could run on a
+// library thread instead and would have to wake the main thread from there.
 std::mutex printMutex;
 
-void WakeWatch(int) {
-    const char byte = 1;
-    if (write(watchWake[1], &byte, 1) < 0) {
-    }
+sigset_t StopSignals() {
+    sigset_t signals;
+    sigemptyset(&signals);
+    for (int signal : {SIGINT, SIGTERM, SIGHUP})
+        sigaddset(&signals, signal);
+    return signals;
 }
 
 void PrintChange(const char* name, const char* uniqueId, TavixDeviceMediaType type, bool arrived,
@@ -90,23 +93,15 @@ void PrintChange(const char* name, const char* uniqueId, TavixDeviceMediaType ty
 }
 
 int WatchDevices() {
-    if (pipe(watchWake) != 0) {
-        PrintError("cannot watch: %s", strerror(errno));
-        return kExitFailure;
-    }
-    struct sigaction action {};
-    action.sa_handler = WakeWatch;
-    sigemptyset(&action.sa_mask);
-    for (int signal : {SIGINT, SIGTERM, SIGHUP})
-        sigaction(signal, &action, nullptr);
     if (!TavixDeviceSetChangeCallBack(PrintChange, nullptr)) {
         PrintError("cannot watch for devices");
         return kExitFailure;
     }
     printf("watching for capture devices to arrive or leave; Ctrl-C ends\n");
     fflush(stdout);
-    pollfd wake = {watchWake[0], POLLIN, 0};
-    while (poll(&wake, 1, -1) < 0 && errno == EINTR) {
+    const sigset_t stops = StopSignals();
+    int signal = 0;
+    while (sigwait(&stops, &signal) != 0) {
     }
     TavixDeviceSetChangeCallBack(nullptr, nullptr);
     return kExitOK;
@@ -199,6 +194,10 @@ int ListCommand(int argc, char** argv) {
                "Wherever a command takes a device NAME, it also takes the device's unique id\n"
                "or a camera's /dev/videoN path.\n");
         return WantsHelp(argc, argv) ? kExitOK : kExitUsage;
+    }
+    if (watch) {
+        const sigset_t stops = StopSignals();
+        pthread_sigmask(SIG_BLOCK, &stops, nullptr);
     }
     const std::vector<std::string> names = DeviceNames(TavixDeviceMediaTypeAny);
     if (names.empty())
