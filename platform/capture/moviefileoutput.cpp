@@ -1,6 +1,8 @@
 // The movie file output: records what the session captures with the movie recorder. The file
 // is created once the first picture and the first sound have shown what the streams carry (or
 // after a second with only one of them).
+#include <cstdio>
+
 #include "platform/movierecorder.h"
 #include "platform/qtkit.h"
 
@@ -14,6 +16,14 @@ std::string FailureText(const std::string& path, const std::string& reason) {
 // A file that failed while being written keeps what reached the disk before.
 std::string WrittenFileFailureText(const std::string& path, const std::string& reason) {
     return FailureText(path, reason + "; what was written before the failure plays");
+}
+// A deck's timecode as FFmpeg reads it: drop-frame timecode (29.97 and 30 drop) with ';'.
+std::string TimecodeText(const SMPTETime& time) {
+    const bool drop = time.mType == kSMPTETimeType30Drop || time.mType == kSMPTETimeType2997Drop;
+    char text[32];
+    snprintf(text, sizeof text, "%02d:%02d:%02d%c%02d", time.mHours, time.mMinutes, time.mSeconds,
+             drop ? ';' : ':', time.mFrames);
+    return text;
 }
 } // namespace
 
@@ -151,10 +161,13 @@ void QTCaptureMovieFileOutput::Deliver(const platform::CapturedSample& sample, Q
                 active->video.frameRate = sample.frameRate > 0 ? sample.frameRate : 30;
                 active->video.keepAsDV = keepDV;
                 active->video.fieldOrder = sample.video->fieldOrder;
+                active->video.timecode = sample.hasTimecode ? TimecodeText(sample.timecode) : "";
                 active->haveVideo = true;
             }
         }
-        if (!isVideo && sample.audio != nullptr && !active->haveAudio) {
+        // A muxed device's sample carries both: the file is made on its first picture, which
+        // it then starts with, and with that picture's timecode.
+        if (sample.audio != nullptr && !active->haveAudio) {
             const AudioStreamBasicDescription& format = sample.audioFormat;
             const bool nonInterleaved =
                 (format.mFormatFlags & kAudioFormatFlagIsNonInterleaved) != 0;

@@ -142,6 +142,7 @@ struct MovieRecorder::Implementation {
               const MovieAudioSettings* audio);
     bool OpenVideo(const MovieVideoSettings& settings, Container container);
     bool OpenAudio(const MovieAudioSettings& settings, Container container);
+    void SetStartTimecode(const std::string& timecode);
     bool AppendVideo(const uint8_t* const planes[4], const int strides[4], double seconds);
     bool AppendAudio(const void* const buffers[], int bufferCount, int sampleFrames,
                      double seconds);
@@ -226,6 +227,8 @@ bool MovieRecorder::Implementation::Open(const std::string& path, const MovieVid
         return false;
     if (audio != nullptr && !OpenAudio(*audio, container))
         return false;
+    if (video != nullptr)
+        SetStartTimecode(video->timecode);
     const int opened = avio_open(&format->pb, path.c_str(), AVIO_FLAG_WRITE);
     if (opened < 0) {
         openFailure = ErrorText(opened);
@@ -340,6 +343,15 @@ bool MovieRecorder::Implementation::OpenVideo(const MovieVideoSettings& settings
         settings.width, settings.height, static_cast<AVPixelFormat>(scalerInput), settings.width,
         settings.height, videoCodec->pix_fmt, SWS_BILINEAR, nullptr, nullptr, nullptr);
     return scaler != nullptr;
+}
+
+// The muxers write the start timecode from the metadata: QuickTime as a timecode track beside
+// the picture's, the other containers as a "timecode" tag.
+void MovieRecorder::Implementation::SetStartTimecode(const std::string& timecode) {
+    if (timecode.empty() || videoStream == nullptr)
+        return;
+    av_dict_set(&videoStream->metadata, "timecode", timecode.c_str(), 0);
+    av_dict_set(&format->metadata, "timecode", timecode.c_str(), 0);
 }
 
 bool MovieRecorder::Implementation::OpenAudio(const MovieAudioSettings& settings,

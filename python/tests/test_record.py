@@ -37,3 +37,19 @@ def test_records_picture_and_sound_while_frames_arrive(camera, tmp_path):
     assert (streams["video"]["width"], streams["video"]["height"]) == (1280, 720)
     assert streams["audio"]["sample_rate"] == "48000"
     assert float(info["format"]["duration"]) >= 1.0
+
+
+@pytest.mark.skipif(ffprobe is None, reason="ffprobe (Debian's ffmpeg package) is not installed")
+def test_a_deck_recording_starts_at_its_first_frames_timecode(deck, tmp_path):
+    deck.transport = "play"
+    with deck.capture(size=(180, 144)) as session:
+        while session.read(timeout=20).timecode.seconds < 1:
+            pass
+    take = tmp_path / "tape.mov"
+    with deck.capture(size=(180, 144), record=take) as session:
+        first = str(session.read(timeout=20).timecode)
+        for _ in range(10):
+            session.read(timeout=20)
+    deck.transport = "stop"
+    # The picture's stream and QuickTime's timecode track both start there.
+    assert [s.get("tags", {}).get("timecode") for s in probe(take)["streams"]].count(first) == 2

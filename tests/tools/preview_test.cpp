@@ -282,6 +282,14 @@ TEST_F(PreviewWindow, SpacePlaysTheDeckAndRTwiceLeavesAPlayableRecording) {
     EXPECT_TRUE(Eventually([&] { return Counter(preview.Screenshot(), 720, 576) != counter; }, 10))
         << "the tape's frame counter did not move";
 
+    // A wind brings no pictures and misses none; the frames after it are what the recording
+    // below waits for.
+    preview.Key("Right");
+    ASSERT_TRUE(preview.WaitForOutput("Tavix Test Deck: fast forwarding")) << preview.Output();
+    usleep(1500000); // long enough for 37 frames that would have been counted as dropped
+    preview.Key("space");
+    ASSERT_TRUE(preview.WaitForOutput("Tavix Test Deck: stopped")) << preview.Output();
+
     preview.Key("r");
     ASSERT_TRUE(preview.WaitForOutput("recording to ")) << preview.Output();
     std::string output = preview.Output();
@@ -297,6 +305,10 @@ TEST_F(PreviewWindow, SpacePlaysTheDeckAndRTwiceLeavesAPlayableRecording) {
     output = preview.Output();
     EXPECT_TRUE(Contains(output, "timecode   last ")) << output;
     EXPECT_FALSE(Contains(output, "last 00:00:00:00")) << "the timecode never ran\n" << output;
+    EXPECT_TRUE(Contains(output, "  winding    ")) << output;
+    const size_t dropped = output.find(" dropped");
+    ASSERT_NE(std::string::npos, dropped) << output;
+    EXPECT_LT(std::stoi(output.substr(output.rfind(", ", dropped) + 2)), 25) << output;
 
     if (!HaveFFprobe())
         GTEST_SKIP() << "ffprobe is not installed";

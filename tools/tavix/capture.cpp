@@ -1,5 +1,6 @@
 // `tavix capture NAME [--audio NAME] [--seconds N] [--record FILE] [--snapshot FILE.png]
-//                     [--format FOURCC] [--size WxH] [--rate FPS] [--set KEY=VALUE]...`
+//                     [--format FOURCC] [--size WxH] [--rate FPS] [--set KEY=VALUE]...
+//                     [--rewind] [--play]`
 #include <cerrno>
 #include <cmath>
 #include <csignal>
@@ -28,13 +29,14 @@ void OnInterrupt(int) {
 struct CaptureOptions : DeviceWishes {
     double seconds = 5;
     std::string snapshotPath;
-    double rate = 0; // frames per second; 0 leaves it to the device
+    double rate = 0;                   // frames per second; 0 leaves it to the device
+    bool rewind = false, play = false; // drive a deck's tape around the capture
 };
 
 void PrintUsage() {
     printf("usage: tavix capture NAME [--audio NAME] [--seconds N] [--record FILE]\n"
            "                          [--snapshot FILE.png] [--format FOURCC] [--size WxH]\n"
-           "                          [--rate FPS] [--set KEY=VALUE]...\n\n"
+           "                          [--rate FPS] [--set KEY=VALUE]... [--rewind] [--play]\n\n"
            "Captures from device NAME (and sound from --audio NAME) for N seconds (5), showing\n"
            "frames, dropped frames, timecode, sound level and file size, then a summary.\n"
            "  --record FILE      records to a movie file (.mov, .mp4 or .mkv)\n"
@@ -45,7 +47,20 @@ void PrintUsage() {
            "                     format (see tavix formats NAME), e.g. 60 or 29.97\n"
            "  --set KEY=VALUE    sets a control before capture starts, e.g. brightness=200;\n"
            "                     repeat it for more, in order (see tavix controls NAME)\n"
+           "  --rewind           rewinds a deck's tape to its start before capture starts\n"
+           "  --play             plays a deck's tape while capturing and stops it at the end;\n"
+           "                     a recording starts at the first frame's timecode\n"
            "Ctrl-C stops early and keeps the recording.\n");
+}
+
+bool ParseTapeOption(const std::string& argument, CaptureOptions& options) {
+    if (argument == "--rewind")
+        options.rewind = true;
+    else if (argument == "--play")
+        options.play = true;
+    else
+        return false;
+    return true;
 }
 
 // Returns kExitOK, or the exit status after printing what is wrong.
@@ -74,6 +89,7 @@ int ParseOptions(int argc, char** argv, CaptureOptions& options, bool& help) {
             }
         } else if (argument == "--snapshot") {
             options.snapshotPath = argv[++i];
+        } else if (ParseTapeOption(argument, options)) {
         } else if (const int status = ParseDeviceWish(argc, argv, i, options); status != kExitOK) {
             return status;
         }
@@ -115,13 +131,6 @@ std::string LevelText(float peak) {
     return text;
 }
 
-std::string TimecodeText(uint32_t packed) {
-    char text[16];
-    snprintf(text, sizeof text, "%02u:%02u:%02u:%02u", packed >> 24, (packed >> 16) & 0xFF,
-             (packed >> 8) & 0xFF, packed & 0xFF);
-    return text;
-}
-
 std::string SizeText(long long bytes) {
     char text[32];
     if (bytes < 0)
@@ -141,6 +150,13 @@ void PrintStatus(unsigned long device, const CaptureStats& stats, const CaptureO
              static_cast<unsigned long long>(stats.frames.load()),
              static_cast<unsigned long long>(stats.droppedFrames.load()));
     line += part;
+    if (stats.winding)
+        line += "  winding";
+    if (stats.timecodeBreaks > 0) {
+        snprintf(part, sizeof part, "  timecode breaks %llu",
+                 static_cast<unsigned long long>(stats.timecodeBreaks.load()));
+        line += part;
+    }
     if (stats.hasTimecode)
         line += "  timecode " + TimecodeText(stats.timecode);
     if (!options.audioDevice.empty() || stats.sampleFrames > 0)
@@ -200,6 +216,57 @@ bool AskForRate(unsigned long device, const CaptureOptions& options) {
     return TavixDeviceSetCaptureFrameRate(device, options.rate);
 }
 
+// Rewinds the tape when asked, waiting until the deck stops at its start, then starts it
+// playing when asked; false after saying why (no transport, or Ctrl-C while rewinding).
+bool PrepareTape(unsigned long device, const CaptureOptions& options) {
+    if (!options.rewind && !options.play)
+        return true;
+    if (!TavixDeviceIsTransportAvailable(device)) {
+        PrintError("\"%s\" has no tape transport to %s", options.device.c_str(),
+                   options.play ? "play" : "rewind");
+        return false;
+    }
+    if (options.rewind) {
+        TavixDeviceSetTransportMode(device, TavixDeviceTransportModeRewind);
+        printf("rewinding \"%s\"\n", options.device.c_str());
+        fflush(stdout);
+        // A tape takes as long as it takes to rewind; Ctrl-C gives up.
+        while (!interrupted && TavixDeviceGetTransportMode(device) != TavixDeviceTransportModeStop)
+            usleep(50000);
+        if (interrupted) {
+            TavixDeviceSetTransportMode(device, TavixDeviceTransportModeStop);
+            PrintError("stopped while rewinding; nothing captured");
+            return false;
+        }
+    }
+    if (options.play)
+        TavixDeviceSetTransportMode(device, TavixDeviceTransportModePlay);
+    return true;
+}
+
+// Stops the tape the command played, once the recording is closed, and says what the deck does.
+void StopTape(unsigned long device, const CaptureOptions& options) {
+    if (!options.play)
+        return;
+    TavixDeviceSetTransportMode(device, TavixDeviceTransportModeStop);
+    printf("  tape      %s\n", TransportModeText(TavixDeviceGetTransportMode(device)));
+}
+
+// The summary's tape lines: the timecode the capture ran over, its breaks, and the winding.
+void PrintTapeSummary(const CaptureStats& stats) {
+    if (stats.hasTimecode)
+        printf("  timecode  first %s, last %s, %llu break%s\n",
+               TimecodeText(stats.firstTimecode).c_str(), TimecodeText(stats.timecode).c_str(),
+               static_cast<unsigned long long>(stats.timecodeBreaks.load()),
+               stats.timecodeBreaks == 1 ? "" : "s");
+    for (const auto& jump : stats.breaks)
+        printf("            break from %s to %s\n", TimecodeText(jump.first).c_str(),
+               TimecodeText(jump.second).c_str());
+    if (stats.windingSeconds > 0)
+        printf("  winding   %.1f s, without pictures (not counted as dropped)\n",
+               stats.windingSeconds.load());
+}
+
 } // namespace
 
 int CaptureCommand(int argc, char** argv) {
@@ -219,8 +286,12 @@ int CaptureCommand(int argc, char** argv) {
     if (device == 0)
         return kExitFailure;
 
+    struct sigaction action {};
+    action.sa_handler = OnInterrupt;
+    sigaction(SIGINT, &action, nullptr);
+    sigaction(SIGTERM, &action, nullptr);
     if (!ApplySettings(device, options.settings) ||
-        (options.rate > 0 && !AskForRate(device, options))) {
+        (options.rate > 0 && !AskForRate(device, options)) || !PrepareTape(device, options)) {
         TavixDeviceClose(device);
         TavixDeviceRelease(device);
         return kExitFailure;
@@ -251,6 +322,7 @@ int CaptureCommand(int argc, char** argv) {
     if (!started) {
         PrintError("cannot start capturing from \"%s\"%s%s", options.device.c_str(),
                    refused.empty() ? "" : ": ", refused.c_str());
+        StopTape(device, options);
         TavixDeviceClose(device);
         TavixDeviceRelease(device);
         return kExitFailure;
@@ -258,15 +330,14 @@ int CaptureCommand(int argc, char** argv) {
     if (!refused.empty())
         PrintError("capturing without sound: %s", refused.c_str());
 
-    struct sigaction action {};
-    action.sa_handler = OnInterrupt;
-    sigaction(SIGINT, &action, nullptr);
-    sigaction(SIGTERM, &action, nullptr);
+    const bool hasTransport = TavixDeviceIsTransportAvailable(device);
     const bool terminal = isatty(STDOUT_FILENO) != 0;
     const double begin = MonotonicSeconds();
     double elapsed = 0, lastPlainLine = 0;
     double rateInUse = 0; // the device's, once a picture has said it
     while (!interrupted && (elapsed = MonotonicSeconds() - begin) < options.seconds) {
+        if (hasTransport)
+            NoteTransport(stats, TavixDeviceGetTransportMode(device), MonotonicSeconds());
         if (terminal || elapsed - lastPlainLine >= 1) {
             PrintStatus(device, stats, options, elapsed, terminal);
             lastPlainLine = elapsed;
@@ -297,8 +368,6 @@ int CaptureCommand(int argc, char** argv) {
     const bool recordedAny = TavixDeviceGetRecordingFrameCounts(device, &recorded, &notRecorded);
     // After the start's own text comes the reason a recording failed while being written.
     const std::string failed = LastError(device).substr(refused.size());
-    TavixDeviceClose(device);
-    TavixDeviceRelease(device);
 
     const double frames = static_cast<double>(stats.frames.load());
     printf("\nCaptured %.1f s from \"%s\"%s%s\n", elapsed, options.device.c_str(),
@@ -312,8 +381,7 @@ int CaptureCommand(int argc, char** argv) {
                stats.height.load(), FourCCText(stats.pixelFormat).c_str());
     if (hasVideo && rateInUse > 0)
         printf("  rate      %.2f frames per second, as the device delivered them\n", rateInUse);
-    if (stats.hasTimecode)
-        printf("  timecode  last %s\n", TimecodeText(stats.timecode).c_str());
+    PrintTapeSummary(stats);
     if (wantsAudio)
         printf("  audio     %llu sample frames (%.1f s at 48 kHz), %.2f s lost\n",
                static_cast<unsigned long long>(stats.sampleFrames.load()),
@@ -328,6 +396,9 @@ int CaptureCommand(int argc, char** argv) {
             printf(", %lu frames not recorded", notRecorded);
         printf("\n");
     }
+    StopTape(device, options);
+    TavixDeviceClose(device);
+    TavixDeviceRelease(device);
     if (!failed.empty()) {
         PrintError("%s", failed.c_str() + (failed[0] == ' ' ? 1 : 0));
         ok = false;

@@ -6,6 +6,8 @@
 #include <cstddef>
 #include <cstdint>
 #include <mutex>
+#include <string>
+#include <vector>
 
 #include "png.h"
 
@@ -34,8 +36,26 @@ struct CaptureStats {
     std::atomic<uint32_t> timecode{0}; // hours, minutes, seconds, frames, a byte each
     std::atomic<unsigned long> width{0}, height{0}, pixelFormat{0};
 
-    // Frame timing, on the video thread only.
-    double firstFrameTime = 0;
+    // The tape transport as the command last saw it (NoteTransport). While a tape winds no
+    // pictures come and none are due; fast play runs the timecode backwards or skips it.
+    std::atomic<bool> winding{false};
+    std::atomic<bool> woundSinceFrame{false}; // set while winding, taken by the next frame
+    std::atomic<bool> timecodeSteady{true};   // playing or stopped: each frame's follows on
+    std::atomic<double> windingSeconds{0};
+    double transportSeen = 0; // when NoteTransport last ran, on its thread only
+
+    // Timecode breaks: a frame whose timecode does not follow on from the one before, while the
+    // tape plays at normal speed. The first few are kept (before, after) for the summary.
+    static constexpr size_t kBreaksKept = 10;
+    std::atomic<uint64_t> timecodeBreaks{0};
+    std::vector<std::pair<uint32_t, uint32_t>> breaks; // video thread only while capturing
+    std::atomic<uint32_t> firstTimecode{0};
+    long long timecodeNumber = 0; // the latest timecode's frame number
+
+    // Frame timing, on the video thread only. The count of dropped frames starts again after
+    // each wind, on top of what was dropped before it.
+    double stretchStart = 0; // the first frame since capture began or the tape last wound
+    uint64_t stretchFrames = 0, droppedBefore = 0;
     double lastFrameTime = 0;
     GapHistogram gaps;
 
@@ -57,6 +77,13 @@ void CountVideoFrame(const unsigned char* pixels, unsigned long pixelFormat, uns
 void CountAudioSamples(const unsigned char* samples, unsigned int formatFlags,
                        unsigned long sampleRate, unsigned long channels,
                        unsigned long bytesPerSample, unsigned long sampleFrames, long data);
+
+// Tells the counting what the deck's transport is doing (a TavixDeviceTransportMode), at time
+// `now`; called now and then by the thread that shows the figures.
+void NoteTransport(CaptureStats& stats, int transportMode, double now);
+
+// hours, minutes, seconds and frames packed a byte each, as "HH:MM:SS:FF".
+std::string TimecodeText(uint32_t packed);
 
 // Seconds on a monotonic clock.
 double MonotonicSeconds();

@@ -73,11 +73,13 @@ void PrintSummary(PreviewSession& session, double seconds) {
                static_cast<unsigned long long>(stats.frames.load()),
                static_cast<unsigned long long>(stats.droppedFrames.load()), stats.width.load(),
                stats.height.load(), FourCCText(stats.pixelFormat).c_str());
-    if (stats.hasTimecode) {
-        const uint32_t packed = stats.timecode;
-        printf("  timecode   last %02u:%02u:%02u:%02u\n", packed >> 24, (packed >> 16) & 0xFF,
-               (packed >> 8) & 0xFF, packed & 0xFF);
-    }
+    if (stats.hasTimecode)
+        printf("  timecode   last %s, %llu break%s\n", TimecodeText(stats.timecode).c_str(),
+               static_cast<unsigned long long>(stats.timecodeBreaks.load()),
+               stats.timecodeBreaks == 1 ? "" : "s");
+    if (stats.windingSeconds > 0)
+        printf("  winding    %.1f s, without pictures (not counted as dropped)\n",
+               stats.windingSeconds.load());
     if (session.HasSound())
         printf("  audio      %llu sample frames\n",
                static_cast<unsigned long long>(stats.sampleFrames.load()));

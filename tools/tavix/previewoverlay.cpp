@@ -165,9 +165,9 @@ void DrawOverlay(SDL_Renderer* renderer, const OverlayState& state, int width, i
     const int x = margin;
     int y = top + margin;
 
-    // Timecode and transport.
+    // Timecode and transport. While the tape winds the timecode is the last frame's, dimmed.
     if (!state.timecode.empty())
-        DrawText(renderer, "TC " + state.timecode, x, y, scale, kText);
+        DrawText(renderer, "TC " + state.timecode, x, y, scale, state.winding ? kDim : kText);
     else if (state.hasVideo)
         DrawText(renderer, "no timecode", x, y, scale, kDim);
     if (!state.transport.empty()) {
@@ -178,8 +178,9 @@ void DrawOverlay(SDL_Renderer* renderer, const OverlayState& state, int width, i
 
     // Frames.
     if (state.hasVideo) {
-        std::string frames = Format("%.1f fps", state.framesPerSecond) + "   dropped " +
-                             std::to_string(state.droppedFrames);
+        std::string frames =
+            state.winding ? std::string("winding") : Format("%.1f fps", state.framesPerSecond);
+        frames += "   dropped " + std::to_string(state.droppedFrames);
         if (!state.format.empty())
             frames += "   " + state.format;
         DrawText(renderer, frames, x, y, scale, state.droppedFrames > 0 ? kAmber : kText);

@@ -15,6 +15,7 @@
 struct OverlayState {
     bool hasVideo = false;
     std::string timecode; // empty when the frames carry none
+    bool winding = false; // the tape winds: no pictures come, and none are missed
     double framesPerSecond = 0;
     uint64_t droppedFrames = 0;
     std::string format;    // pixel format and size, empty before the first frame

@@ -262,7 +262,12 @@ private:
             disconnected = true;
             PrintError("\"%s\" was disconnected", session.DeviceName().c_str());
         }
-        transport = session.HasTransport() ? TransportModeText(session.TransportMode()) : "";
+        transport.clear();
+        if (session.HasTransport()) {
+            const TavixDeviceTransportMode mode = session.TransportMode();
+            NoteTransport(feed.stats, mode, now);
+            transport = TransportModeText(mode);
+        }
         recordingSize = session.IsRecording() ? FileSizeText(session.RecordingPath()) : "";
         if (const unsigned long notRecorded = session.PicturesNotRecorded(); notRecorded > 0)
             recordingSize += "  " + std::to_string(notRecorded) + " not recorded";
@@ -273,13 +278,9 @@ private:
     OverlayState Overlay(double now) const {
         OverlayState state;
         state.hasVideo = session.HasVideo();
-        if (feed.stats.hasTimecode) {
-            const uint32_t packed = feed.stats.timecode;
-            char text[16];
-            snprintf(text, sizeof text, "%02u:%02u:%02u:%02u", packed >> 24, (packed >> 16) & 0xFF,
-                     (packed >> 8) & 0xFF, packed & 0xFF);
-            state.timecode = text;
-        }
+        if (feed.stats.hasTimecode)
+            state.timecode = TimecodeText(feed.stats.timecode);
+        state.winding = feed.stats.winding;
         state.framesPerSecond = framesPerSecond;
         state.droppedFrames = feed.stats.droppedFrames;
         if (textureFormat != nullptr)

@@ -6,18 +6,31 @@
 
 TapeTransport::TapeTransport(double framesPerSecond) : rate(framesPerSecond) {}
 
-platform::TransportState TapeTransport::State() const {
+platform::TransportState TapeTransport::State(double now) {
     std::lock_guard<std::mutex> locked(mutex);
+    StopAtStart(now);
     return current.state;
 }
 
-double TapeTransport::Stretch::PositionAt(double framesPerSecond, double at) const {
-    double framesPerFrame = 0;
+void TapeTransport::StopAtStart(double at) {
+    if (current.state.speed >= 0 || at <= current.anchorTime || current.PositionAt(rate, at) > 0)
+        return;
+    // The stop takes effect from when the tape reached its start.
+    const double reached = current.anchorTime - current.anchorPosition / current.Speed(rate);
+    previous = current;
+    current.anchorPosition = 0;
+    current.anchorTime = reached;
+    current.state = platform::TransportState();
+}
+
+double TapeTransport::Stretch::Speed(double framesPerSecond) const {
     if (state.playbackMode == 1)
-        framesPerFrame = state.speed / 10000.0;
-    else if (state.speed != 0)
-        framesPerFrame = state.speed / 1000.0;
-    return std::max(0.0, anchorPosition + framesPerFrame * framesPerSecond * (at - anchorTime));
+        return state.speed / 10000.0 * framesPerSecond;
+    return state.speed / 1000.0 * framesPerSecond;
+}
+
+double TapeTransport::Stretch::PositionAt(double framesPerSecond, double at) const {
+    return std::max(0.0, anchorPosition + Speed(framesPerSecond) * (at - anchorTime));
 }
 
 void TapeTransport::SetState(const platform::TransportState& newState, double now) {
@@ -28,9 +41,10 @@ void TapeTransport::SetState(const platform::TransportState& newState, double no
     current.state = newState;
 }
 
-TapeTransport::Frame TapeTransport::At(double at) const {
+TapeTransport::Frame TapeTransport::At(double at) {
     Frame frame;
     std::lock_guard<std::mutex> locked(mutex);
+    StopAtStart(at);
     const Stretch& stretch = at < current.anchorTime ? previous : current;
     frame.position = static_cast<long long>(std::floor(stretch.PositionAt(rate, at) + 1e-9));
     frame.pictures = stretch.state.playbackMode == 1 || stretch.state.speed == 0;

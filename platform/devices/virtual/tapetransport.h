@@ -1,7 +1,8 @@
 // The virtual deck's tape: where it is and how it moves. Playing moves the tape at the speed
 // asked (10000 is normal), winding (not playing, speed not 0) moves it a tenth of the speed
 // value in frames per frame time, so fast forward and rewind run at 19 times normal speed;
-// stop holds it. The tape cannot go before its start. Thread-safe.
+// stop holds it. A tape wound or played back to its start stops there, as a deck does.
+// Thread-safe.
 #pragma once
 
 #include <mutex>
@@ -12,7 +13,8 @@
 class TapeTransport {
 public:
     explicit TapeTransport(double framesPerSecond);
-    platform::TransportState State() const;
+    // The state at time `now`: stopped once the tape has run back to its start.
+    platform::TransportState State(double now);
     void SetState(const platform::TransportState& state, double now);
     // The tape at time `at`, as the transport state in effect then moved it: a frame that fell
     // due before the last change but is made after it still shows the tape as it was.
@@ -21,7 +23,7 @@ public:
         bool pictures = true;   // pictures come out (not while winding)
         SMPTETime timecode{};
     };
-    Frame At(double at) const;
+    Frame At(double at);
 
 private:
     // One stretch of constant motion: the state set at anchorTime, the tape then at
@@ -30,8 +32,11 @@ private:
         platform::TransportState state;
         double anchorPosition = 0; // frames
         double anchorTime = 0;
+        double Speed(double rate) const; // frames per second, negative backwards
         double PositionAt(double rate, double at) const;
     };
+    // Stops the tape where it reached its start running backwards by time `at`.
+    void StopAtStart(double at);
     mutable std::mutex mutex;
     double rate;
     Stretch current, previous;

@@ -256,6 +256,10 @@ std::vector<platform::DeviceFormat> VirtualDevice::Formats() {
     return formats;
 }
 
+platform::TransportState VirtualDevice::GetTransport() {
+    return transport.State(platform::MonotonicSeconds());
+}
+
 void VirtualDevice::SetTransport(const platform::TransportState& state) {
     if (spec.transport)
         transport.SetState(state, platform::MonotonicSeconds());

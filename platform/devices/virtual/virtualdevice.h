@@ -21,7 +21,7 @@ public:
     void Close() override {}
     std::vector<platform::DeviceFormat> Formats() override;
     bool HasTransport() override { return spec.transport; }
-    platform::TransportState GetTransport() override { return transport.State(); }
+    platform::TransportState GetTransport() override;
     void SetTransport(const platform::TransportState& state) override;
     std::unique_ptr<platform::DeviceStream>
     StartStream(const platform::StreamRequest& request) override;

@@ -27,6 +27,9 @@ struct MovieVideoSettings {
     // Interlaced pictures are encoded as such and the file says which field comes first, so
     // players deinterlace them.
     FieldOrder fieldOrder = FieldOrder::Progressive;
+    // The first picture's SMPTE timecode ("HH:MM:SS:FF", ';' before the frames when
+    // drop-frame), written as the file's start timecode; empty for none.
+    std::string timecode;
 };
 
 struct MovieAudioSettings {
