@@ -19,6 +19,7 @@ std::string WrittenFileFailureText(const std::string& path, const std::string& r
 
 struct QTCaptureMovieFileOutput::Recording {
     std::string path;
+    MovieEncoding encoding;
     std::unique_ptr<MovieRecorder> recorder;
     bool gaveUp = false;
     std::string whyGaveUp;
@@ -46,12 +47,23 @@ void QTCaptureMovieFileOutput::recordToOutputFileURL(NSURL* newURL) {
     if (url != nullptr && sessionRunning) {
         recording.reset(new Recording);
         recording->path = url->path();
+        recording->encoding = chosenEncoding;
     }
 }
 
 NSURL* QTCaptureMovieFileOutput::outputFileURL() const {
     std::lock_guard<std::mutex> locked(mutex);
     return url;
+}
+
+void QTCaptureMovieFileOutput::setEncoding(const MovieEncoding& encoding) {
+    std::lock_guard<std::mutex> locked(mutex);
+    chosenEncoding = encoding;
+}
+
+MovieEncoding QTCaptureMovieFileOutput::encoding() const {
+    std::lock_guard<std::mutex> locked(mutex);
+    return chosenEncoding;
 }
 
 void QTCaptureMovieFileOutput::SessionStarted(QTCaptureSession* session) {
@@ -71,6 +83,7 @@ void QTCaptureMovieFileOutput::SessionStarted(QTCaptureSession* session) {
     if (url != nullptr && recording == nullptr) {
         recording.reset(new Recording);
         recording->path = url->path();
+        recording->encoding = chosenEncoding;
     }
 }
 
@@ -182,9 +195,9 @@ void QTCaptureMovieFileOutput::Deliver(const platform::CapturedSample& sample, Q
             return;
         }
         std::string why;
-        active->recorder =
-            MovieRecorder::Create(active->path, active->haveVideo ? &active->video : nullptr,
-                                  active->haveAudio ? &active->audio : nullptr, &why);
+        active->recorder = MovieRecorder::Create(
+            active->path, active->haveVideo ? &active->video : nullptr,
+            active->haveAudio ? &active->audio : nullptr, active->encoding, &why);
         if (active->recorder == nullptr) {
             // A file that cannot be made now (its folder went away since the session took the
             // output) ends the recording; capture goes on.

@@ -133,6 +133,63 @@ AVFrame* NewSoundFrame(const AVCodecContext* codec, int samples) {
     return frame;
 }
 
+// The encoder a codec chosen by name stands for; null for Automatic, or when this FFmpeg has none.
+const AVCodec* ChosenVideoEncoder(MovieVideoCodec codec) {
+    switch (codec) {
+    case MovieVideoCodec::H264:
+        return avcodec_find_encoder_by_name("libx264");
+    case MovieVideoCodec::FFV1:
+        return avcodec_find_encoder(AV_CODEC_ID_FFV1);
+    case MovieVideoCodec::MJPEG:
+        return avcodec_find_encoder(AV_CODEC_ID_MJPEG);
+    case MovieVideoCodec::Automatic:
+        break;
+    }
+    return nullptr;
+}
+
+// MP4 players expect AAC; QuickTime and Matroska keep the sound as 16-bit PCM unless AAC is
+// chosen.
+AVCodecID ChosenSoundCodec(MovieSoundCodec codec, Container container) {
+    switch (codec) {
+    case MovieSoundCodec::AAC:
+        return AV_CODEC_ID_AAC;
+    case MovieSoundCodec::PCM:
+        return AV_CODEC_ID_PCM_S16LE;
+    case MovieSoundCodec::Automatic:
+        break;
+    }
+    return container == Container::MP4 ? AV_CODEC_ID_AAC : AV_CODEC_ID_PCM_S16LE;
+}
+
+// Settles what a chosen encoding changes on top of the common encoder settings: H.264's rate
+// factor; for FFV1 a picture format that loses nothing of the input, and for Motion-JPEG one
+// that keeps a full-height chroma input's (4:2:2) detail.
+void ConfigureChosenEncoder(AVCodecContext* context, const AVCodec* codec,
+                            const MovieEncoding& encoding, int inputFormat) {
+    if (codec->id == AV_CODEC_ID_H264 && encoding.quality >= 0) {
+        av_opt_set_int(context->priv_data, "crf", encoding.quality, 0);
+    } else if (codec->id == AV_CODEC_ID_FFV1) {
+        context->pix_fmt = avcodec_find_best_pix_fmt_of_list(
+            codec->pix_fmts, static_cast<AVPixelFormat>(inputFormat), 0, nullptr);
+        // Every picture on its own, so damage to one spoils no other; sliced with checksums, so
+        // an archive can be checked and the slices encoded on all cores.
+        context->gop_size = 1;
+        context->level = 3;
+        context->slices = 4;
+        context->thread_count = 0;
+        av_opt_set_int(context->priv_data, "slicecrc", 1, 0);
+    } else if (codec->id == AV_CODEC_ID_MJPEG) {
+        const AVPixFmtDescriptor* input =
+            av_pix_fmt_desc_get(static_cast<AVPixelFormat>(inputFormat));
+        const bool fullHeightChroma = input != nullptr && input->log2_chroma_h == 0;
+        context->pix_fmt = fullHeightChroma ? AV_PIX_FMT_YUVJ422P : AV_PIX_FMT_YUVJ420P;
+        // A fixed, fine quantiser, as a camera's own JPEG pictures have: no rate control.
+        context->flags |= AV_CODEC_FLAG_QSCALE;
+        context->global_quality = FF_QP2LAMBDA * 3;
+    }
+}
+
 } // namespace
 
 struct MovieRecorder::Implementation {
@@ -161,6 +218,7 @@ struct MovieRecorder::Implementation {
 
     AVFormatContext* format = nullptr;
     Container container = Container::QuickTime;
+    MovieEncoding encoding;
 
     AVStream* videoStream = nullptr;
     AVCodecContext* videoCodec = nullptr;
@@ -260,8 +318,13 @@ bool MovieRecorder::Implementation::OpenVideo(const MovieVideoSettings& settings
         settings.frameRate <= 0 || settings.frameRate > 1000)
         return false;
     videoSettings = settings;
-    const bool dv = settings.keepAsDV && IsDVStandard(settings);
-    const AVCodec* codec = nullptr;
+    const bool chosen = encoding.video != MovieVideoCodec::Automatic;
+    const bool dv = !chosen && settings.keepAsDV && IsDVStandard(settings);
+    const AVCodec* codec = ChosenVideoEncoder(encoding.video);
+    if (chosen && codec == nullptr) {
+        openFailure = "this system's FFmpeg has no encoder for the chosen video codec";
+        return false;
+    }
     if (dv)
         codec = avcodec_find_encoder(AV_CODEC_ID_DVVIDEO);
     if (codec == nullptr)
@@ -298,6 +361,7 @@ bool MovieRecorder::Implementation::OpenVideo(const MovieVideoSettings& settings
         } else {
             videoCodec->bit_rate = static_cast<int64_t>(settings.width) * settings.height * 4;
         }
+        ConfigureChosenEncoder(videoCodec, codec, encoding, settings.pixelFormat);
     }
     if (settings.fieldOrder != FieldOrder::Progressive) {
         // Coded as fields, with the order in the stream and in the container's track. x264
@@ -349,8 +413,7 @@ bool MovieRecorder::Implementation::OpenAudio(const MovieAudioSettings& settings
         (settings.isFloat && settings.bytesPerSample != 4))
         return false;
     audioSettings = settings;
-    // MP4 players expect AAC; QuickTime and Matroska keep the sound as 16-bit PCM.
-    const AVCodecID id = chosen == Container::MP4 ? AV_CODEC_ID_AAC : AV_CODEC_ID_PCM_S16LE;
+    const AVCodecID id = ChosenSoundCodec(encoding.sound, chosen);
     const AVCodec* codec = avcodec_find_encoder(id);
     if (codec == nullptr)
         return false;
@@ -734,6 +797,19 @@ std::unique_ptr<MovieRecorder> MovieRecorder::Create(const std::string& path,
                                                      const MovieVideoSettings* video,
                                                      const MovieAudioSettings* audio,
                                                      std::string* error) {
+    return Create(path, video, audio, MovieEncoding(), error);
+}
+
+std::unique_ptr<MovieRecorder> MovieRecorder::Create(const std::string& path,
+                                                     const MovieVideoSettings* video,
+                                                     const MovieAudioSettings* audio,
+                                                     const MovieEncoding& encoding,
+                                                     std::string* error) {
+    if (const std::string refusal = CannotHold(path, encoding); !refusal.empty()) {
+        if (error != nullptr)
+            *error = refusal;
+        return nullptr;
+    }
     if (path.empty() || (video == nullptr && audio == nullptr)) {
         if (error != nullptr)
             *error = path.empty() ? "no file path" : "nothing to record";
@@ -743,6 +819,7 @@ std::unique_ptr<MovieRecorder> MovieRecorder::Create(const std::string& path,
     if (av_log_get_level() > AV_LOG_ERROR)
         av_log_set_level(AV_LOG_ERROR);
     auto implementation = std::make_unique<Implementation>();
+    implementation->encoding = encoding;
     if (!implementation->Open(path, video, audio)) {
         if (error != nullptr)
             *error = !implementation->openFailure.empty()
@@ -799,4 +876,43 @@ std::string MovieRecorder::GetVideoEncoderName() const {
     if (implementation->videoCodec == nullptr || implementation->videoCodec->codec == nullptr)
         return std::string();
     return implementation->videoCodec->codec->name;
+}
+
+std::string MovieRecorder::CannotHold(const std::string& path, const MovieEncoding& encoding) {
+    struct Chosen {
+        bool wanted;
+        AVCodecID id;
+        const char* what;
+    } const chosen[] = {
+        {encoding.video == MovieVideoCodec::FFV1, AV_CODEC_ID_FFV1, "FFV1 pictures"},
+        {encoding.video == MovieVideoCodec::MJPEG, AV_CODEC_ID_MJPEG, "Motion-JPEG pictures"},
+        {encoding.sound == MovieSoundCodec::PCM, AV_CODEC_ID_PCM_S16LE, "PCM sound"}};
+    // FFmpeg's own table of what each container's muxer takes; a muxer that does not know is
+    // left to try. The QuickTime muxer also writes FFV1, under the 'FFV1' tag its table leaves
+    // out; FFmpeg-based players read such files.
+    const auto holds = [](Container container, AVCodecID id) {
+        const AVOutputFormat* muxer = av_guess_format(MuxerName(container), nullptr, nullptr);
+        return muxer == nullptr || avformat_query_codec(muxer, id, FF_COMPLIANCE_NORMAL) != 0 ||
+               (container == Container::QuickTime && id == AV_CODEC_ID_FFV1);
+    };
+    const Container container = ContainerForPath(path);
+    for (const Chosen& c : chosen) {
+        if (!c.wanted || holds(container, c.id))
+            continue;
+        std::string others;
+        const std::pair<Container, const char*> known[] = {{Container::QuickTime, ".mov"},
+                                                           {Container::Matroska, ".mkv"},
+                                                           {Container::MP4, ".mp4"}};
+        for (const auto& [other, extension] : known)
+            if (holds(other, c.id))
+                others += std::string(others.empty() ? "" : " or ") + extension;
+        const size_t dot = path.find_last_of('.');
+        const std::string files =
+            dot == std::string::npos || path.find('/', dot) != std::string::npos
+                ? std::string("Files without an extension")
+                : "Files ending in " + path.substr(dot);
+        return files + " cannot hold " + c.what +
+               (others.empty() ? std::string(".") : "; record to " + others + ".");
+    }
+    return std::string();
 }
