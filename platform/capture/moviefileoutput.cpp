@@ -164,6 +164,9 @@ void QTCaptureMovieFileOutput::Deliver(const platform::CapturedSample& sample, Q
                 active->video.frameRate = sample.frameRate > 0 ? sample.frameRate : 30;
                 active->video.keepAsDV = keepDV;
                 active->video.fieldOrder = sample.video->fieldOrder;
+                // A Motion-JPEG camera's own pictures are stored as they came.
+                active->video.storesJPEG =
+                    active->encoding.video == MovieVideoCodec::MJPEG && !sample.jpeg.empty();
                 active->haveVideo = true;
             }
         }
@@ -211,6 +214,10 @@ void QTCaptureMovieFileOutput::Deliver(const platform::CapturedSample& sample, Q
         if (static_cast<int>(frame->width) != active->video.width ||
             static_cast<int>(frame->height) != active->video.height) {
             ++active->otherSizedPictures;
+            return;
+        }
+        if (active->video.storesJPEG) {
+            active->recorder->AppendJPEG(sample.jpeg.data(), sample.jpeg.size(), sample.time);
             return;
         }
         const uint8_t* planes[4] = {nullptr, nullptr, nullptr, nullptr};

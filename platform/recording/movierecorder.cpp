@@ -112,6 +112,7 @@ std::string ErrorText(int code) {
 struct QueuedItem {
     AVFrame* frame; // owned; pts already set in its stream's encoder time base
     bool isVideo;
+    AVPacket* jpeg = nullptr; // owned: a JPEG picture to store as it is, instead of a frame
 };
 
 void FreeFrame(AVFrame* frame) {
@@ -200,6 +201,9 @@ struct MovieRecorder::Implementation {
     bool OpenVideo(const MovieVideoSettings& settings, Container container);
     bool OpenAudio(const MovieAudioSettings& settings, Container container);
     bool AppendVideo(const uint8_t* const planes[4], const int strides[4], double seconds);
+    bool OpenJPEGStream(const MovieVideoSettings& settings);
+    bool AppendJPEG(const uint8_t* data, size_t size, double seconds);
+    bool EnqueueJPEG(AVPacket* jpeg);
     bool AppendAudio(const void* const buffers[], int bufferCount, int sampleFrames,
                      double seconds);
     bool Finish();
@@ -318,6 +322,8 @@ bool MovieRecorder::Implementation::OpenVideo(const MovieVideoSettings& settings
         settings.frameRate <= 0 || settings.frameRate > 1000)
         return false;
     videoSettings = settings;
+    if (settings.storesJPEG)
+        return OpenJPEGStream(settings);
     const bool chosen = encoding.video != MovieVideoCodec::Automatic;
     const bool dv = !chosen && settings.keepAsDV && IsDVStandard(settings);
     const AVCodec* codec = ChosenVideoEncoder(encoding.video);
@@ -484,7 +490,8 @@ bool MovieRecorder::Implementation::Enqueue(AVFrame* frame, bool isVideo) {
 
 bool MovieRecorder::Implementation::AppendVideo(const uint8_t* const planes[4],
                                                 const int strides[4], double seconds) {
-    if (videoCodec == nullptr || planes == nullptr || strides == nullptr)
+    if (videoCodec == nullptr || videoSettings.storesJPEG || planes == nullptr ||
+        strides == nullptr)
         return false;
     ++videoFramesOffered;
     if (failed.load()) {
@@ -541,6 +548,66 @@ bool MovieRecorder::Implementation::AppendVideo(const uint8_t* const planes[4],
     lastVideoPts = pts;
     frame->pts = pts;
     return Enqueue(frame, true);
+}
+
+// A Motion-JPEG stream of the camera's own pictures, stored as they came: no encoder, only a
+// context (never opened) that gives the packets' time base.
+bool MovieRecorder::Implementation::OpenJPEGStream(const MovieVideoSettings& settings) {
+    videoCodec = avcodec_alloc_context3(nullptr);
+    videoStream = avformat_new_stream(format, nullptr);
+    if (videoCodec == nullptr || videoStream == nullptr)
+        return false;
+    videoCodec->time_base = AVRational{1, 1000};
+    videoStream->time_base = videoCodec->time_base;
+    videoStream->avg_frame_rate = av_d2q(settings.frameRate, 1001000);
+    AVCodecParameters* parameters = videoStream->codecpar;
+    parameters->codec_type = AVMEDIA_TYPE_VIDEO;
+    parameters->codec_id = AV_CODEC_ID_MJPEG;
+    parameters->width = settings.width;
+    parameters->height = settings.height;
+    parameters->sample_aspect_ratio = AVRational{1, 1};
+    return true;
+}
+
+bool MovieRecorder::Implementation::AppendJPEG(const uint8_t* data, size_t size, double seconds) {
+    if (!videoSettings.storesJPEG || videoStream == nullptr)
+        return false;
+    ++videoFramesOffered;
+    const double when = RelativeTime(seconds);
+    AVPacket* jpeg = failed.load() || data == nullptr || size == 0 || size > INT32_MAX
+                         ? nullptr
+                         : av_packet_alloc();
+    if (jpeg == nullptr || av_new_packet(jpeg, static_cast<int>(size)) < 0) {
+        av_packet_free(&jpeg);
+        ++videoFramesDropped;
+        return false;
+    }
+    memcpy(jpeg->data, data, size);
+    jpeg->flags |= AV_PKT_FLAG_KEY;
+    {
+        std::lock_guard<std::mutex> locked(videoMutex);
+        int64_t pts = std::llround(std::max(0.0, when) / av_q2d(videoCodec->time_base));
+        if (pts <= lastVideoPts)
+            pts = lastVideoPts + 1;
+        lastVideoPts = pts;
+        jpeg->pts = jpeg->dts = pts;
+    }
+    return EnqueueJPEG(jpeg);
+}
+
+bool MovieRecorder::Implementation::EnqueueJPEG(AVPacket* jpeg) {
+    {
+        std::lock_guard<std::mutex> locked(queueMutex);
+        if (finishing || failed.load() || queuedPictures >= kMaxQueuedPictures) {
+            av_packet_free(&jpeg);
+            ++videoFramesDropped;
+            return false;
+        }
+        queue.push_back(QueuedItem{nullptr, true, jpeg});
+        ++queuedPictures;
+    }
+    queueChanged.notify_one();
+    return true;
 }
 
 namespace {
@@ -625,8 +692,10 @@ void MovieRecorder::Implementation::MarkFailed(int code) {
         failureCode.compare_exchange_strong(none, code);
     failed = true;
     std::lock_guard<std::mutex> locked(queueMutex);
-    for (QueuedItem& item : queue)
+    for (QueuedItem& item : queue) {
         FreeFrame(item.frame);
+        av_packet_free(&item.jpeg);
+    }
     queue.clear();
     videoFramesDropped += queuedPictures;
     queuedPictures = 0;
@@ -725,6 +794,12 @@ void MovieRecorder::Implementation::Run() {
             queue.pop_front();
             if (item.isVideo)
                 --queuedPictures;
+        }
+        if (item.jpeg != nullptr) {
+            if (!failed.load())
+                WritePacket(item.jpeg, videoStream, videoCodec);
+            av_packet_free(&item.jpeg);
+            continue;
         }
         if (!failed.load()) {
             if (item.isVideo) {
@@ -844,6 +919,10 @@ MovieRecorder::~MovieRecorder() = default;
 bool MovieRecorder::AppendVideo(const uint8_t* const planes[4], const int strides[4],
                                 double seconds) {
     return implementation->AppendVideo(planes, strides, seconds);
+}
+
+bool MovieRecorder::AppendJPEG(const uint8_t* data, size_t size, double seconds) {
+    return implementation->AppendJPEG(data, size, seconds);
 }
 
 bool MovieRecorder::AppendAudio(const void* const buffers[], int bufferCount, int sampleFrames,

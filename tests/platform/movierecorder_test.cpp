@@ -6,6 +6,7 @@
 #include <cstring>
 #include <cstdlib>
 #include <gtest/gtest.h>
+#include <turbojpeg.h>
 #include <string>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -385,6 +386,48 @@ TEST_F(MovieRecorderTest, FFV1KeepsPicturesExactly) {
                                         .output;
         EXPECT_TRUE(decoded == expected) << decoded.size() << " bytes decoded, not the same";
     }
+}
+
+// A Motion-JPEG camera's pictures are stored as they came, byte for byte, one packet each.
+TEST_F(MovieRecorderTest, JPEGPicturesAreStoredUnchanged) {
+    const std::string path = folder + "/camera.mkv";
+    MovieVideoSettings video = Video(64, 48, 30);
+    video.storesJPEG = true;
+    auto recorder =
+        MovieRecorder::Create(path, &video, nullptr, MovieEncoding{MovieVideoCodec::MJPEG});
+    ASSERT_NE(nullptr, recorder);
+    std::vector<std::string> pictures;
+    tjhandle compressor = tjInitCompress();
+    for (int frame = 0; frame < 3; ++frame) {
+        std::vector<uint8_t> rgb(64 * 48 * 3, uint8_t(60 * frame));
+        unsigned char* jpeg = nullptr;
+        unsigned long size = 0;
+        ASSERT_EQ(0, tjCompress2(compressor, rgb.data(), 64, 64 * 3, 48, TJPF_RGB, &jpeg, &size,
+                                 TJSAMP_422, 90, 0));
+        pictures.emplace_back(reinterpret_cast<char*>(jpeg), size);
+        tjFree(jpeg);
+        EXPECT_TRUE(recorder->AppendJPEG(reinterpret_cast<const uint8_t*>(pictures.back().data()),
+                                         size, frame / 30.0));
+    }
+    tjDestroy(compressor);
+    const uint8_t* planes[4] = {nullptr, nullptr, nullptr, nullptr};
+    const int strides[4] = {0, 0, 0, 0};
+    EXPECT_FALSE(recorder->AppendVideo(planes, strides, 0.1)) << "only JPEG pictures are stored";
+    EXPECT_TRUE(recorder->Finish());
+    EXPECT_EQ(3u, recorder->GetStatistics().videoFramesWritten);
+
+    AVFormatContext* format = nullptr;
+    ASSERT_EQ(0, avformat_open_input(&format, path.c_str(), nullptr, nullptr));
+    ASSERT_EQ(AV_CODEC_ID_MJPEG, format->streams[0]->codecpar->codec_id);
+    std::vector<std::string> stored;
+    AVPacket* packet = av_packet_alloc();
+    while (av_read_frame(format, packet) == 0) {
+        stored.emplace_back(reinterpret_cast<char*>(packet->data), size_t(packet->size));
+        av_packet_unref(packet);
+    }
+    av_packet_free(&packet);
+    avformat_close_input(&format);
+    EXPECT_TRUE(stored == pictures) << stored.size() << " packets, not the pictures handed in";
 }
 
 // Interlaced pictures are marked with their field order in every container, and progressive

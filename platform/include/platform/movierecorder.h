@@ -29,6 +29,9 @@ struct MovieVideoSettings {
     // Interlaced pictures are encoded as such and the file says which field comes first, so
     // players deinterlace them.
     FieldOrder fieldOrder = FieldOrder::Progressive;
+    // The pictures come as JPEG (AppendJPEG) and are stored as they are, as Motion-JPEG:
+    // pixelFormat is not used then.
+    bool storesJPEG = false;
 };
 
 // What the recorder encodes pictures and sound as. Automatic is its own choice described above.
@@ -93,6 +96,9 @@ public:
     // handed in. False when the picture was not queued (failed, finished, or the queue is full).
     // Any thread.
     bool AppendVideo(const uint8_t* const planes[4], const int strides[4], double seconds);
+    // Queues one JPEG picture, copied, to be stored unchanged, for a recorder created with
+    // storesJPEG (AppendVideo refuses pictures then). As AppendVideo otherwise.
+    bool AppendJPEG(const uint8_t* data, size_t size, double seconds);
 
     // Queues sample frames of sound in the format given at creation: one buffer per channel
     // when non-interleaved, else one buffer. Any thread.
