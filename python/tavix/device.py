@@ -434,7 +434,7 @@ class Device:
           'float64', 'int16', 'int32' or 'uint8' samples, converted by the library.
         - ``record``: a movie file to record into at the same time (.mov, .mp4 or .mkv).
         - ``codec``: the recording's pictures: 'h264', 'ffv1' (lossless; .mkv or .mov) or
-          'mjpeg'; None: H.264 (a deck's DV stays DV). ``quality``: H.264's constant rate
+          'mjpeg' (a Motion-JPEG camera's own pictures are stored unchanged); None: H.264 (a deck's DV stays DV). ``quality``: H.264's constant rate
           factor, 0 (best) to 51; None: 23. ``audio_codec``: 'aac' or 'pcm' (.mov or .mkv);
           None: PCM, AAC in .mp4. A container that cannot hold a codec raises RecordingError.
         - ``rate``: frames per second (or a ``FrameRate`` of ``Format.rates``); the device uses

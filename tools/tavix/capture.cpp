@@ -1,5 +1,6 @@
 // `tavix capture NAME [--audio NAME] [--seconds N] [--record FILE] [--snapshot FILE.png]
-//                     [--format FOURCC] [--size WxH] [--rate FPS] [--set KEY=VALUE]...`
+//                     [--format FOURCC] [--size WxH] [--rate FPS] [--set KEY=VALUE]...
+//                     [--codec NAME] [--quality N] [--audio-codec NAME]`
 #include <cerrno>
 #include <cmath>
 #include <csignal>
@@ -40,12 +41,14 @@ struct CaptureOptions : DeviceWishes {
 void PrintUsage() {
     printf("usage: tavix capture NAME [--audio NAME] [--seconds N] [--record FILE]\n"
            "                          [--snapshot FILE.png] [--format FOURCC] [--size WxH]\n"
-           "                          [--rate FPS] [--set KEY=VALUE]...\n\n"
+           "                          [--rate FPS] [--set KEY=VALUE]...\n"
+           "                          [--codec NAME] [--quality N] [--audio-codec NAME]\n\n"
            "Captures from device NAME (and sound from --audio NAME) for N seconds (5), showing\n"
            "frames, dropped frames, timecode, sound level and file size, then a summary.\n"
            "  --record FILE      records to a movie file (.mov, .mp4 or .mkv)\n"
            "  --codec NAME       the recording's pictures: h264 (default; a deck's DV stays\n"
-           "                     DV), ffv1 (lossless; .mkv or .mov) or mjpeg (Motion-JPEG)\n"
+           "                     DV), ffv1 (lossless; .mkv or .mov) or mjpeg (Motion-JPEG:\n"
+           "                     a Motion-JPEG camera's own pictures, stored unchanged)\n"
            "  --quality N        H.264's constant rate factor: 0 (best) to 51 (smallest); 23\n"
            "  --audio-codec NAME the recording's sound: aac (default) or pcm (.mov or .mkv)\n"
            "  --snapshot FILE    writes the last frame as a PNG picture\n"

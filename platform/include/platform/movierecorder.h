@@ -3,8 +3,8 @@
 // The container follows the file's extension: ".mp4", ".mkv", otherwise QuickTime (".mov").
 // Pictures are encoded as H.264 (libx264) where that encoder exists, else MPEG-4 part 2; a
 // DV-sized stream from a tape deck can be kept as DV. Sound is 16-bit PCM, or AAC in ".mp4".
-// A MovieEncoding chooses otherwise: H.264 at a chosen quality, FFV1 (lossless), Motion-JPEG,
-// and AAC or PCM sound.
+// A MovieEncoding chooses otherwise: H.264 at a chosen quality, FFV1 (lossless), Motion-JPEG
+// (encoded, or a camera's own JPEG pictures stored unchanged: storesJPEG), and AAC or PCM sound.
 // The file is written in fragments of about one second, so a process killed while recording
 // leaves a file that plays up to its last fragment.
 //

@@ -532,7 +532,8 @@ TAVIX_EXPORT bool TavixDeviceSetControlChangeCallBack(unsigned long device,
 /* Additions to the original interface: what a recording is encoded as. */
 
 /* Chooses how the device's next recordings encode pictures and sound. videoCodec: "h264",
-   "ffv1" (lossless; .mkv and .mov hold it), "mjpeg" (Motion-JPEG), or NULL or "" for the
+   "ffv1" (lossless; .mkv and .mov hold it), "mjpeg" (Motion-JPEG: a Motion-JPEG camera's own
+   JPEG pictures are stored unchanged, other pictures encoded), or NULL or "" for the
    default (H.264, kept as DV for a deck's DV picture). quality: H.264's constant rate factor
    from 0 (best, largest) to 51 (smallest), or -1 for the default, 23. audioCodec: "aac",
    "pcm" (16-bit; .mov and .mkv hold it), or NULL or "" for the default (PCM, AAC in .mp4).
