@@ -196,6 +196,7 @@ void TavixDevice::Clear() {
     sStartError.clear();
     sRecordingError.clear();
     dFrameRate = 0;
+    RecordingEncoding = MovieEncoding();
     nRefCount = 0;
     LLockObjectLocker locked(ControlMutex);
     sControlError.clear();
@@ -420,6 +421,7 @@ bool TavixDevice::StartCapture(TavixDeviceVideoCallBack videoCallBack, long vide
     }
     if (outputFilePath != nullptr && pMovieFileOutput == nullptr) {
         pMovieFileOutput = new QTCaptureMovieFileOutput;
+        pMovieFileOutput->setEncoding(RecordingEncoding);
         pMovieFileOutput->recordToOutputFileURL(
             NSURL::fileURLWithPath(NSString::stringWithUTF8String(outputFilePath)));
         error = nullptr;

@@ -171,6 +171,7 @@ public:
     std::string sStartError;     // the sentences of what the last start was refused
     std::string sRecordingError; // why the last recording that ended failed
     double dFrameRate; // asked of the device when capture starts; 0 leaves it to the device
+    MovieEncoding RecordingEncoding; // for the recordings that start from now on
     int nRefCount;
 
     // Serialises the control calls of the slot and guards the two members below. Taken after

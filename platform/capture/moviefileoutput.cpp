@@ -29,6 +29,7 @@ std::string TimecodeText(const SMPTETime& time) {
 
 struct QTCaptureMovieFileOutput::Recording {
     std::string path;
+    MovieEncoding encoding;
     std::unique_ptr<MovieRecorder> recorder;
     bool gaveUp = false;
     std::string whyGaveUp;
@@ -56,12 +57,23 @@ void QTCaptureMovieFileOutput::recordToOutputFileURL(NSURL* newURL) {
     if (url != nullptr && sessionRunning) {
         recording.reset(new Recording);
         recording->path = url->path();
+        recording->encoding = chosenEncoding;
     }
 }
 
 NSURL* QTCaptureMovieFileOutput::outputFileURL() const {
     std::lock_guard<std::mutex> locked(mutex);
     return url;
+}
+
+void QTCaptureMovieFileOutput::setEncoding(const MovieEncoding& encoding) {
+    std::lock_guard<std::mutex> locked(mutex);
+    chosenEncoding = encoding;
+}
+
+MovieEncoding QTCaptureMovieFileOutput::encoding() const {
+    std::lock_guard<std::mutex> locked(mutex);
+    return chosenEncoding;
 }
 
 void QTCaptureMovieFileOutput::SessionStarted(QTCaptureSession* session) {
@@ -81,6 +93,7 @@ void QTCaptureMovieFileOutput::SessionStarted(QTCaptureSession* session) {
     if (url != nullptr && recording == nullptr) {
         recording.reset(new Recording);
         recording->path = url->path();
+        recording->encoding = chosenEncoding;
     }
 }
 
@@ -162,6 +175,9 @@ void QTCaptureMovieFileOutput::Deliver(const platform::CapturedSample& sample, Q
                 active->video.keepAsDV = keepDV;
                 active->video.fieldOrder = sample.video->fieldOrder;
                 active->video.timecode = sample.hasTimecode ? TimecodeText(sample.timecode) : "";
+                // A Motion-JPEG camera's own pictures are stored as they came.
+                active->video.storesJPEG =
+                    active->encoding.video == MovieVideoCodec::MJPEG && !sample.jpeg.empty();
                 active->haveVideo = true;
             }
         }
@@ -195,9 +211,9 @@ void QTCaptureMovieFileOutput::Deliver(const platform::CapturedSample& sample, Q
             return;
         }
         std::string why;
-        active->recorder =
-            MovieRecorder::Create(active->path, active->haveVideo ? &active->video : nullptr,
-                                  active->haveAudio ? &active->audio : nullptr, &why);
+        active->recorder = MovieRecorder::Create(
+            active->path, active->haveVideo ? &active->video : nullptr,
+            active->haveAudio ? &active->audio : nullptr, active->encoding, &why);
         if (active->recorder == nullptr) {
             // A file that cannot be made now (its folder went away since the session took the
             // output) ends the recording; capture goes on.
@@ -211,6 +227,10 @@ void QTCaptureMovieFileOutput::Deliver(const platform::CapturedSample& sample, Q
         if (static_cast<int>(frame->width) != active->video.width ||
             static_cast<int>(frame->height) != active->video.height) {
             ++active->otherSizedPictures;
+            return;
+        }
+        if (active->video.storesJPEG) {
+            active->recorder->AppendJPEG(sample.jpeg.data(), sample.jpeg.size(), sample.time);
             return;
         }
         const uint8_t* planes[4] = {nullptr, nullptr, nullptr, nullptr};

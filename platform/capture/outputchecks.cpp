@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "platform/movierecorder.h"
 #include "platform/pixelformats.h"
 
 namespace {
@@ -191,6 +192,15 @@ bool CheckMovieFile(const QTCaptureMovieFileOutput& output, std::string& why) {
     return true;
 }
 
+// The chosen codecs must fit the file's container, or the recording would fail once it starts.
+bool CheckMovieEncoding(const QTCaptureMovieFileOutput& output, std::string& why) {
+    NSURL* url = output.outputFileURL();
+    if (url == nullptr)
+        return true;
+    why = MovieRecorder::CannotHold(url->path(), output.encoding());
+    return why.empty();
+}
+
 } // namespace
 
 bool SessionCanServe(const QTCaptureOutput* output,
@@ -204,7 +214,8 @@ bool SessionCanServe(const QTCaptureOutput* output,
         return CheckSound(static_cast<const QTCaptureDecompressedAudioOutput&>(*output),
                           MediaOf(inputs), why);
     case QTCaptureOutput::Kind::Movie:
-        return CheckMovieFile(static_cast<const QTCaptureMovieFileOutput&>(*output), why);
+        return CheckMovieFile(static_cast<const QTCaptureMovieFileOutput&>(*output), why) &&
+               CheckMovieEncoding(static_cast<const QTCaptureMovieFileOutput&>(*output), why);
     }
     return true;
 }

@@ -112,6 +112,7 @@ std::string ErrorText(int code) {
 struct QueuedItem {
     AVFrame* frame; // owned; pts already set in its stream's encoder time base
     bool isVideo;
+    AVPacket* jpeg = nullptr; // owned: a JPEG picture to store as it is, instead of a frame
 };
 
 void FreeFrame(AVFrame* frame) {
@@ -133,6 +134,63 @@ AVFrame* NewSoundFrame(const AVCodecContext* codec, int samples) {
     return frame;
 }
 
+// The encoder a codec chosen by name stands for; null for Automatic, or when this FFmpeg has none.
+const AVCodec* ChosenVideoEncoder(MovieVideoCodec codec) {
+    switch (codec) {
+    case MovieVideoCodec::H264:
+        return avcodec_find_encoder_by_name("libx264");
+    case MovieVideoCodec::FFV1:
+        return avcodec_find_encoder(AV_CODEC_ID_FFV1);
+    case MovieVideoCodec::MJPEG:
+        return avcodec_find_encoder(AV_CODEC_ID_MJPEG);
+    case MovieVideoCodec::Automatic:
+        break;
+    }
+    return nullptr;
+}
+
+// MP4 players expect AAC; QuickTime and Matroska keep the sound as 16-bit PCM unless AAC is
+// chosen.
+AVCodecID ChosenSoundCodec(MovieSoundCodec codec, Container container) {
+    switch (codec) {
+    case MovieSoundCodec::AAC:
+        return AV_CODEC_ID_AAC;
+    case MovieSoundCodec::PCM:
+        return AV_CODEC_ID_PCM_S16LE;
+    case MovieSoundCodec::Automatic:
+        break;
+    }
+    return container == Container::MP4 ? AV_CODEC_ID_AAC : AV_CODEC_ID_PCM_S16LE;
+}
+
+// Settles what a chosen encoding changes on top of the common encoder settings: H.264's rate
+// factor; for FFV1 a picture format that loses nothing of the input, and for Motion-JPEG one
+// that keeps a full-height chroma input's (4:2:2) detail.
+void ConfigureChosenEncoder(AVCodecContext* context, const AVCodec* codec,
+                            const MovieEncoding& encoding, int inputFormat) {
+    if (codec->id == AV_CODEC_ID_H264 && encoding.quality >= 0) {
+        av_opt_set_int(context->priv_data, "crf", encoding.quality, 0);
+    } else if (codec->id == AV_CODEC_ID_FFV1) {
+        context->pix_fmt = avcodec_find_best_pix_fmt_of_list(
+            codec->pix_fmts, static_cast<AVPixelFormat>(inputFormat), 0, nullptr);
+        // Every picture on its own, so damage to one spoils no other; sliced with checksums, so
+        // an archive can be checked and the slices encoded on all cores.
+        context->gop_size = 1;
+        context->level = 3;
+        context->slices = 4;
+        context->thread_count = 0;
+        av_opt_set_int(context->priv_data, "slicecrc", 1, 0);
+    } else if (codec->id == AV_CODEC_ID_MJPEG) {
+        const AVPixFmtDescriptor* input =
+            av_pix_fmt_desc_get(static_cast<AVPixelFormat>(inputFormat));
+        const bool fullHeightChroma = input != nullptr && input->log2_chroma_h == 0;
+        context->pix_fmt = fullHeightChroma ? AV_PIX_FMT_YUVJ422P : AV_PIX_FMT_YUVJ420P;
+        // A fixed, fine quantiser, as a camera's own JPEG pictures have: no rate control.
+        context->flags |= AV_CODEC_FLAG_QSCALE;
+        context->global_quality = FF_QP2LAMBDA * 3;
+    }
+}
+
 } // namespace
 
 struct MovieRecorder::Implementation {
@@ -144,6 +202,9 @@ struct MovieRecorder::Implementation {
     bool OpenAudio(const MovieAudioSettings& settings, Container container);
     void SetStartTimecode(const std::string& timecode);
     bool AppendVideo(const uint8_t* const planes[4], const int strides[4], double seconds);
+    bool OpenJPEGStream(const MovieVideoSettings& settings);
+    bool AppendJPEG(const uint8_t* data, size_t size, double seconds);
+    bool EnqueueJPEG(AVPacket* jpeg);
     bool AppendAudio(const void* const buffers[], int bufferCount, int sampleFrames,
                      double seconds);
     bool Finish();
@@ -162,6 +223,7 @@ struct MovieRecorder::Implementation {
 
     AVFormatContext* format = nullptr;
     Container container = Container::QuickTime;
+    MovieEncoding encoding;
 
     AVStream* videoStream = nullptr;
     AVCodecContext* videoCodec = nullptr;
@@ -263,8 +325,15 @@ bool MovieRecorder::Implementation::OpenVideo(const MovieVideoSettings& settings
         settings.frameRate <= 0 || settings.frameRate > 1000)
         return false;
     videoSettings = settings;
-    const bool dv = settings.keepAsDV && IsDVStandard(settings);
-    const AVCodec* codec = nullptr;
+    if (settings.storesJPEG)
+        return OpenJPEGStream(settings);
+    const bool chosen = encoding.video != MovieVideoCodec::Automatic;
+    const bool dv = !chosen && settings.keepAsDV && IsDVStandard(settings);
+    const AVCodec* codec = ChosenVideoEncoder(encoding.video);
+    if (chosen && codec == nullptr) {
+        openFailure = "this system's FFmpeg has no encoder for the chosen video codec";
+        return false;
+    }
     if (dv)
         codec = avcodec_find_encoder(AV_CODEC_ID_DVVIDEO);
     if (codec == nullptr)
@@ -301,6 +370,7 @@ bool MovieRecorder::Implementation::OpenVideo(const MovieVideoSettings& settings
         } else {
             videoCodec->bit_rate = static_cast<int64_t>(settings.width) * settings.height * 4;
         }
+        ConfigureChosenEncoder(videoCodec, codec, encoding, settings.pixelFormat);
     }
     if (settings.fieldOrder != FieldOrder::Progressive) {
         // Coded as fields, with the order in the stream and in the container's track. x264
@@ -361,8 +431,7 @@ bool MovieRecorder::Implementation::OpenAudio(const MovieAudioSettings& settings
         (settings.isFloat && settings.bytesPerSample != 4))
         return false;
     audioSettings = settings;
-    // MP4 players expect AAC; QuickTime and Matroska keep the sound as 16-bit PCM.
-    const AVCodecID id = chosen == Container::MP4 ? AV_CODEC_ID_AAC : AV_CODEC_ID_PCM_S16LE;
+    const AVCodecID id = ChosenSoundCodec(encoding.sound, chosen);
     const AVCodec* codec = avcodec_find_encoder(id);
     if (codec == nullptr)
         return false;
@@ -433,7 +502,8 @@ bool MovieRecorder::Implementation::Enqueue(AVFrame* frame, bool isVideo) {
 
 bool MovieRecorder::Implementation::AppendVideo(const uint8_t* const planes[4],
                                                 const int strides[4], double seconds) {
-    if (videoCodec == nullptr || planes == nullptr || strides == nullptr)
+    if (videoCodec == nullptr || videoSettings.storesJPEG || planes == nullptr ||
+        strides == nullptr)
         return false;
     ++videoFramesOffered;
     if (failed.load()) {
@@ -490,6 +560,66 @@ bool MovieRecorder::Implementation::AppendVideo(const uint8_t* const planes[4],
     lastVideoPts = pts;
     frame->pts = pts;
     return Enqueue(frame, true);
+}
+
+// A Motion-JPEG stream of the camera's own pictures, stored as they came: no encoder, only a
+// context (never opened) that gives the packets' time base.
+bool MovieRecorder::Implementation::OpenJPEGStream(const MovieVideoSettings& settings) {
+    videoCodec = avcodec_alloc_context3(nullptr);
+    videoStream = avformat_new_stream(format, nullptr);
+    if (videoCodec == nullptr || videoStream == nullptr)
+        return false;
+    videoCodec->time_base = AVRational{1, 1000};
+    videoStream->time_base = videoCodec->time_base;
+    videoStream->avg_frame_rate = av_d2q(settings.frameRate, 1001000);
+    AVCodecParameters* parameters = videoStream->codecpar;
+    parameters->codec_type = AVMEDIA_TYPE_VIDEO;
+    parameters->codec_id = AV_CODEC_ID_MJPEG;
+    parameters->width = settings.width;
+    parameters->height = settings.height;
+    parameters->sample_aspect_ratio = AVRational{1, 1};
+    return true;
+}
+
+bool MovieRecorder::Implementation::AppendJPEG(const uint8_t* data, size_t size, double seconds) {
+    if (!videoSettings.storesJPEG || videoStream == nullptr)
+        return false;
+    ++videoFramesOffered;
+    const double when = RelativeTime(seconds);
+    AVPacket* jpeg = failed.load() || data == nullptr || size == 0 || size > INT32_MAX
+                         ? nullptr
+                         : av_packet_alloc();
+    if (jpeg == nullptr || av_new_packet(jpeg, static_cast<int>(size)) < 0) {
+        av_packet_free(&jpeg);
+        ++videoFramesDropped;
+        return false;
+    }
+    memcpy(jpeg->data, data, size);
+    jpeg->flags |= AV_PKT_FLAG_KEY;
+    {
+        std::lock_guard<std::mutex> locked(videoMutex);
+        int64_t pts = std::llround(std::max(0.0, when) / av_q2d(videoCodec->time_base));
+        if (pts <= lastVideoPts)
+            pts = lastVideoPts + 1;
+        lastVideoPts = pts;
+        jpeg->pts = jpeg->dts = pts;
+    }
+    return EnqueueJPEG(jpeg);
+}
+
+bool MovieRecorder::Implementation::EnqueueJPEG(AVPacket* jpeg) {
+    {
+        std::lock_guard<std::mutex> locked(queueMutex);
+        if (finishing || failed.load() || queuedPictures >= kMaxQueuedPictures) {
+            av_packet_free(&jpeg);
+            ++videoFramesDropped;
+            return false;
+        }
+        queue.push_back(QueuedItem{nullptr, true, jpeg});
+        ++queuedPictures;
+    }
+    queueChanged.notify_one();
+    return true;
 }
 
 namespace {
@@ -574,8 +704,10 @@ void MovieRecorder::Implementation::MarkFailed(int code) {
         failureCode.compare_exchange_strong(none, code);
     failed = true;
     std::lock_guard<std::mutex> locked(queueMutex);
-    for (QueuedItem& item : queue)
+    for (QueuedItem& item : queue) {
         FreeFrame(item.frame);
+        av_packet_free(&item.jpeg);
+    }
     queue.clear();
     videoFramesDropped += queuedPictures;
     queuedPictures = 0;
@@ -675,6 +807,12 @@ void MovieRecorder::Implementation::Run() {
             if (item.isVideo)
                 --queuedPictures;
         }
+        if (item.jpeg != nullptr) {
+            if (!failed.load())
+                WritePacket(item.jpeg, videoStream, videoCodec);
+            av_packet_free(&item.jpeg);
+            continue;
+        }
         if (!failed.load()) {
             if (item.isVideo) {
                 if (!Encode(videoCodec, videoStream, item.frame) && !failed.load())
@@ -746,6 +884,19 @@ std::unique_ptr<MovieRecorder> MovieRecorder::Create(const std::string& path,
                                                      const MovieVideoSettings* video,
                                                      const MovieAudioSettings* audio,
                                                      std::string* error) {
+    return Create(path, video, audio, MovieEncoding(), error);
+}
+
+std::unique_ptr<MovieRecorder> MovieRecorder::Create(const std::string& path,
+                                                     const MovieVideoSettings* video,
+                                                     const MovieAudioSettings* audio,
+                                                     const MovieEncoding& encoding,
+                                                     std::string* error) {
+    if (const std::string refusal = CannotHold(path, encoding); !refusal.empty()) {
+        if (error != nullptr)
+            *error = refusal;
+        return nullptr;
+    }
     if (path.empty() || (video == nullptr && audio == nullptr)) {
         if (error != nullptr)
             *error = path.empty() ? "no file path" : "nothing to record";
@@ -755,6 +906,7 @@ std::unique_ptr<MovieRecorder> MovieRecorder::Create(const std::string& path,
     if (av_log_get_level() > AV_LOG_ERROR)
         av_log_set_level(AV_LOG_ERROR);
     auto implementation = std::make_unique<Implementation>();
+    implementation->encoding = encoding;
     if (!implementation->Open(path, video, audio)) {
         if (error != nullptr)
             *error = !implementation->openFailure.empty()
@@ -779,6 +931,10 @@ MovieRecorder::~MovieRecorder() = default;
 bool MovieRecorder::AppendVideo(const uint8_t* const planes[4], const int strides[4],
                                 double seconds) {
     return implementation->AppendVideo(planes, strides, seconds);
+}
+
+bool MovieRecorder::AppendJPEG(const uint8_t* data, size_t size, double seconds) {
+    return implementation->AppendJPEG(data, size, seconds);
 }
 
 bool MovieRecorder::AppendAudio(const void* const buffers[], int bufferCount, int sampleFrames,
@@ -811,4 +967,43 @@ std::string MovieRecorder::GetVideoEncoderName() const {
     if (implementation->videoCodec == nullptr || implementation->videoCodec->codec == nullptr)
         return std::string();
     return implementation->videoCodec->codec->name;
+}
+
+std::string MovieRecorder::CannotHold(const std::string& path, const MovieEncoding& encoding) {
+    struct Chosen {
+        bool wanted;
+        AVCodecID id;
+        const char* what;
+    } const chosen[] = {
+        {encoding.video == MovieVideoCodec::FFV1, AV_CODEC_ID_FFV1, "FFV1 pictures"},
+        {encoding.video == MovieVideoCodec::MJPEG, AV_CODEC_ID_MJPEG, "Motion-JPEG pictures"},
+        {encoding.sound == MovieSoundCodec::PCM, AV_CODEC_ID_PCM_S16LE, "PCM sound"}};
+    // FFmpeg's own table of what each container's muxer takes; a muxer that does not know is
+    // left to try. The QuickTime muxer also writes FFV1, under the 'FFV1' tag its table leaves
+    // out; FFmpeg-based players read such files.
+    const auto holds = [](Container container, AVCodecID id) {
+        const AVOutputFormat* muxer = av_guess_format(MuxerName(container), nullptr, nullptr);
+        return muxer == nullptr || avformat_query_codec(muxer, id, FF_COMPLIANCE_NORMAL) != 0 ||
+               (container == Container::QuickTime && id == AV_CODEC_ID_FFV1);
+    };
+    const Container container = ContainerForPath(path);
+    for (const Chosen& c : chosen) {
+        if (!c.wanted || holds(container, c.id))
+            continue;
+        std::string others;
+        const std::pair<Container, const char*> known[] = {{Container::QuickTime, ".mov"},
+                                                           {Container::Matroska, ".mkv"},
+                                                           {Container::MP4, ".mp4"}};
+        for (const auto& [other, extension] : known)
+            if (holds(other, c.id))
+                others += std::string(others.empty() ? "" : " or ") + extension;
+        const size_t dot = path.find_last_of('.');
+        const std::string files =
+            dot == std::string::npos || path.find('/', dot) != std::string::npos
+                ? std::string("Files without an extension")
+                : "Files ending in " + path.substr(dot);
+        return files + " cannot hold " + c.what +
+               (others.empty() ? std::string(".") : "; record to " + others + ".");
+    }
+    return std::string();
 }

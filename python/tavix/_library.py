@@ -209,6 +209,10 @@ _PROTOTYPES = {
         [c_handle, ctypes.c_ulong, ctypes.c_ulong, ctypes.c_ulong, FrameRateCallBack, ctypes.c_void_p],
     ),
     "TavixDeviceSetCaptureFrameRate": (ctypes.c_bool, [c_handle, ctypes.c_double]),
+    "TavixDeviceSetRecordingOptions": (
+        ctypes.c_bool,
+        [c_handle, ctypes.c_char_p, ctypes.c_int, ctypes.c_char_p],
+    ),
     "TavixDeviceGetCaptureFrameRate": (ctypes.c_bool, [c_handle, ctypes.POINTER(ctypes.c_double)]),
     "TavixDeviceEnumerateSoundFormats": (
         ctypes.c_bool,

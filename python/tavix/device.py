@@ -413,6 +413,9 @@ class Device:
         channels: int = 2,
         dtype: Any = "float32",
         record: Union[None, str, "os.PathLike[str]"] = None,
+        codec: Optional[str] = None,
+        quality: Optional[int] = None,
+        audio_codec: Optional[str] = None,
         rate: Union[None, float, _formats.FrameRate] = None,
         on_frame: Optional[Callable[[Frame], Any]] = None,
         on_audio: Optional[Callable[[Sound], Any]] = None,
@@ -430,6 +433,10 @@ class Device:
         - ``sample_rate``, ``channels``, ``dtype``: the sound to receive: 'float32' (default),
           'float64', 'int16', 'int32' or 'uint8' samples, converted by the library.
         - ``record``: a movie file to record into at the same time (.mov, .mp4 or .mkv).
+        - ``codec``: the recording's pictures: 'h264', 'ffv1' (lossless; .mkv or .mov) or
+          'mjpeg' (a Motion-JPEG camera's own pictures are stored unchanged); None: H.264 (a deck's DV stays DV). ``quality``: H.264's constant rate
+          factor, 0 (best) to 51; None: 23. ``audio_codec``: 'aac' or 'pcm' (.mov or .mkv);
+          None: PCM, AAC in .mp4. A container that cannot hold a codec raises RecordingError.
         - ``rate``: frames per second (or a ``FrameRate`` of ``Format.rates``); the device uses
           the offered rate nearest to it, which ``Session.rate`` reads back. None lets the
           device choose.
@@ -457,6 +464,7 @@ class Device:
             if not isinstance(queue_size, int) or queue_size < 1:
                 raise ValueError(f"queue_size must be a positive integer, not {queue_size!r}")
             path = _check_recording_path(record) if record is not None else None
+            encoding = _check_encoding(path, codec, quality, audio_codec)
             wanted_rate = _check_rate(rate)
             session = Session(
                 self,
@@ -469,6 +477,7 @@ class Device:
                 sample_rate=sample_rate,
                 channels=channels,
                 record=path,
+                encoding=encoding,
                 rate=wanted_rate,
                 on_frame=on_frame,
                 on_audio=on_audio,
@@ -533,6 +542,27 @@ def _check_rate(rate: Union[None, float, _formats.FrameRate]) -> float:
 def _check_range(name: str, value: Any, bounds: Tuple[int, int]) -> None:
     if not isinstance(value, int) or not bounds[0] <= value <= bounds[1]:
         raise FormatError(f"{name} must be an integer from {bounds[0]} to {bounds[1]}, not {value!r}")
+
+
+_VIDEO_CODECS = ("h264", "ffv1", "mjpeg")
+_AUDIO_CODECS = ("aac", "pcm")
+
+
+def _check_encoding(
+    path: Optional[str], codec: Optional[str], quality: Optional[int], audio_codec: Optional[str]
+) -> Tuple[Optional[str], int, Optional[str]]:
+    """(codec, quality, audio codec) as the library takes them; None and -1 are its defaults."""
+    if path is None and (codec, quality, audio_codec) != (None, None, None):
+        raise ValueError("codec, quality and audio_codec need record=PATH")
+    for name, value, choices in (("codec", codec, _VIDEO_CODECS), ("audio_codec", audio_codec, _AUDIO_CODECS)):
+        if value is not None and (not isinstance(value, str) or value.lower() not in choices):
+            raise ValueError(f"{name} must be one of {', '.join(map(repr, choices))} or None, not {value!r}")
+    if quality is not None:
+        if isinstance(quality, bool) or not isinstance(quality, int) or not 0 <= quality <= 51:
+            raise ValueError(f"quality must be an integer from 0 to 51 (H.264's rate factor), not {quality!r}")
+        if codec is not None and codec.lower() != "h264":
+            raise ValueError(f"quality is for H.264; {codec!r} has no rate factor")
+    return codec, -1 if quality is None else quality, audio_codec
 
 
 def _check_recording_path(record: Union[str, "os.PathLike[str]"]) -> str:

@@ -165,6 +165,7 @@ class Session:
         sample_rate: int,
         channels: int,
         record: Optional[str],
+        encoding: Tuple[Optional[str], int, Optional[str]],
         rate: float,
         on_frame: Optional[Callable[[Frame], Any]],
         on_audio: Optional[Callable[[Sound], Any]],
@@ -207,9 +208,9 @@ class Session:
         # capture does, so the session holds them until it is stopped.
         self._video_callback = VideoCallBack(self._video_arrived) if video else VideoCallBack()
         self._audio_callback = AudioCallBack(self._sound_arrived) if sound else AudioCallBack()
-        self._start(pixel_format, size, audio_device, sample, record, rate)
+        self._start(pixel_format, size, audio_device, sample, record, encoding, rate)
 
-    def _start(self, pixel_format, size, audio_device, sample, record, rate) -> None:
+    def _start(self, pixel_format, size, audio_device, sample, record, encoding, rate) -> None:
         code = pixel_format.code if pixel_format else 0
         width, height = size if size else (0, 0)
         path = record.encode() if record else None
@@ -218,6 +219,10 @@ class Session:
         with thread_scope():
             # The wish stays with the device's handle: each start states its own, 0 included.
             lib.TavixDeviceSetCaptureFrameRate(handle, rate)
+            codec, quality, audio_codec = encoding
+            lib.TavixDeviceSetRecordingOptions(
+                handle, codec.encode() if codec else None, quality, audio_codec.encode() if audio_codec else None
+            )
             if audio_device:
                 started = lib.TavixDeviceStartCaptureWithAudioDevice(
                     handle, audio_device.encode(), self._video_callback, 0, code, width, height,

@@ -6,6 +6,8 @@ import subprocess
 
 import pytest
 
+import tavix
+
 from conftest import MICROPHONE
 
 ffprobe = shutil.which("ffprobe")
@@ -53,3 +55,21 @@ def test_a_deck_recording_starts_at_its_first_frames_timecode(deck, tmp_path):
     deck.transport = "stop"
     # The picture's stream and QuickTime's timecode track both start there.
     assert [s.get("tags", {}).get("timecode") for s in probe(take)["streams"]].count(first) == 2
+
+
+@pytest.mark.skipif(ffprobe is None, reason="ffprobe (Debian's ffmpeg package) is not installed")
+def test_recording_codecs_are_chosen_and_refused_where_the_container_cannot_hold_them(camera, tmp_path):
+    take = tmp_path / "take.mkv"
+    with camera.capture(audio=MICROPHONE, record=take, codec="FFV1", audio_codec="pcm") as session:
+        for _ in range(15):
+            assert session.read(timeout=20) is not None
+    codecs = {s["codec_type"]: s["codec_name"] for s in probe(take)["streams"]}
+    assert codecs == {"video": "ffv1", "audio": "pcm_s16le"}
+
+    with pytest.raises(tavix.RecordingError, match=r"\.mp4 cannot hold FFV1.*\.mkv"):
+        camera.capture(record=tmp_path / "take.mp4", codec="ffv1")
+    for wrong in ({"codec": "vp9"}, {"codec": "ffv1", "quality": 10}, {"quality": 52}, {"audio_codec": "mp3"}):
+        with pytest.raises(ValueError):
+            camera.capture(record=tmp_path / "x.mov", **wrong)
+    with pytest.raises(ValueError):
+        camera.capture(codec="h264")

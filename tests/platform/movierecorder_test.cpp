@@ -6,6 +6,7 @@
 #include <cstring>
 #include <cstdlib>
 #include <gtest/gtest.h>
+#include <turbojpeg.h>
 #include <string>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -18,11 +19,13 @@
 #include "platform/videoconverter.h"
 #include "support/colourbars.h"
 #include "support/ffprobe.h"
+#include "support/process.h"
 #include "support/tempfolder.h"
 
 extern "C" {
 #include <libavcodec/avcodec.h>
 #include <libavformat/avformat.h>
+#include <libavutil/imgutils.h>
 #include <libavutil/pixfmt.h>
 #include <libswscale/swscale.h>
 }
@@ -93,9 +96,11 @@ void Feed(MovieRecorder& recorder, const MovieVideoSettings& video, double secon
     }
 }
 
-// When a movie's first picture and each of its sound packets start, in seconds.
+// When a movie's first picture and each of its sound packets start, in seconds, and the size of
+// its pictures.
 struct PacketTimes {
     double firstPicture = 1e9;
+    int64_t pictureBytes = 0;
     std::vector<double> sound;
 };
 PacketTimes PacketTimesOf(const std::string& path) {
@@ -108,6 +113,8 @@ PacketTimes PacketTimesOf(const std::string& path) {
         const AVStream* stream = format->streams[packet->stream_index];
         const double start = packet->pts * av_q2d(stream->time_base);
         const bool timed = packet->pts != AV_NOPTS_VALUE;
+        if (stream->codecpar->codec_type == AVMEDIA_TYPE_VIDEO)
+            times.pictureBytes += packet->size;
         if (timed && stream->codecpar->codec_type == AVMEDIA_TYPE_VIDEO)
             times.firstPicture = std::min(times.firstPicture, start);
         else if (timed)
@@ -122,23 +129,34 @@ PacketTimes PacketTimesOf(const std::string& path) {
 } // namespace
 
 // Two seconds of pictures and sound, the sound missing half a second from the first second on:
-// the sound after the gap keeps its time, so both streams end together in every container.
+// the sound after the gap keeps its time, so both streams end together in every container and
+// with every codec chosen.
 TEST_F(MovieRecorderTest, ContainerFollowsTheExtensionWithPictureAndSoundInSync) {
+    using V = MovieVideoCodec;
+    using S = MovieSoundCodec;
     struct Case {
         const char* name;
         const char* format;
         const char* audioCodec;
-    } cases[] = {{"clip.mov", "mov", "pcm_s16le"},
-                 {"clip", "mov", "pcm_s16le"},
-                 {"clip.weird", "mov", "pcm_s16le"},
-                 {"clip.mp4", "mp4", "aac"},
-                 {"clip.mkv", "matroska", "pcm_s16le"}};
+        MovieEncoding encoding;
+        const char* videoCodec; // null: H.264 where libx264 exists
+    } cases[] = {{"clip.mov", "mov", "pcm_s16le", {}, nullptr},
+                 {"clip", "mov", "pcm_s16le", {}, nullptr},
+                 {"clip.weird", "mov", "pcm_s16le", {}, nullptr},
+                 {"clip.mp4", "mp4", "aac", {}, nullptr},
+                 {"clip.mkv", "matroska", "pcm_s16le", {}, nullptr},
+                 {"ffv1.mkv", "matroska", "aac", {V::FFV1, -1, S::AAC}, "ffv1"},
+                 {"ffv1.mov", "mov", "pcm_s16le", {V::FFV1, -1, S::PCM}, "ffv1"},
+                 {"mjpeg.mp4", "mp4", "aac", {V::MJPEG, -1, S::Automatic}, "mjpeg"},
+                 {"fine.mov", "mov", "aac", {V::H264, 10, S::AAC}, "h264"},
+                 {"smallest.mkv", "matroska", "aac", {V::H264, 51, S::AAC}, "h264"}};
+    int64_t fineBytes = 0, smallestBytes = 0;
     const MovieVideoSettings video = Video(320, 240, 30);
     const MovieAudioSettings audio = FloatStereo48k();
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
         const std::string path = folder + "/" + c.name;
-        auto recorder = MovieRecorder::Create(path, &video, &audio);
+        auto recorder = MovieRecorder::Create(path, &video, &audio, c.encoding);
         ASSERT_TRUE(recorder);
         Feed(*recorder, video, 2.0, 1000.25, true, 1.0);
         EXPECT_TRUE(recorder->Finish());
@@ -153,7 +171,9 @@ TEST_F(MovieRecorderTest, ContainerFollowsTheExtensionWithPictureAndSoundInSync)
         const ProbedStream* picture = movie.Find("video");
         const ProbedStream* sound = movie.Find("audio");
         ASSERT_TRUE(picture && sound);
-        EXPECT_EQ(recorder->GetVideoEncoderName() == "libx264" ? "h264" : "mpeg4",
+        EXPECT_EQ(c.videoCodec != nullptr                        ? c.videoCodec
+                  : recorder->GetVideoEncoderName() == "libx264" ? "h264"
+                                                                 : "mpeg4",
                   picture->codecName);
         EXPECT_EQ(320, picture->width);
         EXPECT_NEAR(60, picture->frames, 1);
@@ -169,7 +189,10 @@ TEST_F(MovieRecorderTest, ContainerFollowsTheExtensionWithPictureAndSoundInSync)
             if (start > times.firstPicture + 1.25 && resumed < 0)
                 resumed = start;
         EXPECT_NEAR(times.firstPicture + 1.5, resumed, 0.03) << "the sound after the gap";
+        if (c.encoding.quality >= 0)
+            (c.encoding.quality == 10 ? fineBytes : smallestBytes) = times.pictureBytes;
     }
+    EXPECT_GT(fineBytes, 4 * smallestBytes) << "H.264's rate factor is applied";
 }
 
 TEST_F(MovieRecorderTest, SoundOnlyAndOddSampleLayouts) {
@@ -208,6 +231,15 @@ TEST_F(MovieRecorderTest, BadSettingsAndUnwritablePathsCreateNothing) {
     MovieAudioSettings wide = FloatStereo48k();
     wide.bytesPerSample = 5;
     EXPECT_FALSE(MovieRecorder::Create(folder + "/wide.mov", nullptr, &wide));
+    // A codec the container cannot hold is refused with the extensions that can.
+    std::string why;
+    EXPECT_FALSE(MovieRecorder::Create(folder + "/lossless.mp4", &video, nullptr,
+                                       MovieEncoding{MovieVideoCodec::FFV1, -1}, &why));
+    EXPECT_EQ("Files ending in .mp4 cannot hold FFV1 pictures; record to .mov or .mkv.", why);
+    const MovieAudioSettings audio = FloatStereo48k();
+    EXPECT_FALSE(MovieRecorder::Create(folder + "/pcm.mp4", nullptr, &audio,
+                                       MovieEncoding{{}, -1, MovieSoundCodec::PCM}, &why));
+    EXPECT_EQ("Files ending in .mp4 cannot hold PCM sound; record to .mov or .mkv.", why);
     struct stat info {};
     EXPECT_NE(0, stat((folder + "/zero.mov").c_str(), &info));
     // Finishing twice, and appending after the end, are harmless.
@@ -311,6 +343,91 @@ TEST_F(MovieRecorderTest, PicturesKeepTheirColoursInEveryInputFormat) {
                     EXPECT_NEAR(rgb[c], decoded.At(int(x), int(y))[c], 6) << "bar " << bar;
             }
         }
+}
+
+// FFV1 keeps every input picture exactly: the file decodes to the very bytes handed in.
+TEST_F(MovieRecorderTest, FFV1KeepsPicturesExactly) {
+    const struct {
+        OSType pixelFormat;
+        const char* rawFormat; // ffmpeg's name for the same layout
+    } cases[] = {{kCVPixelFormatType_422YpCbCr8, "uyvy422"},
+                 {kCVPixelFormatType_32BGRA, "bgra"},
+                 {kCVPixelFormatType_420YpCbCr8Planar, "yuv420p"}};
+    const size_t width = 320, height = 240;
+    for (const auto& c : cases) {
+        const PixelFormatInfo* info = FindPixelFormat(c.pixelFormat);
+        SCOPED_TRACE(info->name);
+        const std::string path = folder + "/exact-" + info->name + ".mkv";
+        MovieVideoSettings video = Video(int(width), int(height), 30);
+        video.pixelFormat = info->ffmpegFormat;
+        auto recorder =
+            MovieRecorder::Create(path, &video, nullptr, MovieEncoding{MovieVideoCodec::FFV1});
+        ASSERT_NE(nullptr, recorder);
+        CVPixelBufferRef picture = nullptr;
+        ASSERT_EQ(kCVReturnSuccess,
+                  CVPixelBufferCreate(nullptr, width, height, c.pixelFormat, nullptr, &picture));
+        TestPattern(c.pixelFormat, width, height).Draw(picture, 0);
+        const uint8_t* planes[4] = {nullptr, nullptr, nullptr, nullptr};
+        int strides[4] = {0, 0, 0, 0};
+        for (int plane = 0; plane < picture->layout.planeCount; ++plane) {
+            planes[plane] = picture->base + picture->layout.planeOffset[plane];
+            strides[plane] = int(picture->layout.bytesPerRow[plane]);
+        }
+        const AVPixelFormat format = static_cast<AVPixelFormat>(info->ffmpegFormat);
+        std::string expected(size_t(av_image_get_buffer_size(format, int(width), int(height), 1)),
+                             '\0');
+        av_image_copy_to_buffer(reinterpret_cast<uint8_t*>(expected.data()), int(expected.size()),
+                                planes, strides, format, int(width), int(height), 1);
+        ASSERT_TRUE(recorder->AppendVideo(planes, strides, 0));
+        EXPECT_TRUE(recorder->Finish());
+        CVPixelBufferRelease(picture);
+        const std::string decoded = RunCommand("ffmpeg -v error -i '" + path +
+                                               "' -f rawvideo -pix_fmt " + c.rawFormat + " -")
+                                        .output;
+        EXPECT_TRUE(decoded == expected) << decoded.size() << " bytes decoded, not the same";
+    }
+}
+
+// A Motion-JPEG camera's pictures are stored as they came, byte for byte, one packet each.
+TEST_F(MovieRecorderTest, JPEGPicturesAreStoredUnchanged) {
+    const std::string path = folder + "/camera.mkv";
+    MovieVideoSettings video = Video(64, 48, 30);
+    video.storesJPEG = true;
+    auto recorder =
+        MovieRecorder::Create(path, &video, nullptr, MovieEncoding{MovieVideoCodec::MJPEG});
+    ASSERT_NE(nullptr, recorder);
+    std::vector<std::string> pictures;
+    tjhandle compressor = tjInitCompress();
+    for (int frame = 0; frame < 3; ++frame) {
+        std::vector<uint8_t> rgb(64 * 48 * 3, uint8_t(60 * frame));
+        unsigned char* jpeg = nullptr;
+        unsigned long size = 0;
+        ASSERT_EQ(0, tjCompress2(compressor, rgb.data(), 64, 64 * 3, 48, TJPF_RGB, &jpeg, &size,
+                                 TJSAMP_422, 90, 0));
+        pictures.emplace_back(reinterpret_cast<char*>(jpeg), size);
+        tjFree(jpeg);
+        EXPECT_TRUE(recorder->AppendJPEG(reinterpret_cast<const uint8_t*>(pictures.back().data()),
+                                         size, frame / 30.0));
+    }
+    tjDestroy(compressor);
+    const uint8_t* planes[4] = {nullptr, nullptr, nullptr, nullptr};
+    const int strides[4] = {0, 0, 0, 0};
+    EXPECT_FALSE(recorder->AppendVideo(planes, strides, 0.1)) << "only JPEG pictures are stored";
+    EXPECT_TRUE(recorder->Finish());
+    EXPECT_EQ(3u, recorder->GetStatistics().videoFramesWritten);
+
+    AVFormatContext* format = nullptr;
+    ASSERT_EQ(0, avformat_open_input(&format, path.c_str(), nullptr, nullptr));
+    ASSERT_EQ(AV_CODEC_ID_MJPEG, format->streams[0]->codecpar->codec_id);
+    std::vector<std::string> stored;
+    AVPacket* packet = av_packet_alloc();
+    while (av_read_frame(format, packet) == 0) {
+        stored.emplace_back(reinterpret_cast<char*>(packet->data), size_t(packet->size));
+        av_packet_unref(packet);
+    }
+    av_packet_free(&packet);
+    avformat_close_input(&format);
+    EXPECT_TRUE(stored == pictures) << stored.size() << " packets, not the pictures handed in";
 }
 
 // Interlaced pictures are marked with their field order in every container, and progressive

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
+#include <cstring>
 #include <string>
 #include <thread>
 
@@ -187,6 +188,45 @@ TEST_F(RecordingTest, AStartAfterStopRecordingRecordsANewFile) {
     const long accounted = PicturesAccountedFor(scope.handle, movie.Find("video")->frames);
     EXPECT_LE(accounted, log2.frames.load());
     EXPECT_GE(accounted, log2.frames - 3);
+}
+
+// The codecs chosen for a device's next recording are what its file holds; names that are not
+// codecs are refused, and so is a start whose container cannot hold the choice, with the reason.
+TEST_F(RecordingTest, ChosenCodecsAreWhatTheFileHolds) {
+    const std::string refused = temp / "lossless.mp4", path = temp / "lossless.mkv";
+    CallbackLog log;
+    DeviceScope scope(TavixDeviceGet(virtualdevices::kTestCameraName, TavixDeviceMediaTypeVideo));
+    ASSERT_TRUE(TavixDeviceOpen(scope.handle));
+    const struct {
+        const char* video;
+        int quality;
+        const char* audio;
+    } wrong[] = {{"vp9", -1, nullptr},
+                 {"ffv1", 20, nullptr},
+                 {nullptr, 52, nullptr},
+                 {"h264", -2, nullptr},
+                 {nullptr, -1, "mp3"}};
+    for (const auto& w : wrong)
+        EXPECT_FALSE(TavixDeviceSetRecordingOptions(scope.handle, w.video, w.quality, w.audio))
+            << (w.video ? w.video : "") << " " << w.quality << " " << (w.audio ? w.audio : "");
+    EXPECT_FALSE(TavixDeviceSetRecordingOptions(0, nullptr, -1, nullptr));
+    ASSERT_TRUE(TavixDeviceSetRecordingOptions(scope.handle, "FFV1", -1, "aac"));
+    EXPECT_FALSE(TavixDeviceStartCapture(scope.handle, LogFrame, DataOf(log), 0, 0, 0, nullptr, 0,
+                                         0, 0, 0, 0, refused.c_str()));
+    char why[512] = "";
+    TavixDeviceGetLastError(scope.handle, why, sizeof why);
+    EXPECT_NE(nullptr, strstr(why, ".mp4 cannot hold FFV1")) << why;
+    EXPECT_FALSE(FileExists(refused));
+    ASSERT_TRUE(TavixDeviceStartCaptureWithAudioDevice(
+        scope.handle, virtualdevices::kTestMicrophoneName, LogFrame, DataOf(log), 0, 0, 0, LogSound,
+        DataOf(log), 0, 0, 0, 0, path.c_str()));
+    ASSERT_TRUE(WaitForPicturesAndSound(log, 10));
+    ASSERT_TRUE(TavixDeviceStopCapture(scope.handle));
+    const ProbedMovie movie = ProbeMovie(path);
+    ASSERT_TRUE(movie.readable);
+    ASSERT_TRUE(movie.Find("video") && movie.Find("audio"));
+    EXPECT_EQ("ffv1", movie.Find("video")->codecName);
+    EXPECT_EQ("aac", movie.Find("audio")->codecName);
 }
 
 TEST_F(RecordingTest, PathsWithSpacesAndNonASCIINamesRecord) {

@@ -1,6 +1,7 @@
 // `tavix capture NAME [--audio NAME] [--seconds N] [--record FILE] [--snapshot FILE.png]
 //                     [--format FOURCC] [--size WxH] [--rate FPS] [--set KEY=VALUE]...
-//                     [--rewind] [--play]`
+//                     [--rewind] [--play] [--codec NAME] [--quality N]
+//                     [--audio-codec NAME]`
 #include <cerrno>
 #include <cmath>
 #include <csignal>
@@ -31,15 +32,27 @@ struct CaptureOptions : DeviceWishes {
     std::string snapshotPath;
     double rate = 0;                   // frames per second; 0 leaves it to the device
     bool rewind = false, play = false; // drive a deck's tape around the capture
+    // What the recording is encoded as: "" is the library's default video codec (H.264; a
+    // deck's DV stays DV); -1 the default quality.
+    std::string codec;
+    int quality = -1;
+    std::string audioCodec = "aac";
+    bool recordingChosen = false; // any of --codec, --quality, --audio-codec given
 };
 
 void PrintUsage() {
     printf("usage: tavix capture NAME [--audio NAME] [--seconds N] [--record FILE]\n"
            "                          [--snapshot FILE.png] [--format FOURCC] [--size WxH]\n"
-           "                          [--rate FPS] [--set KEY=VALUE]... [--rewind] [--play]\n\n"
+           "                          [--rate FPS] [--set KEY=VALUE]... [--rewind] [--play]\n"
+           "                          [--codec NAME] [--quality N] [--audio-codec NAME]\n\n"
            "Captures from device NAME (and sound from --audio NAME) for N seconds (5), showing\n"
            "frames, dropped frames, timecode, sound level and file size, then a summary.\n"
            "  --record FILE      records to a movie file (.mov, .mp4 or .mkv)\n"
+           "  --codec NAME       the recording's pictures: h264 (default; a deck's DV stays\n"
+           "                     DV), ffv1 (lossless; .mkv or .mov) or mjpeg (Motion-JPEG:\n"
+           "                     a Motion-JPEG camera's own pictures, stored unchanged)\n"
+           "  --quality N        H.264's constant rate factor: 0 (best) to 51 (smallest); 23\n"
+           "  --audio-codec NAME the recording's sound: aac (default) or pcm (.mov or .mkv)\n"
            "  --snapshot FILE    writes the last frame as a PNG picture\n"
            "  --format FOURCC    asks for a pixel format: 2vuy, yuvs, BGRA, ARGB, 420v, y420\n"
            "  --size WxH         asks for a frame size, e.g. 640x480\n"
@@ -63,6 +76,46 @@ bool ParseTapeOption(const std::string& argument, CaptureOptions& options) {
     return true;
 }
 
+// Takes the value of --codec, --quality or --audio-codec.
+int ParseRecordingChoice(const std::string& argument, const char* value, CaptureOptions& options) {
+    options.recordingChosen = true;
+    if (argument == "--codec" || argument == "--audio-codec") {
+        std::string name = value;
+        for (char& c : name)
+            c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
+        const bool video = argument == "--codec";
+        if (video ? name != "h264" && name != "ffv1" && name != "mjpeg"
+                  : name != "aac" && name != "pcm") {
+            PrintError("unknown %s \"%s\" (choose %s)", argument.c_str(), value,
+                       video ? "h264, ffv1 or mjpeg" : "aac or pcm");
+            return kExitUsage;
+        }
+        (video ? options.codec : options.audioCodec) = name;
+    } else if (argument == "--quality") {
+        char* end = nullptr;
+        const long quality = strtol(value, &end, 10);
+        if (end == value || *end != 0 || quality < 0 || quality > 51) {
+            PrintError("bad quality \"%s\" (0 to 51: H.264's constant rate factor)", value);
+            return kExitUsage;
+        }
+        options.quality = static_cast<int>(quality);
+    }
+    return kExitOK;
+}
+
+// The recording choices must go together and with a file to record into.
+int CheckRecordingChoices(const CaptureOptions& options) {
+    if (options.recordingChosen && options.recordPath.empty()) {
+        PrintError("--codec, --quality and --audio-codec need --record FILE");
+        return kExitUsage;
+    }
+    if (options.quality >= 0 && !options.codec.empty() && options.codec != "h264") {
+        PrintError("--quality is for H.264; %s has no rate factor", options.codec.c_str());
+        return kExitUsage;
+    }
+    return kExitOK;
+}
+
 // Returns kExitOK, or the exit status after printing what is wrong.
 int ParseOptions(int argc, char** argv, CaptureOptions& options, bool& help) {
     help = false;
@@ -72,7 +125,8 @@ int ParseOptions(int argc, char** argv, CaptureOptions& options, bool& help) {
             help = true;
             return kExitOK;
         }
-        if ((argument == "--seconds" || argument == "--snapshot" || argument == "--rate") &&
+        if ((argument == "--seconds" || argument == "--snapshot" || argument == "--rate" ||
+             argument == "--codec" || argument == "--quality" || argument == "--audio-codec") &&
             i + 1 >= argc) {
             PrintError("%s needs a value", argument.c_str());
             return kExitUsage;
@@ -87,6 +141,11 @@ int ParseOptions(int argc, char** argv, CaptureOptions& options, bool& help) {
                 PrintError("bad frame rate \"%s\" (frames per second, such as 30)", argv[i]);
                 return kExitUsage;
             }
+        } else if (argument == "--codec" || argument == "--quality" ||
+                   argument == "--audio-codec") {
+            if (const int status = ParseRecordingChoice(argument, argv[++i], options);
+                status != kExitOK)
+                return status;
         } else if (argument == "--snapshot") {
             options.snapshotPath = argv[++i];
         } else if (ParseTapeOption(argument, options)) {
@@ -94,6 +153,8 @@ int ParseOptions(int argc, char** argv, CaptureOptions& options, bool& help) {
             return status;
         }
     }
+    if (const int status = CheckRecordingChoices(options); status != kExitOK)
+        return status;
     return RequireDevice(options, "capture");
 }
 
@@ -291,7 +352,9 @@ int CaptureCommand(int argc, char** argv) {
     sigaction(SIGINT, &action, nullptr);
     sigaction(SIGTERM, &action, nullptr);
     if (!ApplySettings(device, options.settings) ||
-        (options.rate > 0 && !AskForRate(device, options)) || !PrepareTape(device, options)) {
+        (options.rate > 0 && !AskForRate(device, options)) || !PrepareTape(device, options) ||
+        !TavixDeviceSetRecordingOptions(device, options.codec.c_str(), options.quality,
+                                        options.audioCodec.c_str())) {
         TavixDeviceClose(device);
         TavixDeviceRelease(device);
         return kExitFailure;

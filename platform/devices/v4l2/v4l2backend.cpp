@@ -162,6 +162,8 @@ public:
         const V4L2Camera::StreamFormat& format = camera->format();
         sample.time = clock.timeOf(frame.timestamp, platform::MonotonicSeconds());
         sample.frameRate = format.interval.framesPerSecond();
+        if (IsMjpeg(format.fourcc))
+            sample.jpeg.assign(frame.data, frame.data + frame.bytesUsed);
         sample.video = IsMjpeg(format.fourcc)      ? Decode(frame)
                        : separatePlanes != nullptr ? Join(frame)
                                                    : Wrap(frame);

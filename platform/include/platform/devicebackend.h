@@ -89,6 +89,9 @@ struct CapturedSample {
     double frameRate = 0; // nominal, for pictures
     bool hasTimecode = false;
     SMPTETime timecode{};
+    // The camera's own JPEG picture that video was decoded from (a Motion-JPEG stream), so a
+    // recording can store it as it came; empty otherwise.
+    std::vector<uint8_t> jpeg;
 };
 
 class DeviceStream {

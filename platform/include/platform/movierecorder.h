@@ -3,6 +3,8 @@
 // The container follows the file's extension: ".mp4", ".mkv", otherwise QuickTime (".mov").
 // Pictures are encoded as H.264 (libx264) where that encoder exists, else MPEG-4 part 2; a
 // DV-sized stream from a tape deck can be kept as DV. Sound is 16-bit PCM, or AAC in ".mp4".
+// A MovieEncoding chooses otherwise: H.264 at a chosen quality, FFV1 (lossless), Motion-JPEG
+// (encoded, or a camera's own JPEG pictures stored unchanged: storesJPEG), and AAC or PCM sound.
 // The file is written in fragments of about one second, so a process killed while recording
 // leaves a file that plays up to its last fragment.
 //
@@ -30,6 +32,18 @@ struct MovieVideoSettings {
     // The first picture's SMPTE timecode ("HH:MM:SS:FF", ';' before the frames when
     // drop-frame), written as the file's start timecode; empty for none.
     std::string timecode;
+    // The pictures come as JPEG (AppendJPEG) and are stored as they are, as Motion-JPEG:
+    // pixelFormat is not used then.
+    bool storesJPEG = false;
+};
+
+// What the recorder encodes pictures and sound as. Automatic is its own choice described above.
+enum class MovieVideoCodec { Automatic, H264, FFV1, MJPEG };
+enum class MovieSoundCodec { Automatic, AAC, PCM };
+struct MovieEncoding {
+    MovieVideoCodec video = MovieVideoCodec::Automatic;
+    int quality = -1; // H.264's constant rate factor, 0 (best) to 51; -1: the default, 23
+    MovieSoundCodec sound = MovieSoundCodec::Automatic;
 };
 
 struct MovieAudioSettings {
@@ -64,6 +78,16 @@ public:
                                                  const MovieVideoSettings* video,
                                                  const MovieAudioSettings* audio,
                                                  std::string* error = nullptr);
+    // The same, encoding pictures and sound as chosen; null also when the container cannot
+    // hold the chosen codecs (CannotHold).
+    static std::unique_ptr<MovieRecorder> Create(const std::string& path,
+                                                 const MovieVideoSettings* video,
+                                                 const MovieAudioSettings* audio,
+                                                 const MovieEncoding& encoding,
+                                                 std::string* error = nullptr);
+    // Why a file at path cannot hold what encoding chooses, as a sentence ("An .mp4 file cannot
+    // hold FFV1 pictures; record to .mkv or .mov."); empty when it can.
+    static std::string CannotHold(const std::string& path, const MovieEncoding& encoding);
     // Finishes the file (Finish).
     ~MovieRecorder();
     MovieRecorder(const MovieRecorder&) = delete;
@@ -75,6 +99,9 @@ public:
     // handed in. False when the picture was not queued (failed, finished, or the queue is full).
     // Any thread.
     bool AppendVideo(const uint8_t* const planes[4], const int strides[4], double seconds);
+    // Queues one JPEG picture, copied, to be stored unchanged, for a recorder created with
+    // storesJPEG (AppendVideo refuses pictures then). As AppendVideo otherwise.
+    bool AppendJPEG(const uint8_t* data, size_t size, double seconds);
 
     // Queues sample frames of sound in the format given at creation: one buffer per channel
     // when non-interleaved, else one buffer. Any thread.

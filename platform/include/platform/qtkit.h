@@ -19,6 +19,7 @@
 #include "platform/corevideo.h"
 #include "platform/devicebackend.h"
 #include "platform/foundation.h"
+#include "platform/movierecorder.h"
 
 // Media types.
 extern NSString* const QTMediaTypeVideo;
@@ -263,6 +264,9 @@ public:
     // (a full disk) ends the recording, and failureReason says why.
     void recordToOutputFileURL(NSURL* url);
     NSURL* outputFileURL() const;
+    // What the next recording encodes pictures and sound as; a running one keeps its own.
+    void setEncoding(const MovieEncoding& encoding);
+    MovieEncoding encoding() const;
     // What has been written so far, for status displays and tests. videoFramesNotRecorded
     // counts the pictures that came while the file was being written but are not in it (the
     // encoder fell behind, the file failed, the picture size changed); pictures before the file
@@ -295,6 +299,7 @@ private:
     std::string lastFailure;
     bool sessionRunning = false;
     bool expectVideo = false, expectAudio = false, keepDV = false;
+    MovieEncoding chosenEncoding;
 };
 
 class CaptureThread;

@@ -529,6 +529,24 @@ TAVIX_EXPORT bool TavixDeviceSetControlChangeCallBack(unsigned long device,
                                                       TavixControlChangeCallBack callBack,
                                                       void* context);
 
+/* Additions to the original interface: what a recording is encoded as. */
+
+/* Chooses how the device's next recordings encode pictures and sound. videoCodec: "h264",
+   "ffv1" (lossless; .mkv and .mov hold it), "mjpeg" (Motion-JPEG: a Motion-JPEG camera's own
+   JPEG pictures are stored unchanged, other pictures encoded), or NULL or "" for the
+   default (H.264, kept as DV for a deck's DV picture). quality: H.264's constant rate factor
+   from 0 (best, largest) to 51 (smallest), or -1 for the default, 23. audioCodec: "aac",
+   "pcm" (16-bit; .mov and .mkv hold it), or NULL or "" for the default (PCM, AAC in .mp4).
+   Names are compared without case. False, changing nothing, for an invalid handle, an unknown
+   name, a quality outside -1 to 51, or a quality with a codec other than H.264. The choices
+   take effect at the next TavixDeviceStartCapture (or ...WithAudioDevice) with a file path; a
+   recording that runs keeps its own. That start is refused when the file's container cannot
+   hold a chosen codec (an .mp4 file and FFV1 or PCM), TavixDeviceGetLastError saying so. The
+   choices stay with the handle until set again and go with its last reference. Any thread,
+   under the per-device rule. An addition to the original interface. */
+TAVIX_EXPORT bool TavixDeviceSetRecordingOptions(unsigned long device, const char* videoCodec,
+                                                 int quality, const char* audioCodec);
+
 #ifdef __cplusplus
 }
 
