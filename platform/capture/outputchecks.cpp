@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "platform/movierecorder.h"
 #include "platform/pixelformats.h"
 
 namespace {
@@ -178,6 +179,11 @@ bool CheckMovieFile(const QTCaptureMovieFileOutput& output, std::string& why) {
     const bool exists = stat(path.c_str(), &info) == 0;
     if (exists && S_ISDIR(info.st_mode)) {
         why = "Cannot record to " + path + ": " + strerror(EISDIR) + ".";
+        return false;
+    }
+    if (!IsMovieFilePath(path)) {
+        why = "Cannot record to " + path + ": its extension names no container the library " +
+              "writes (" + kMovieFileExtensions + ").";
         return false;
     }
     const int file = open(path.c_str(), exists ? O_WRONLY : O_WRONLY | O_CREAT | O_EXCL, 0644);
