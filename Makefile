@@ -57,7 +57,7 @@ stress-vm: deps build
 demo: deps tool
 	mkdir -p build/demo
 	build/tavix capture "Tavix Test Camera" --audio "Tavix Test Microphone" --seconds 5 \
-		--record build/demo/capture.mov --snapshot build/demo/snapshot.png
+		--record build/demo/capture.mov --snapshot build/demo/snapshot.png -y
 
 bench: deps build
 	build/bench/tavix_bench

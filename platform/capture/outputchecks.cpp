@@ -181,6 +181,11 @@ bool CheckMovieFile(const QTCaptureMovieFileOutput& output, std::string& why) {
         why = "Cannot record to " + path + ": " + strerror(EISDIR) + ".";
         return false;
     }
+    if (!IsMovieFilePath(path)) {
+        why = "Cannot record to " + path + ": its extension names no container the library " +
+              "writes (" + kMovieFileExtensions + ").";
+        return false;
+    }
     const int file = open(path.c_str(), exists ? O_WRONLY : O_WRONLY | O_CREAT | O_EXCL, 0644);
     if (file < 0) {
         why = "Cannot record to " + path + ": " + strerror(errno) + ".";

@@ -64,21 +64,25 @@ bool OpenEncoder(AVCodecContext* context, const AVCodec* codec) {
     return result >= 0;
 }
 
-enum class Container { QuickTime, MP4, Matroska };
+enum class Container { Unknown, QuickTime, MP4, Matroska, AVI };
 
 Container ContainerForPath(const std::string& path) {
     const size_t slash = path.find_last_of('/');
     const size_t dot = path.find_last_of('.');
     if (dot == std::string::npos || (slash != std::string::npos && dot < slash))
-        return Container::QuickTime;
+        return Container::Unknown;
     std::string extension = path.substr(dot + 1);
     std::transform(extension.begin(), extension.end(), extension.begin(),
                    [](unsigned char c) { return static_cast<char>(tolower(c)); });
+    if (extension == "mov")
+        return Container::QuickTime;
     if (extension == "mp4" || extension == "m4v")
         return Container::MP4;
     if (extension == "mkv")
         return Container::Matroska;
-    return Container::QuickTime;
+    if (extension == "avi")
+        return Container::AVI;
+    return Container::Unknown;
 }
 
 const char* MuxerName(Container container) {
@@ -87,7 +91,10 @@ const char* MuxerName(Container container) {
         return "mp4";
     case Container::Matroska:
         return "matroska";
+    case Container::AVI:
+        return "avi";
     case Container::QuickTime:
+    case Container::Unknown:
         break;
     }
     return "mov";
@@ -193,6 +200,12 @@ void ConfigureChosenEncoder(AVCodecContext* context, const AVCodec* codec,
 
 } // namespace
 
+const char* const kMovieFileExtensions = ".mov, .mp4, .m4v, .mkv or .avi";
+
+bool IsMovieFilePath(const std::string& path) {
+    return ContainerForPath(path) != Container::Unknown;
+}
+
 struct MovieRecorder::Implementation {
     ~Implementation() { Close(); }
 
@@ -220,6 +233,8 @@ struct MovieRecorder::Implementation {
 
     double RelativeTime(double seconds);
     bool Enqueue(AVFrame* frame, bool isVideo);
+    // Queues silent sound from sample `from` up to `to`, in pieces of a tenth of a second.
+    bool EnqueueSilence(int64_t from, int64_t to);
 
     AVFormatContext* format = nullptr;
     Container container = Container::QuickTime;
@@ -283,6 +298,11 @@ struct MovieRecorder::Implementation {
 bool MovieRecorder::Implementation::Open(const std::string& path, const MovieVideoSettings* video,
                                          const MovieAudioSettings* audio) {
     container = ContainerForPath(path);
+    if (container == Container::Unknown) {
+        openFailure = std::string("its extension names no container the library writes (") +
+                      kMovieFileExtensions + ")";
+        return false;
+    }
     if (avformat_alloc_output_context2(&format, nullptr, MuxerName(container), path.c_str()) < 0)
         return false;
     if (video != nullptr && !OpenVideo(*video, container))
@@ -300,7 +320,7 @@ bool MovieRecorder::Implementation::Open(const std::string& path, const MovieVid
     AVDictionary* options = nullptr;
     if (container == Container::Matroska) {
         av_dict_set(&options, "cluster_time_limit", "1000", 0);
-    } else {
+    } else if (container != Container::AVI) {
         // Fragments of about a second, each complete on disk: a killed process leaves a file
         // that plays up to its last fragment.
         av_dict_set(&options, "movflags", "+frag_keyframe+empty_moov+default_base_moof", 0);
@@ -320,7 +340,8 @@ bool MovieRecorder::Implementation::Open(const std::string& path, const MovieVid
     return true;
 }
 
-bool MovieRecorder::Implementation::OpenVideo(const MovieVideoSettings& settings, Container) {
+bool MovieRecorder::Implementation::OpenVideo(const MovieVideoSettings& settings,
+                                              Container container) {
     if (settings.width <= 0 || settings.height <= 0 || settings.pixelFormat < 0 ||
         settings.frameRate <= 0 || settings.frameRate > 1000)
         return false;
@@ -328,7 +349,9 @@ bool MovieRecorder::Implementation::OpenVideo(const MovieVideoSettings& settings
     if (settings.storesJPEG)
         return OpenJPEGStream(settings);
     const bool chosen = encoding.video != MovieVideoCodec::Automatic;
-    const bool dv = !chosen && settings.keepAsDV && IsDVStandard(settings);
+    // MP4 has no place for DV: a deck's pictures are encoded there like a camera's.
+    const bool dv =
+        !chosen && settings.keepAsDV && IsDVStandard(settings) && container != Container::MP4;
     const AVCodec* codec = ChosenVideoEncoder(encoding.video);
     if (chosen && codec == nullptr) {
         openFailure = "this system's FFmpeg has no encoder for the chosen video codec";
@@ -355,8 +378,10 @@ bool MovieRecorder::Implementation::OpenVideo(const MovieVideoSettings& settings
         videoCodec->time_base = av_inv_q(rate);
         videoCodec->pix_fmt = settings.height == 576 ? AV_PIX_FMT_YUV420P : AV_PIX_FMT_YUV411P;
     } else {
-        // MPEG-4 part 2 allows time-base denominators up to 65535; milliseconds suit both.
-        videoCodec->time_base = AVRational{1, 1000};
+        // MPEG-4 part 2 allows time-base denominators up to 65535; milliseconds suit both. AVI
+        // counts frames at a constant rate, so there a tick is a frame (a late picture takes
+        // the next tick, and the muxer fills a gap with empty frames).
+        videoCodec->time_base = container == Container::AVI ? av_inv_q(rate) : AVRational{1, 1000};
         videoCodec->pix_fmt = AV_PIX_FMT_YUV420P;
         videoCodec->gop_size = std::max(1, static_cast<int>(std::lround(settings.frameRate)));
         if (codec->id == AV_CODEC_ID_H264) {
@@ -691,11 +716,37 @@ bool MovieRecorder::Implementation::AppendAudio(const void* const buffers[], int
     // capture clock says it has drifted by more than a tenth of a second (a gap or a restart).
     const int64_t stamped = std::llround(std::max(0.0, when) * audioCodec->sample_rate);
     if (nextAudioPts == INT64_MIN ||
-        std::llabs(stamped - nextAudioPts) > audioCodec->sample_rate / 10)
-        nextAudioPts = std::max(stamped, nextAudioPts == INT64_MIN ? int64_t{0} : nextAudioPts);
+        std::llabs(stamped - nextAudioPts) > audioCodec->sample_rate / 10) {
+        const int64_t resumed =
+            std::max(stamped, nextAudioPts == INT64_MIN ? int64_t{0} : nextAudioPts);
+        // AVI times sound by its samples alone, from the file's start: silence fills what came
+        // before the first sound and every gap, so that the sound after it keeps its time.
+        if (container == Container::AVI &&
+            !EnqueueSilence(nextAudioPts == INT64_MIN ? 0 : nextAudioPts, resumed)) {
+            FreeFrame(frame);
+            return false;
+        }
+        nextAudioPts = resumed;
+    }
     frame->pts = nextAudioPts;
     nextAudioPts += sampleFrames;
     return Enqueue(frame, false);
+}
+
+bool MovieRecorder::Implementation::EnqueueSilence(int64_t from, int64_t to) {
+    const int64_t piece = std::max(1, audioCodec->sample_rate / 10);
+    for (int64_t at = from; at < to; at += piece) {
+        const int samples = static_cast<int>(std::min(piece, to - at));
+        AVFrame* silence = NewSoundFrame(audioCodec, samples);
+        if (silence == nullptr)
+            return false;
+        av_samples_set_silence(silence->data, 0, samples, audioCodec->ch_layout.nb_channels,
+                               audioCodec->sample_fmt);
+        silence->pts = at;
+        if (!Enqueue(silence, false))
+            return false;
+    }
+    return true;
 }
 
 void MovieRecorder::Implementation::MarkFailed(int code) {
@@ -993,10 +1044,14 @@ std::string MovieRecorder::CannotHold(const std::string& path, const MovieEncodi
         std::string others;
         const std::pair<Container, const char*> known[] = {{Container::QuickTime, ".mov"},
                                                            {Container::Matroska, ".mkv"},
-                                                           {Container::MP4, ".mp4"}};
+                                                           {Container::MP4, ".mp4"},
+                                                           {Container::AVI, ".avi"}};
+        std::vector<std::string> fits;
         for (const auto& [other, extension] : known)
             if (holds(other, c.id))
-                others += std::string(others.empty() ? "" : " or ") + extension;
+                fits.push_back(extension);
+        for (size_t i = 0; i < fits.size(); ++i)
+            others += (i == 0 ? "" : i + 1 == fits.size() ? " or " : ", ") + fits[i];
         const size_t dot = path.find_last_of('.');
         const std::string files =
             dot == std::string::npos || path.find('/', dot) != std::string::npos

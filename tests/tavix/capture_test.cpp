@@ -292,6 +292,8 @@ TEST_F(CaptureTest, ImpossibleWishesAreRefusedWithAReason) {
         {"a missing folder", true, true, false, 0, 0, 0, 0, 0, 0, missing, false,
          "No such file or directory"},
         {"a folder", true, true, false, 0, 0, 0, 0, 0, 0, temp.path, false, "Is a directory"},
+        {"an unknown extension", true, true, false, 0, 0, 0, 0, 0, 0, temp.path + "/take.xyz",
+         false, ".mkv or .avi"},
         {"an empty path", true, true, false, 0, 0, 0, 0, 0, 0, "-", false, "empty file path"},
     };
     for (const Case& c : cases) {

@@ -15,8 +15,9 @@ namespace {
 
 const std::string kTavix = std::string(TAVIX_BINARY_DIR) + "/tavix";
 
+// A command that should have refused but captures until Ctrl-C ends after a minute, failing.
 CommandOutput Tavix(const std::string& arguments) {
-    return RunCommand(kTavix + " " + arguments);
+    return RunCommand("timeout 60 " + kTavix + " " + arguments);
 }
 
 bool Contains(const std::string& text, const std::string& part) {
@@ -101,8 +102,9 @@ TEST_F(TavixCommand, CtrlCStopsCleanlyAndKeepsTheRecording) {
     ASSERT_EQ(0, pipe(output));
     const pid_t child = StartChild([&] {
         dup2(output[1], STDOUT_FILENO);
-        execl(kTavix.c_str(), "tavix", "capture", "Tavix Test Camera", "--seconds", "60",
-              "--record", movie.c_str(), static_cast<char*>(nullptr));
+        // No --seconds: it runs until Ctrl-C.
+        execl(kTavix.c_str(), "tavix", "capture", "Tavix Test Camera", "--record", movie.c_str(),
+              static_cast<char*>(nullptr));
         _exit(127);
     });
     close(output[1]);
@@ -185,39 +187,139 @@ TEST_F(TavixCommand, ListsSetsSavesAndLoadsControlsAndSetsThemBeforeCapture) {
     EXPECT_NEAR(127, grey.At(80, 100)[1], 8);
 }
 
-TEST_F(TavixCommand, ErrorsNameTheProblemAndFail) {
+// Files are what their names say: the extension sets the container and the picture type, the
+// recording has the size asked for whatever the pixel format, and a file is replaced only with -y.
+TEST_F(TavixCommand, FilesFollowTheirNamesAndAreKeptWithoutOverwrite) {
+    if (!HaveFFprobe())
+        GTEST_SKIP() << "ffprobe is not installed";
+    for (const char* extension : {"avi", "mkv"}) {
+        const std::string movie = folder + "/take." + extension;
+        const CommandOutput run = Tavix("capture 'Tavix Test Camera' --seconds 1 --size 320x240 "
+                                        "--format bgra -q --record " +
+                                        movie);
+        ASSERT_EQ(0, run.status) << run.output;
+        const ProbedMovie probed = ProbeMovie(movie);
+        EXPECT_TRUE(
+            Contains(probed.formatName, extension == std::string("avi") ? "avi" : "matroska"))
+            << probed.formatName;
+        ASSERT_NE(nullptr, probed.Find("video"));
+        EXPECT_EQ(320, probed.Find("video")->width) << "the size asked for, not the device's first";
+    }
+
+    const std::string jpeg = folder + "/still.jpg";
+    EXPECT_EQ(
+        0,
+        Tavix("capture 'Tavix Test Camera' --seconds 1 --size 320x240 --snapshot " + jpeg).status);
+    const std::string written = ReadFile(jpeg);
+    ASSERT_GT(written.size(), 2u);
+    EXPECT_EQ("\xFF\xD8", written.substr(0, 2)) << "JPEG data, not PNG";
+    EXPECT_EQ("", WrongBars(ReadImageFile(jpeg), 320, 240, 12));
+
+    // The existing picture is kept (before capture starts) unless -y is given.
+    const CommandOutput kept =
+        Tavix("capture 'Tavix Test Camera' --seconds 1 --size 160x120 --snapshot " + jpeg);
+    EXPECT_EQ(1, kept.status);
+    EXPECT_TRUE(Contains(kept.output, "-y")) << kept.output;
+    EXPECT_FALSE(Contains(kept.output, "Captured")) << "refused before capture";
+    EXPECT_EQ(written, ReadFile(jpeg));
+    EXPECT_EQ(0,
+              Tavix("capture 'Tavix Test Camera' --seconds 1 --size 160x120 -y --snapshot=" + jpeg)
+                  .status);
+    EXPECT_EQ(160, ReadImageFile(jpeg).width);
+}
+
+// Every pixel format the command names arrives under that name, typed in any case.
+TEST_F(TavixCommand, EveryPixelFormatWorksAndIsNamed) {
+    for (const char* name : {"2vuy", "YUVS", "420v", "420f", "y420", "422v", "444v", "bgra", "ARGB",
+                             "rgba", "ABGR", "24rg", "24BG", "L565", "B565", "L008"}) {
+        const CommandOutput run = Tavix(std::string("capture 'Tavix Test Camera' --seconds 0.5 ") +
+                                        "--size 160x120 -q --json --format=" + name);
+        EXPECT_EQ(0, run.status) << name << ": " << run.output;
+        std::string upper = name;
+        for (char& c : upper)
+            c = static_cast<char>(toupper(static_cast<unsigned char>(c)));
+        const size_t at = run.output.find("\"pixelFormat\": \"");
+        ASSERT_NE(std::string::npos, at) << run.output;
+        std::string shown = run.output.substr(at + 16, 4);
+        for (char& c : shown)
+            c = static_cast<char>(toupper(static_cast<unsigned char>(c)));
+        EXPECT_EQ(upper, shown) << run.output;
+    }
+}
+
+// Usage errors (status 2) give a reason and the usage; runtime failures (status 1) a reason.
+// The conventions every command keeps come first (status 0).
+TEST_F(TavixCommand, ConventionsAndErrorsNameTheProblem) {
+    const std::string existing = folder + "/existing.mov";
+    FILE* file = fopen(existing.c_str(), "w");
+    ASSERT_NE(nullptr, file);
+    fputs("keep me", file);
+    fclose(file);
     struct Case {
         std::string arguments, message;
+        int status;
     } cases[] = {
-        {"capture 'No Such Camera' --seconds 1", "No Such Camera"},
-        {"capture 'Tavix Test Camera' --size 12x", "12x"},
-        {"capture 'Tavix Test Camera' --size 0x0", "0x0"},
-        {"capture 'Tavix Test Camera' --seconds -3", "-3"},
-        {"capture 'Tavix Test Camera' --format ABCDE", "ABCDE"},
-        {"capture 'Tavix Test Camera' --rate 0", "\"0\""},
-        {"capture 'Tavix Test Camera' --seconds 1 --rate 50", "it offers 30, 60 fps"},
-        // The library's reasons for a start it refuses.
+        {"--version", "tavix 1.", 0},
+        {"capture -h", "--overwrite", 0},
+        {"preview --help", "--format", 0},
+        {"list -h", "--json", 0},
+        {"formats -h", "--json", 0},
+        {"transport --help", "play", 0},
+        {"controls -h", "--json", 0},
+        {"list --json", "\"id\": \"tavix-virtual:test-camera\"", 0},
+        {"formats 'Tavix Test Camera' --json",
+         "\"width\": 640, \"height\": 480, "
+         "\"framesPerSecond\": [30, 60]",
+         0},
+        {"capture tavix-virtual:test-microphone --seconds=1 -q --json",
+         "\"audio\": {\"sampleFrames\": ", 0},
+        {"capture 'No Such Camera' --seconds 1", "No Such Camera", 1},
+        {"captur 'Tavix Test Camera'", "did you mean capture?", 2},
+        {"capture 'Tavix Test Camera' --secnds 1", "did you mean --seconds?", 2},
+        {"list --jsn", "did you mean --json?", 2},
+        {"transport 'Tavix Test Deck' paly", "did you mean play?", 2},
+        {"capture 'Tavix Test Camera' --size 12x", "12x", 2},
+        {"capture 'Tavix Test Camera' --size 20000x100", "1 to 16384", 2},
+        {"capture 'Tavix Test Camera' --seconds 0", "at most 86400", 2},
+        {"capture 'Tavix Test Camera' --seconds -3", "-3", 2},
+        {"capture 'Tavix Test Camera' --format zzzz", "y420, 422v", 2},
+        {"capture 'Tavix Test Camera' --rate 0", "\"0\"", 2},
+        {"capture 'Tavix Test Camera' --seconds 1 --rate 50", "it offers 30, 60 fps", 1},
         {"capture 'Tavix Test Camera' --seconds 1 --record " + folder + "/missing/x.mov",
-         "missing/x.mov: No such file"},
-        {"capture 'Tavix Test Camera' --seconds 1 --format zzzz", "'zzzz' is not one"},
+         "missing/x.mov: No such file", 1},
+        {"capture 'Tavix Test Camera' --seconds 1 --record " + folder + "/x.xyz", ".mkv or .avi",
+         1},
+        {"capture 'Tavix Test Camera' --seconds 1 --record " + existing, "-y", 1},
+        {"capture 'Tavix Test Camera' --seconds 1 --snapshot " + folder + "/x.gif", ".jpg", 1},
         {"capture 'Tavix Test Camera' --seconds 1 --snapshot " + folder + "/missing/x.png",
-         "missing/x.png"},
-        {"capture 'Tavix Test Camera' --audio 'No Such Mic' --seconds 1", "No Such Mic"},
-        {"formats 'No Such Camera'", "No Such Camera"},
-        {"transport 'Tavix Test Deck' dance", "dance"},
-        {"controls 'Tavix Test Camera' exposure=200", "exposure"},
-        {"controls 'Tavix Test Camera' test_pattern=purple", "purple"},
-        {"controls 'Tavix Test Camera' brightness", "KEY=VALUE"},
-        {"capture 'Tavix Test Camera' --set nokey=1", "nokey"},
-        {"transport 'Tavix Test Camera' play", "transport"},
-        {"record", "record"},
-        {"", "usage"},
+         "missing/x.png", 1},
+        {"capture 'Tavix Test Microphone' --seconds 1 --snapshot " + folder + "/x.png",
+         "no pictures", 1},
+        {"capture 'Tavix Test Microphone' --seconds 1 --format bgra", "no pictures", 1},
+        {"capture 'Tavix Test Camera' --audio 'No Such Mic' --seconds 1", "No Such Mic", 1},
+        {"formats 'No Such Camera'", "No Such Camera", 1},
+        {"formats", "needs a device name", 2},
+        {"transport 'Tavix Test Deck' dance", "dance", 2},
+        {"controls 'Tavix Test Camera' exposure=200", "exposure", 1},
+        {"controls 'Tavix Test Camera' test_pattern=purple", "purple", 1},
+        {"controls 'Tavix Test Camera' brightness", "KEY=VALUE", 2},
+        {"capture 'Tavix Test Camera' --set nokey=1 --seconds 1", "nokey", 1},
+        {"transport 'Tavix Test Camera' play", "transport", 1},
+        {"record", "unknown command", 2},
+        {"", "no command", 2},
     };
     for (const Case& c : cases) {
         const CommandOutput run = Tavix(c.arguments);
-        EXPECT_NE(0, run.status) << c.arguments;
+        EXPECT_EQ(c.status, run.status) << c.arguments << ": " << run.output;
         EXPECT_TRUE(Contains(run.output, c.message)) << c.arguments << ": " << run.output;
+        if (c.status != 0) {
+            EXPECT_EQ(c.status == 2, Contains(run.output, "usage: tavix")) << c.arguments;
+            const std::string quiet =
+                "{ timeout 60 " + kTavix + " " + c.arguments + " 2>/dev/null; }";
+            EXPECT_EQ("", RunCommand(quiet).output) << c.arguments << ": not on stderr";
+        }
     }
+    EXPECT_EQ("keep me", ReadFile(existing));
 }
 
 } // namespace

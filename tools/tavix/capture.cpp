@@ -1,7 +1,7 @@
-// `tavix capture NAME [--audio NAME] [--seconds N] [--record FILE] [--snapshot FILE.png]
+// `tavix capture NAME [--audio NAME] [--seconds N] [--record FILE] [--snapshot FILE]
 //                     [--format FOURCC] [--size WxH] [--rate FPS] [--set KEY=VALUE]...
 //                     [--rewind] [--play] [--codec NAME] [--quality N]
-//                     [--audio-codec NAME]`
+//                     [--audio-codec NAME] [-y] [-q] [--json]`
 #include <cerrno>
 #include <cmath>
 #include <csignal>
@@ -28,10 +28,11 @@ void OnInterrupt(int) {
 }
 
 struct CaptureOptions : DeviceWishes {
-    double seconds = 5;
+    double seconds = 0; // 0: until Ctrl-C
     std::string snapshotPath;
     double rate = 0;                   // frames per second; 0 leaves it to the device
     bool rewind = false, play = false; // drive a deck's tape around the capture
+    bool overwrite = false, quiet = false, json = false;
     // What the recording is encoded as: "" is the library's default video codec (H.264; a
     // deck's DV stays DV); -1 the default quality.
     std::string codec;
@@ -40,30 +41,42 @@ struct CaptureOptions : DeviceWishes {
     bool recordingChosen = false; // any of --codec, --quality, --audio-codec given
 };
 
-void PrintUsage() {
-    printf("usage: tavix capture NAME [--audio NAME] [--seconds N] [--record FILE]\n"
-           "                          [--snapshot FILE.png] [--format FOURCC] [--size WxH]\n"
-           "                          [--rate FPS] [--set KEY=VALUE]... [--rewind] [--play]\n"
-           "                          [--codec NAME] [--quality N] [--audio-codec NAME]\n\n"
-           "Captures from device NAME (and sound from --audio NAME) for N seconds (5), showing\n"
-           "frames, dropped frames, timecode, sound level and file size, then a summary.\n"
-           "  --record FILE      records to a movie file (.mov, .mp4 or .mkv)\n"
-           "  --codec NAME       the recording's pictures: h264 (default; a deck's DV stays\n"
-           "                     DV), ffv1 (lossless; .mkv or .mov) or mjpeg (Motion-JPEG:\n"
-           "                     a Motion-JPEG camera's own pictures, stored unchanged)\n"
-           "  --quality N        H.264's constant rate factor: 0 (best) to 51 (smallest); 23\n"
-           "  --audio-codec NAME the recording's sound: aac (default) or pcm (.mov or .mkv)\n"
-           "  --snapshot FILE    writes the last frame as a PNG picture\n"
-           "  --format FOURCC    asks for a pixel format: 2vuy, yuvs, BGRA, ARGB, 420v, y420\n"
-           "  --size WxH         asks for a frame size, e.g. 640x480\n"
-           "  --rate FPS         asks for a frame rate the device offers at that size and\n"
-           "                     format (see tavix formats NAME), e.g. 60 or 29.97\n"
-           "  --set KEY=VALUE    sets a control before capture starts, e.g. brightness=200;\n"
-           "                     repeat it for more, in order (see tavix controls NAME)\n"
-           "  --rewind           rewinds a deck's tape to its start before capture starts\n"
-           "  --play             plays a deck's tape while capturing and stops it at the end;\n"
-           "                     a recording starts at the first frame's timecode\n"
-           "Ctrl-C stops early and keeps the recording.\n");
+void PrintUsage(FILE* out) {
+    fprintf(out,
+            "usage: tavix capture NAME [--audio NAME] [--seconds N] [--record FILE]\n"
+            "                          [--snapshot FILE] [--format FOURCC] [--size WxH]\n"
+            "                          [--rate FPS] [--set KEY=VALUE]... [--rewind] [--play]\n"
+            "                          [--codec NAME] [--quality N] [--audio-codec NAME]\n"
+            "                          [-y] [-q] [--json]\n\n"
+            "Captures from device NAME (and sound from --audio NAME) for N seconds, or until\n"
+            "Ctrl-C without --seconds, showing frames, dropped frames, timecode, sound level and\n"
+            "file size, then a summary.\n"
+            "  --seconds N        stops after N seconds (above 0, at most 86400)\n"
+            "  --record FILE      records to a movie file; its extension sets the container:\n"
+            "                     .mov (QuickTime), .mp4, .m4v, .mkv (Matroska) or .avi\n"
+            "  --codec NAME       the recording's pictures: h264 (default; a deck's DV stays\n"
+            "                     DV), ffv1 (lossless; .mkv or .mov) or mjpeg (Motion-JPEG:\n"
+            "                     a Motion-JPEG camera's own pictures, stored unchanged)\n"
+            "  --quality N        H.264's constant rate factor: 0 (best) to 51 (smallest); 23\n"
+            "  --audio-codec NAME the recording's sound: aac (default) or pcm (.mov, .mkv, .avi)\n"
+            "  --snapshot FILE    writes the last frame as a picture: .png or .jpg (.jpeg)\n"
+            "  -y, --overwrite    replaces an existing FILE (without it, the command refuses)\n"
+            "  --format FOURCC    asks for a pixel format, in any case: 2vuy, yuvs, 420v, 420f,\n"
+            "                     y420, 422v, 444v, BGRA, ARGB, RGBA, ABGR, 24RG, 24BG, L565,\n"
+            "                     B565, L008 (the device's are converted)\n"
+            "  --size WxH         asks for a frame size, e.g. 640x480; the recording has this\n"
+            "                     size too when the device offers it, in any pixel format\n"
+            "  --rate FPS         asks for a frame rate the device offers at that size and\n"
+            "                     format (see tavix formats NAME), e.g. 60 or 29.97\n"
+            "  --set KEY=VALUE    sets a control before capture starts, e.g. brightness=200;\n"
+            "                     repeat it for more, in order (see tavix controls NAME)\n"
+            "  --rewind           rewinds a deck's tape to its start before capture starts\n"
+            "  --play             plays a deck's tape while capturing and stops it at the end;\n"
+            "                     a recording starts at the first frame's timecode\n"
+            "  -q, --quiet        no status line while capturing\n"
+            "  --json             prints the summary as JSON (the status line goes to\n"
+            "                     standard error)\n"
+            "Ctrl-C stops early and keeps the recording.\n");
 }
 
 bool ParseTapeOption(const std::string& argument, CaptureOptions& options) {
@@ -131,14 +144,23 @@ int ParseOptions(int argc, char** argv, CaptureOptions& options, bool& help) {
             PrintError("%s needs a value", argument.c_str());
             return kExitUsage;
         }
-        if (argument == "--seconds") {
+        if (argument == "-y" || argument == "--overwrite") {
+            options.overwrite = true;
+        } else if (argument == "-q" || argument == "--quiet") {
+            options.quiet = true;
+        } else if (argument == "--json") {
+            options.json = true;
+        } else if (argument == "--seconds") {
             if (!ParseSeconds(argv[++i], options.seconds)) {
-                PrintError("bad number of seconds \"%s\"", argv[i]);
+                PrintError("bad number of seconds \"%s\" (above 0, at most %.0f)", argv[i],
+                           kMaxSeconds);
                 return kExitUsage;
             }
         } else if (argument == "--rate") {
             if (!ParseRate(argv[++i], options.rate)) {
-                PrintError("bad frame rate \"%s\" (frames per second, such as 30)", argv[i]);
+                PrintError("bad frame rate \"%s\" (frames per second above 0, at most 1000, "
+                           "such as 30)",
+                           argv[i]);
                 return kExitUsage;
             }
         } else if (argument == "--codec" || argument == "--quality" ||
@@ -149,13 +171,62 @@ int ParseOptions(int argc, char** argv, CaptureOptions& options, bool& help) {
         } else if (argument == "--snapshot") {
             options.snapshotPath = argv[++i];
         } else if (ParseTapeOption(argument, options)) {
-        } else if (const int status = ParseDeviceWish(argc, argv, i, options); status != kExitOK) {
+        } else if (const int status = ParseDeviceWish(
+                       argc, argv, i, options,
+                       {"--seconds", "--snapshot", "--rate", "--overwrite", "--quiet", "--json",
+                        "--rewind", "--play", "--codec", "--quality", "--audio-codec"});
+                   status != kExitOK) {
             return status;
         }
     }
     if (const int status = CheckRecordingChoices(options); status != kExitOK)
         return status;
     return RequireDevice(options, "capture");
+}
+
+bool IsJPEGPath(const std::string& path) {
+    const std::string extension = ExtensionOf(path);
+    return extension == "jpg" || extension == "jpeg";
+}
+
+// What the files' names ask for, checked before the device is opened: a container or picture
+// type the command writes, and no existing file replaced without -y.
+bool FilesFit(const CaptureOptions& options) {
+    if (!options.recordPath.empty() && !IsMovieExtension(options.recordPath)) {
+        PrintError("cannot tell the container of %s from its extension (%s)",
+                   options.recordPath.c_str(), kMovieExtensions);
+        return false;
+    }
+    if (!options.snapshotPath.empty() && !IsJPEGPath(options.snapshotPath) &&
+        ExtensionOf(options.snapshotPath) != "png") {
+        PrintError("cannot tell the picture type of %s from its extension (.png, .jpg or .jpeg)",
+                   options.snapshotPath.c_str());
+        return false;
+    }
+    for (const std::string* path : {&options.recordPath, &options.snapshotPath})
+        if (!path->empty() && !MayWrite(*path, options.overwrite))
+            return false;
+    return true;
+}
+
+// What the opened device must offer for the options: pictures for a format, a size or a
+// snapshot, and a snapshot in a pixel format the command can make a picture of.
+bool DeviceFits(unsigned long device, const CaptureOptions& options) {
+    if (!WishesFitDevice(device, options))
+        return false;
+    const bool pictures = TavixDeviceHasMediaType(device, TavixDeviceMediaTypeVideo) ||
+                          TavixDeviceHasMediaType(device, TavixDeviceMediaTypeMuxed);
+    if (!options.snapshotPath.empty() && !pictures) {
+        PrintError("\"%s\" delivers no pictures, so there is no snapshot to take",
+                   options.device.c_str());
+        return false;
+    }
+    if (!options.snapshotPath.empty() && !ConvertsToRGB(options.pixelFormat)) {
+        PrintError("a snapshot cannot be made from pixel format %s",
+                   PixelFormatName(options.pixelFormat).c_str());
+        return false;
+    }
+    return true;
 }
 
 // The snapshot is written by the command itself once capture ends, so its path is checked
@@ -203,8 +274,8 @@ std::string SizeText(long long bytes) {
     return text;
 }
 
-void PrintStatus(unsigned long device, const CaptureStats& stats, const CaptureOptions& options,
-                 double elapsed, bool terminal) {
+void PrintStatus(FILE* out, unsigned long device, const CaptureStats& stats,
+                 const CaptureOptions& options, double elapsed, bool terminal) {
     std::string line;
     char part[96];
     snprintf(part, sizeof part, "%6.1f s  frames %llu  dropped %llu", elapsed,
@@ -234,10 +305,10 @@ void PrintStatus(unsigned long device, const CaptureStats& stats, const CaptureO
         }
     }
     if (terminal)
-        printf("\r%s\033[K", line.c_str());
+        fprintf(out, "\r%s\033[K", line.c_str());
     else
-        printf("%s\n", line.c_str());
-    fflush(stdout);
+        fprintf(out, "%s\n", line.c_str());
+    fflush(out);
 }
 
 bool TakeSnapshot(CaptureStats& stats, const std::string& path) {
@@ -253,10 +324,13 @@ bool TakeSnapshot(CaptureStats& stats, const std::string& path) {
     std::vector<uint8_t> rgb;
     if (!ConvertToRGB(stats.snapshot, rgb)) {
         PrintError("cannot make a picture from pixel format %s",
-                   FourCCText(stats.snapshot.pixelFormat).c_str());
+                   PixelFormatName(stats.snapshot.pixelFormat).c_str());
         return false;
     }
-    if (!WritePNG(path, rgb, stats.snapshot.width, stats.snapshot.height)) {
+    const bool written = IsJPEGPath(path)
+                             ? WriteJPEG(path, rgb, stats.snapshot.width, stats.snapshot.height)
+                             : WritePNG(path, rgb, stats.snapshot.width, stats.snapshot.height);
+    if (!written) {
         PrintError("cannot write %s: %s", path.c_str(), strerror(errno));
         return false;
     }
@@ -289,8 +363,11 @@ bool PrepareTape(unsigned long device, const CaptureOptions& options) {
     }
     if (options.rewind) {
         TavixDeviceSetTransportMode(device, TavixDeviceTransportModeRewind);
-        printf("rewinding \"%s\"\n", options.device.c_str());
-        fflush(stdout);
+        // Told where the status line goes, so that --json output stays JSON.
+        FILE* out = options.json ? stderr : stdout;
+        if (!options.quiet)
+            fprintf(out, "rewinding \"%s\"\n", options.device.c_str());
+        fflush(out);
         // A tape takes as long as it takes to rewind; Ctrl-C gives up.
         while (!interrupted && TavixDeviceGetTransportMode(device) != TavixDeviceTransportModeStop)
             usleep(50000);
@@ -310,7 +387,8 @@ void StopTape(unsigned long device, const CaptureOptions& options) {
     if (!options.play)
         return;
     TavixDeviceSetTransportMode(device, TavixDeviceTransportModeStop);
-    printf("  tape      %s\n", TransportModeText(TavixDeviceGetTransportMode(device)));
+    if (!options.json)
+        printf("  tape      %s\n", TransportModeText(TavixDeviceGetTransportMode(device)));
 }
 
 // The summary's tape lines: the timecode the capture ran over, its breaks, and the winding.
@@ -328,6 +406,82 @@ void PrintTapeSummary(const CaptureStats& stats) {
                stats.windingSeconds.load());
 }
 
+// What a capture did, for its summary.
+struct Summary {
+    const CaptureOptions& options;
+    const CaptureStats& stats;
+    double elapsed;
+    bool hasVideo, wantsAudio;
+    double rateInUse;
+    bool recordedAny;
+    unsigned long recorded, notRecorded;
+};
+
+void PrintSummary(const Summary& s) {
+    const double frames = static_cast<double>(s.stats.frames.load());
+    printf("\nCaptured %.1f s from \"%s\"%s%s\n", s.elapsed, s.options.device.c_str(),
+           s.options.audioDevice.empty() ? "" : " with sound from ",
+           s.options.audioDevice.empty() ? "" : ("\"" + s.options.audioDevice + "\"").c_str());
+    if (s.hasVideo)
+        printf("  video     %llu frames (%.1f per second), %llu dropped, %lu x %lu %s\n",
+               static_cast<unsigned long long>(s.stats.frames.load()),
+               s.elapsed > 0 ? frames / s.elapsed : 0,
+               static_cast<unsigned long long>(s.stats.droppedFrames.load()), s.stats.width.load(),
+               s.stats.height.load(), PixelFormatName(s.stats.pixelFormat).c_str());
+    if (s.hasVideo && s.rateInUse > 0)
+        printf("  rate      %.2f frames per second, as the device delivered them\n", s.rateInUse);
+    PrintTapeSummary(s.stats);
+    if (s.wantsAudio)
+        printf("  audio     %llu sample frames (%.1f s at 48 kHz), %.2f s lost\n",
+               static_cast<unsigned long long>(s.stats.sampleFrames.load()),
+               s.stats.sampleFrames / 48000.0, s.stats.soundLostSeconds.load());
+    if (!s.options.recordPath.empty()) {
+        printf("  recording %s (%s)", s.options.recordPath.c_str(),
+               SizeText(FileSize(s.options.recordPath)).c_str());
+        // Pictures the recorder dropped (its encoder fell behind, or the file failed).
+        if (s.recordedAny && s.hasVideo)
+            printf(", %lu frames recorded", s.recorded);
+        if (s.notRecorded > 0)
+            printf(", %lu frames not recorded", s.notRecorded);
+        printf("\n");
+    }
+}
+
+// The summary as one JSON object; absent parts (no pictures, no sound, no file) are left out.
+void PrintJsonSummary(const Summary& s) {
+    const CaptureStats& stats = s.stats;
+    printf("{\"device\": %s, \"seconds\": %.3f", JsonText(s.options.device).c_str(), s.elapsed);
+    if (!s.options.audioDevice.empty())
+        printf(", \"audioDevice\": %s", JsonText(s.options.audioDevice).c_str());
+    if (s.hasVideo)
+        printf(",\n \"video\": {\"frames\": %llu, \"dropped\": %llu, \"width\": %lu, "
+               "\"height\": %lu, \"pixelFormat\": %s, \"framesPerSecond\": %.3f}",
+               static_cast<unsigned long long>(stats.frames.load()),
+               static_cast<unsigned long long>(stats.droppedFrames.load()), stats.width.load(),
+               stats.height.load(), JsonText(PixelFormatName(stats.pixelFormat)).c_str(),
+               s.rateInUse);
+    if (stats.hasTimecode)
+        printf(",\n \"timecode\": {\"first\": %s, \"last\": %s, \"breaks\": %llu}",
+               JsonText(TimecodeText(stats.firstTimecode)).c_str(),
+               JsonText(TimecodeText(stats.timecode)).c_str(),
+               static_cast<unsigned long long>(stats.timecodeBreaks.load()));
+    if (stats.windingSeconds > 0)
+        printf(",\n \"windingSeconds\": %.1f", stats.windingSeconds.load());
+    if (s.wantsAudio)
+        printf(",\n \"audio\": {\"sampleFrames\": %llu, \"sampleRate\": 48000, "
+               "\"lostSeconds\": %.3f}",
+               static_cast<unsigned long long>(stats.sampleFrames.load()),
+               stats.soundLostSeconds.load());
+    if (!s.options.recordPath.empty())
+        printf(",\n \"recording\": {\"path\": %s, \"bytes\": %lld, \"framesRecorded\": %lu, "
+               "\"framesNotRecorded\": %lu}",
+               JsonText(s.options.recordPath).c_str(), FileSize(s.options.recordPath), s.recorded,
+               s.notRecorded);
+    if (!s.options.snapshotPath.empty())
+        printf(",\n \"snapshot\": %s", JsonText(s.options.snapshotPath).c_str());
+    printf("}\n");
+}
+
 } // namespace
 
 int CaptureCommand(int argc, char** argv) {
@@ -335,10 +489,11 @@ int CaptureCommand(int argc, char** argv) {
     bool help = false;
     const int parsed = ParseOptions(argc, argv, options, help);
     if (help || parsed != kExitOK) {
-        if (help)
-            PrintUsage();
+        PrintUsage(help ? stdout : stderr);
         return parsed;
     }
+    if (!FilesFit(options))
+        return kExitFailure;
     if (!options.snapshotPath.empty() && !CanWrite(options.snapshotPath)) {
         PrintError("cannot write %s: %s", options.snapshotPath.c_str(), strerror(errno));
         return kExitFailure;
@@ -351,7 +506,7 @@ int CaptureCommand(int argc, char** argv) {
     action.sa_handler = OnInterrupt;
     sigaction(SIGINT, &action, nullptr);
     sigaction(SIGTERM, &action, nullptr);
-    if (!ApplySettings(device, options.settings) ||
+    if (!DeviceFits(device, options) || !ApplySettings(device, options.settings) ||
         (options.rate > 0 && !AskForRate(device, options)) || !PrepareTape(device, options) ||
         !TavixDeviceSetRecordingOptions(device, options.codec.c_str(), options.quality,
                                         options.audioCodec.c_str())) {
@@ -394,31 +549,37 @@ int CaptureCommand(int argc, char** argv) {
         PrintError("capturing without sound: %s", refused.c_str());
 
     const bool hasTransport = TavixDeviceIsTransportAvailable(device);
-    const bool terminal = isatty(STDOUT_FILENO) != 0;
+    // With --json, standard output carries only the summary.
+    FILE* statusOut = options.json ? stderr : stdout;
+    const bool terminal = isatty(fileno(statusOut)) != 0;
+    const bool status = !options.quiet;
     const double begin = MonotonicSeconds();
     double elapsed = 0, lastPlainLine = 0;
     double rateInUse = 0; // the device's, once a picture has said it
-    while (!interrupted && (elapsed = MonotonicSeconds() - begin) < options.seconds) {
+    while (!interrupted &&
+           ((elapsed = MonotonicSeconds() - begin) < options.seconds || options.seconds == 0)) {
         if (hasTransport)
             NoteTransport(stats, TavixDeviceGetTransportMode(device), MonotonicSeconds());
-        if (terminal || elapsed - lastPlainLine >= 1) {
-            PrintStatus(device, stats, options, elapsed, terminal);
+        if (status && (terminal || elapsed - lastPlainLine >= 1)) {
+            PrintStatus(statusOut, device, stats, options, elapsed, terminal);
             lastPlainLine = elapsed;
         }
         if (rateInUse == 0)
             TavixDeviceGetCaptureFrameRate(device, &rateInUse);
         usleep(100000);
         if (!TavixDeviceIsConnected(device)) {
-            if (terminal)
-                printf("\n");
+            if (status && terminal)
+                fprintf(statusOut, "\n");
             PrintError("\"%s\" was disconnected", options.device.c_str());
             break;
         }
     }
     elapsed = MonotonicSeconds() - begin;
-    PrintStatus(device, stats, options, elapsed, terminal);
-    if (terminal)
-        printf("\n");
+    if (status) {
+        PrintStatus(statusOut, device, stats, options, elapsed, terminal);
+        if (terminal)
+            fprintf(statusOut, "\n");
+    }
 
     if (rateInUse == 0)
         TavixDeviceGetCaptureFrameRate(device, &rateInUse);
@@ -432,33 +593,12 @@ int CaptureCommand(int argc, char** argv) {
     // After the start's own text comes the reason a recording failed while being written.
     const std::string failed = LastError(device).substr(refused.size());
 
-    const double frames = static_cast<double>(stats.frames.load());
-    printf("\nCaptured %.1f s from \"%s\"%s%s\n", elapsed, options.device.c_str(),
-           options.audioDevice.empty() ? "" : " with sound from ",
-           options.audioDevice.empty() ? "" : ("\"" + options.audioDevice + "\"").c_str());
-    if (hasVideo)
-        printf("  video     %llu frames (%.1f per second), %llu dropped, %lu x %lu %s\n",
-               static_cast<unsigned long long>(stats.frames.load()),
-               elapsed > 0 ? frames / elapsed : 0,
-               static_cast<unsigned long long>(stats.droppedFrames.load()), stats.width.load(),
-               stats.height.load(), FourCCText(stats.pixelFormat).c_str());
-    if (hasVideo && rateInUse > 0)
-        printf("  rate      %.2f frames per second, as the device delivered them\n", rateInUse);
-    PrintTapeSummary(stats);
-    if (wantsAudio)
-        printf("  audio     %llu sample frames (%.1f s at 48 kHz), %.2f s lost\n",
-               static_cast<unsigned long long>(stats.sampleFrames.load()),
-               stats.sampleFrames / 48000.0, stats.soundLostSeconds.load());
-    if (!options.recordPath.empty()) {
-        printf("  recording %s (%s)", options.recordPath.c_str(),
-               SizeText(FileSize(options.recordPath)).c_str());
-        // Pictures the recorder dropped (its encoder fell behind, or the file failed).
-        if (recordedAny && hasVideo)
-            printf(", %lu frames recorded", recorded);
-        if (notRecorded > 0)
-            printf(", %lu frames not recorded", notRecorded);
-        printf("\n");
-    }
+    const Summary summary{options,   stats,       elapsed,  hasVideo,   wantsAudio,
+                          rateInUse, recordedAny, recorded, notRecorded};
+    if (options.json)
+        PrintJsonSummary(summary);
+    else
+        PrintSummary(summary);
     StopTape(device, options);
     TavixDeviceClose(device);
     TavixDeviceRelease(device);
@@ -466,7 +606,7 @@ int CaptureCommand(int argc, char** argv) {
         PrintError("%s", failed.c_str() + (failed[0] == ' ' ? 1 : 0));
         ok = false;
     }
-    if (!options.snapshotPath.empty() && ok)
+    if (!options.snapshotPath.empty() && ok && !options.json)
         printf("  snapshot  %s\n", options.snapshotPath.c_str());
     if (hasVideo && stats.frames == 0) {
         PrintError("no frames arrived");

@@ -83,23 +83,6 @@ std::string RangeText(const ControlInfo& control) {
     return range;
 }
 
-std::string JsonText(const std::string& text) {
-    std::string json = "\"";
-    for (const unsigned char c : text) {
-        if (c == '"' || c == '\\') {
-            json += '\\';
-            json += static_cast<char>(c);
-        } else if (c < 0x20) {
-            char escaped[8];
-            snprintf(escaped, sizeof escaped, "\\u%04x", c);
-            json += escaped;
-        } else {
-            json += static_cast<char>(c);
-        }
-    }
-    return json + "\"";
-}
-
 std::string JsonValue(const ControlInfo& control) {
     if (control.type == TavixControlTypeString)
         return JsonText(control.text);
@@ -217,22 +200,23 @@ bool Save(const std::string& path, const std::string& device, const std::string&
     return fclose(file) == 0;
 }
 
-void PrintUsage() {
-    printf("usage: tavix controls NAME [KEY=VALUE ...] [--json] [--save FILE] [--load FILE]\n\n"
-           "Lists the controls of device NAME (brightness, exposure, focus, gain, ...): key,\n"
-           "type, current value, range and step or menu items, default and flags. With\n"
-           "KEY=VALUE it sets them in the order given and prints each value set: a number\n"
-           "outside the range or off the step becomes the nearest allowed one; a menu takes an\n"
-           "item's name or its first word (exposure_auto=manual), a boolean on or off. The\n"
-           "first refusal ends the command with status 1 and the reason.\n"
-           "  --json       prints the list as JSON (after any settings)\n"
-           "  --save FILE  writes the values that can be set back, one KEY=VALUE a line, with\n"
-           "               the device's unique id in a comment\n"
-           "  --load FILE  sets the values of a saved file, in its order, before any KEY=VALUE;\n"
-           "               a file saved from another device (another unique id) is applied\n"
-           "               anyway, with a warning\n"
-           "To set a manual value whose auto control is on, turn the auto control off first:\n"
-           "  tavix controls NAME exposure_auto=manual exposure=200\n");
+void PrintUsage(FILE* out) {
+    fprintf(out,
+            "usage: tavix controls NAME [KEY=VALUE ...] [--json] [--save FILE] [--load FILE]\n\n"
+            "Lists the controls of device NAME (brightness, exposure, focus, gain, ...): key,\n"
+            "type, current value, range and step or menu items, default and flags. With\n"
+            "KEY=VALUE it sets them in the order given and prints each value set: a number\n"
+            "outside the range or off the step becomes the nearest allowed one; a menu takes an\n"
+            "item's name or its first word (exposure_auto=manual), a boolean on or off. The\n"
+            "first refusal ends the command with status 1 and the reason.\n"
+            "  --json       prints the list as JSON (after any settings)\n"
+            "  --save FILE  writes the values that can be set back, one KEY=VALUE a line, with\n"
+            "               the device's unique id in a comment\n"
+            "  --load FILE  sets the values of a saved file, in its order, before any KEY=VALUE;\n"
+            "               a file saved from another device (another unique id) is applied\n"
+            "               anyway, with a warning\n"
+            "To set a manual value whose auto control is on, turn the auto control off first:\n"
+            "  tavix controls NAME exposure_auto=manual exposure=200\n");
 }
 
 } // namespace
@@ -348,11 +332,12 @@ int ControlsCommand(int argc, char** argv) {
     for (int i = 1; i < argc; ++i) {
         const std::string argument = argv[i];
         if (argument == "--help" || argument == "-h") {
-            PrintUsage();
+            PrintUsage(stdout);
             return kExitOK;
         }
         if ((argument == "--save" || argument == "--load") && i + 1 >= argc) {
             PrintError("%s needs a file", argument.c_str());
+            PrintUsage(stderr);
             return kExitUsage;
         }
         if (argument == "--json")
@@ -362,7 +347,8 @@ int ControlsCommand(int argc, char** argv) {
         else if (argument == "--load")
             loadPath = argv[++i];
         else if (argument[0] == '-') {
-            PrintError("unknown option %s", argument.c_str());
+            PrintUnknownOption(argument, {"--json", "--save", "--load", "--help"});
+            PrintUsage(stderr);
             return kExitUsage;
         } else if (name.empty())
             name = argument;
@@ -370,11 +356,13 @@ int ControlsCommand(int argc, char** argv) {
             settings.push_back(argument);
         else {
             PrintError("\"%s\" is not KEY=VALUE", argument.c_str());
+            PrintUsage(stderr);
             return kExitUsage;
         }
     }
     if (name.empty()) {
-        PrintUsage();
+        PrintError("controls needs a device name (see tavix list)");
+        PrintUsage(stderr);
         return kExitUsage;
     }
     std::vector<std::string> loaded;

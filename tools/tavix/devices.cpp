@@ -64,6 +64,22 @@ std::string SoundDeviceName(const std::string& nameOrId) {
     return search.name;
 }
 
+// Says that no device answers to `name`, with the nearest name when it looks misspelt.
+void PrintNoDevice(const std::string& name) {
+    if (name.rfind("/dev/", 0) == 0) {
+        PrintError("no camera at %s: it is missing or not a capture node (see tavix list)",
+                   name.c_str());
+        return;
+    }
+    const std::string nearest = NearestWord(name, DeviceNames(TavixDeviceMediaTypeAny));
+    if (!nearest.empty())
+        PrintError("no capture device named \"%s\" (did you mean \"%s\"?)", name.c_str(),
+                   nearest.c_str());
+    else
+        PrintError("no capture device named \"%s\", nor with that id (see tavix list)",
+                   name.c_str());
+}
+
 std::string UniqueIdOf(unsigned long device) {
     char id[1024];
     return TavixDeviceGetUniqueID(device, id, sizeof id) ? id : "";
@@ -144,9 +160,49 @@ struct FormatCollector : ITavixDeviceFormatEnumerator {
     }
 };
 
+// One format as a JSON object: a sound format with its details, a video format with its size
+// and rates (the fastest of each entry).
+std::string FormatJson(unsigned long device, const FormatCollector::Entry& entry) {
+    std::string json =
+        std::string("{\"media\": \"") + (entry.video ? "video" : "audio") + "\", \"format\": " +
+        JsonText(entry.video ? PixelFormatName(entry.format) : FourCCText(entry.format));
+    if (!entry.video) {
+        std::string details;
+        for (const std::string& detail : SoundFormatTexts(device, entry.format))
+            details += (details.empty() ? "" : ", ") + JsonText(detail);
+        return json + ", \"details\": [" + details + "]}";
+    }
+    std::string rates;
+    char rate[32];
+    for (const TavixFrameRate_C& offered :
+         OfferedRates(device, entry.format, entry.width, entry.height)) {
+        snprintf(rate, sizeof rate, "%s%g", rates.empty() ? "" : ", ", offered.framesPerSecond);
+        rates += rate;
+    }
+    return json + ", \"width\": " + std::to_string(entry.width) +
+           ", \"height\": " + std::to_string(entry.height) + ", \"framesPerSecond\": [" + rates +
+           "]}";
+}
+
+void PrintListUsage(FILE* out) {
+    fprintf(out, "usage: tavix list [--watch | --json]\n\n"
+                 "Lists the capture devices with their media types, unique ids and state.\n"
+                 "  --watch  then prints a line for each device that arrives or leaves, until "
+                 "Ctrl-C\n"
+                 "  --json   prints the list as JSON\n\n"
+                 "Wherever a command takes a device NAME, it also takes the device's unique id\n"
+                 "or a camera's /dev/videoN path.\n");
+}
+
+void PrintFormatsUsage(FILE* out) {
+    fprintf(out, "usage: tavix formats NAME [--json]\n\nLists the audio and video formats device "
+                 "NAME delivers: sound\nwith its rate, channels and sample size, pictures with "
+                 "their size and frame rates.\n  --json   prints them as JSON\n");
+}
+
 // A sound format with its rate, channels and sample size; a video format with its rates.
 void PrintFormat(unsigned long device, const FormatCollector::Entry& entry) {
-    const std::string code = FourCCText(entry.format);
+    const std::string code = entry.video ? PixelFormatName(entry.format) : FourCCText(entry.format);
     if (!entry.video) {
         const std::vector<std::string> details = SoundFormatTexts(device, entry.format);
         if (details.empty())
@@ -185,23 +241,37 @@ unsigned long GetDeviceByName(const char* name) {
 }
 
 int ListCommand(int argc, char** argv) {
-    const bool watch = argc == 2 && strcmp(argv[1], "--watch") == 0;
-    if (WantsHelp(argc, argv) || (argc > 1 && !watch)) {
-        printf("usage: tavix list [--watch]\n\n"
-               "Lists the capture devices with their media types, unique ids and state.\n"
-               "  --watch  then prints a line for each device that arrives or leaves, until "
-               "Ctrl-C\n\n"
-               "Wherever a command takes a device NAME, it also takes the device's unique id\n"
-               "or a camera's /dev/videoN path.\n");
-        return WantsHelp(argc, argv) ? kExitOK : kExitUsage;
+    bool watch = false, json = false;
+    for (int i = 1; i < argc; ++i) {
+        const std::string argument = argv[i];
+        if (argument == "--help" || argument == "-h")
+            return PrintListUsage(stdout), kExitOK;
+        if (argument == "--watch")
+            watch = true;
+        else if (argument == "--json")
+            json = true;
+        else if (argument[0] == '-')
+            return PrintUnknownOption(argument, {"--watch", "--json", "--help"}),
+                   PrintListUsage(stderr), kExitUsage;
+        else
+            return PrintError("list takes no device name (\"%s\"); tavix formats NAME tells "
+                              "about one device",
+                              argv[i]),
+                   PrintListUsage(stderr), kExitUsage;
     }
+    if (watch && json)
+        return PrintError("--watch and --json do not go together"), PrintListUsage(stderr),
+               kExitUsage;
     if (watch) {
         const sigset_t stops = StopSignals();
         pthread_sigmask(SIG_BLOCK, &stops, nullptr);
     }
     const std::vector<std::string> names = DeviceNames(TavixDeviceMediaTypeAny);
-    if (names.empty())
+    if (names.empty() && !json)
         printf("no capture devices\n");
+    if (json)
+        printf("[");
+    bool first = true;
     for (const std::string& name : names) {
         DeviceReference device(name.c_str());
         if (device.handle == 0)
@@ -213,53 +283,96 @@ int ListCommand(int argc, char** argv) {
             media = "video";
         else if (TavixDeviceHasMediaType(device.handle, TavixDeviceMediaTypeSound))
             media = "sound";
-        std::string state = TavixDeviceIsConnected(device.handle) ? "connected" : "not connected";
-        if (TavixDeviceIsUsedByAnotherApplication(device.handle))
+        const bool connected = TavixDeviceIsConnected(device.handle);
+        const bool inUse = TavixDeviceIsUsedByAnotherApplication(device.handle);
+        const bool transport = TavixDeviceIsTransportAvailable(device.handle);
+        if (json) {
+            printf("%s\n  {\"name\": %s, \"media\": \"%s\", \"id\": %s, \"connected\": %s, "
+                   "\"inUse\": %s, \"transport\": %s}",
+                   first ? "" : ",", JsonText(name).c_str(), media.c_str(),
+                   JsonText(UniqueIdOf(device.handle)).c_str(), connected ? "true" : "false",
+                   inUse ? "true" : "false", transport ? "true" : "false");
+            first = false;
+            continue;
+        }
+        std::string state = connected ? "connected" : "not connected";
+        if (inUse)
             state += ", in use by another application";
-        if (TavixDeviceIsTransportAvailable(device.handle))
+        if (transport)
             state += ", transport controls";
         printf("%-32s  %-5s  %-40s  %s\n", name.c_str(), media.c_str(),
                UniqueIdOf(device.handle).c_str(), state.c_str());
     }
+    if (json)
+        printf("\n]\n");
     return watch ? WatchDevices() : kExitOK;
 }
 
 int FormatsCommand(int argc, char** argv) {
-    if (WantsHelp(argc, argv) || argc != 2) {
-        printf("usage: tavix formats NAME\n\nLists the audio and video formats device NAME "
-               "delivers: sound\nwith its rate, channels and sample size, pictures with their "
-               "size and frame rates.\n");
-        return WantsHelp(argc, argv) ? kExitOK : kExitUsage;
+    std::string name;
+    bool json = false;
+    for (int i = 1; i < argc; ++i) {
+        const std::string argument = argv[i];
+        if (argument == "--help" || argument == "-h")
+            return PrintFormatsUsage(stdout), kExitOK;
+        if (argument == "--json")
+            json = true;
+        else if (argument[0] == '-')
+            return PrintUnknownOption(argument, {"--json", "--help"}), PrintFormatsUsage(stderr),
+                   kExitUsage;
+        else if (name.empty())
+            name = argument;
+        else
+            return PrintError("unexpected argument \"%s\"", argv[i]), PrintFormatsUsage(stderr),
+                   kExitUsage;
     }
-    DeviceReference device(argv[1]);
+    if (name.empty())
+        return PrintError("formats needs a device name (see tavix list)"),
+               PrintFormatsUsage(stderr), kExitUsage;
+    DeviceReference device(name.c_str());
     if (device.handle == 0) {
-        PrintError("no capture device named \"%s\", nor with that id (see tavix list)", argv[1]);
+        PrintNoDevice(name.c_str());
         return kExitFailure;
     }
     if (!TavixDeviceOpen(device.handle)) {
-        PrintError("cannot open \"%s\"", argv[1]);
+        PrintError("cannot open \"%s\"", name.c_str());
         return kExitFailure;
     }
-    printf("%s\n", argv[1]);
     FormatCollector formats;
     const bool listed = TavixDeviceFormatEnumerate(device.handle, &formats);
-    for (const FormatCollector::Entry& entry : formats.entries)
-        PrintFormat(device.handle, entry);
+    if (json) {
+        printf("{\"device\": %s, \"formats\": [", JsonText(name).c_str());
+        for (size_t i = 0; i < formats.entries.size(); ++i)
+            printf("%s\n  %s", i == 0 ? "" : ",",
+                   FormatJson(device.handle, formats.entries[i]).c_str());
+        printf("\n]}\n");
+    } else {
+        printf("%s\n", name.c_str());
+        for (const FormatCollector::Entry& entry : formats.entries)
+            PrintFormat(device.handle, entry);
+    }
     TavixDeviceClose(device.handle);
     if (!listed) {
-        PrintError("cannot read the formats of \"%s\"", argv[1]);
+        PrintError("cannot read the formats of \"%s\"", name.c_str());
         return kExitFailure;
     }
-    if (formats.entries.empty())
+    if (formats.entries.empty() && !json)
         printf("  no formats\n");
     return kExitOK;
 }
 
 int TransportCommand(int argc, char** argv) {
-    if (WantsHelp(argc, argv) || argc != 3) {
-        printf("usage: tavix transport NAME play|stop|rewind|ff|status\n\nDrives the tape "
-               "transport of device NAME, or shows what it is doing.\n");
-        return WantsHelp(argc, argv) ? kExitOK : kExitUsage;
+    const auto usage = [](FILE* out) {
+        fprintf(out, "usage: tavix transport NAME play|stop|rewind|ff|status\n\nDrives the tape "
+                     "transport of device NAME, or shows what it is doing.\n");
+    };
+    if (WantsHelp(argc, argv))
+        return usage(stdout), kExitOK;
+    if (argc != 3) {
+        PrintError(argc < 3 ? "transport needs a device name and an action"
+                            : "transport takes a device name and one action");
+        usage(stderr);
+        return kExitUsage;
     }
     const std::string action = argv[2];
     TavixDeviceTransportMode mode = TavixDeviceTransportModeStop;
@@ -270,12 +383,16 @@ int TransportCommand(int argc, char** argv) {
     else if (action == "ff")
         mode = TavixDeviceTransportModeFastForward;
     else if (action != "stop" && action != "status") {
-        PrintError("unknown transport action \"%s\" (play, stop, rewind, ff or status)", argv[2]);
+        const std::string nearest = NearestWord(action, {"play", "stop", "rewind", "ff", "status"});
+        PrintError("unknown transport action \"%s\" (%s%splay, stop, rewind, ff or status)",
+                   argv[2], nearest.empty() ? "" : ("did you mean " + nearest + "? ").c_str(),
+                   nearest.empty() ? "" : "one of ");
+        usage(stderr);
         return kExitUsage;
     }
     DeviceReference device(argv[1]);
     if (device.handle == 0) {
-        PrintError("no capture device named \"%s\", nor with that id (see tavix list)", argv[1]);
+        PrintNoDevice(argv[1]);
         return kExitFailure;
     }
     if (!TavixDeviceOpen(device.handle)) {
@@ -305,8 +422,7 @@ int TransportCommand(int argc, char** argv) {
 unsigned long OpenNamedDevice(const std::string& name, std::string& audioName) {
     const unsigned long device = GetDeviceByName(name.c_str());
     if (device == 0) {
-        PrintError("no capture device named \"%s\", nor with that id (see tavix list)",
-                   name.c_str());
+        PrintNoDevice(name.c_str());
         return 0;
     }
     if (!audioName.empty()) {

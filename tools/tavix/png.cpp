@@ -1,8 +1,11 @@
 #include "png.h"
 
-#include <algorithm>
-#include <cstdio>
+#include <turbojpeg.h>
 #include <zlib.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
 
 namespace {
 
@@ -38,7 +41,31 @@ void PutChunk(std::vector<uint8_t>& out, const char* type, const std::vector<uin
                           crc32(0, out.data() + start, static_cast<uInt>(out.size() - start))));
 }
 
+// Where red, green and blue sit in a pixel of each packed RGB format (ARGB and 24RG are the
+// numbers 32 and 24, as the library delivers them).
+struct PackedRGB {
+    unsigned long format;
+    unsigned bytes, red, green, blue;
+};
+const PackedRGB kPackedRGB[] = {
+    {FourCC("BGRA"), 4, 2, 1, 0}, {0x20, 4, 1, 2, 3},           {FourCC("ARGB"), 4, 1, 2, 3},
+    {FourCC("RGBA"), 4, 0, 1, 2}, {FourCC("ABGR"), 4, 3, 2, 1}, {0x18, 3, 0, 1, 2},
+    {FourCC("24BG"), 3, 2, 1, 0},
+};
+
+const PackedRGB* FindPackedRGB(unsigned long format) {
+    for (const PackedRGB& packed : kPackedRGB)
+        if (packed.format == format)
+            return &packed;
+    return nullptr;
+}
+
 } // namespace
+
+bool ConvertsToRGB(unsigned long format) {
+    return format == 0 || FindPackedRGB(format) != nullptr || format == FourCC("2vuy") ||
+           format == FourCC("yuvs") || format == FourCC("420v") || format == FourCC("y420");
+}
 
 bool ConvertToRGB(const CapturedFrame& frame, std::vector<uint8_t>& rgb) {
     const unsigned long w = frame.width, h = frame.height, row = frame.bytesPerRow;
@@ -63,25 +90,17 @@ bool ConvertToRGB(const CapturedFrame& frame, std::vector<uint8_t>& rgb) {
             }
         return true;
     }
-    if (format == FourCC("BGRA") || format == FourCC("ARGB") || format == 0x20) {
-        if (row < w * 4 || size < row * h)
+    if (const PackedRGB* packed = FindPackedRGB(format)) {
+        if (row < w * packed->bytes || size < row * h)
             return false;
-        const bool bgra = format == FourCC("BGRA");
         for (unsigned long y = 0; y < h; ++y)
             for (unsigned long x = 0; x < w; ++x) {
-                const uint8_t* px = p + y * row + x * 4;
+                const uint8_t* px = p + y * row + x * packed->bytes;
                 uint8_t* out = &rgb[(y * w + x) * 3];
-                out[0] = bgra ? px[2] : px[1];
-                out[1] = bgra ? px[1] : px[2];
-                out[2] = bgra ? px[0] : px[3];
+                out[0] = px[packed->red];
+                out[1] = px[packed->green];
+                out[2] = px[packed->blue];
             }
-        return true;
-    }
-    if (format == FourCC("24RG")) {
-        if (row < w * 3 || size < row * h)
-            return false;
-        for (unsigned long y = 0; y < h; ++y)
-            std::copy(p + y * row, p + y * row + w * 3, &rgb[y * w * 3]);
         return true;
     }
     if (format == FourCC("420v") || format == FourCC("y420")) {
@@ -140,4 +159,29 @@ bool WritePNG(const std::string& path, const std::vector<uint8_t>& rgb, unsigned
         return false;
     const bool written = fwrite(file.data(), 1, file.size(), out) == file.size();
     return fclose(out) == 0 && written;
+}
+
+bool WriteJPEG(const std::string& path, const std::vector<uint8_t>& rgb, unsigned long width,
+               unsigned long height) {
+    tjhandle compressor = tjInitCompress();
+    if (compressor == nullptr)
+        return false;
+    unsigned char* jpeg = nullptr;
+    unsigned long jpegSize = 0;
+    const bool compressed =
+        tjCompress2(compressor, rgb.data(), static_cast<int>(width), 0, static_cast<int>(height),
+                    TJPF_RGB, &jpeg, &jpegSize, TJSAMP_420, 90, 0) == 0;
+    tjDestroy(compressor);
+    bool written = false;
+    if (compressed) {
+        FILE* out = fopen(path.c_str(), "wb");
+        if (out != nullptr) {
+            written = fwrite(jpeg, 1, jpegSize, out) == jpegSize;
+            written = fclose(out) == 0 && written;
+        }
+    } else {
+        errno = EINVAL;
+    }
+    tjFree(jpeg);
+    return written;
 }

@@ -98,6 +98,8 @@ bool PreviewSession::Start() {
     if (device == 0)
         return false;
     opened = true;
+    if (!WishesFitDevice(device, options))
+        return false;
     hasVideo = TavixDeviceHasMediaType(device, TavixDeviceMediaTypeVideo) ||
                TavixDeviceHasMediaType(device, TavixDeviceMediaTypeMuxed);
     wantsSound =
@@ -217,7 +219,7 @@ void PreviewSession::WriteSnapshot(const CapturedFrame& frame, double now) {
     std::vector<uint8_t> rgb;
     if (!ConvertToRGB(frame, rgb)) {
         Tell(now, true, "cannot make a picture from pixel format %s",
-             FourCCText(frame.pixelFormat).c_str());
+             PixelFormatName(frame.pixelFormat).c_str());
         return;
     }
     const std::string path = Unused("tavix-" + TimeStamp() + ".png");

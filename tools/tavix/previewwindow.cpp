@@ -39,9 +39,9 @@ const TextureFormat kTextureFormats[] = {
     {FourCC("420f"), SDL_PIXELFORMAT_NV12, SDL_YUV_CONVERSION_JPEG},
     {FourCC("y420"), SDL_PIXELFORMAT_IYUV, SDL_YUV_CONVERSION_BT601},
     {FourCC("BGRA"), SDL_PIXELFORMAT_ARGB8888, SDL_YUV_CONVERSION_BT601},
-    {FourCC("ARGB"), SDL_PIXELFORMAT_BGRA8888, SDL_YUV_CONVERSION_BT601},
+    {0x20, SDL_PIXELFORMAT_BGRA8888, SDL_YUV_CONVERSION_BT601}, // ARGB, as the library codes it
     {FourCC("RGBA"), SDL_PIXELFORMAT_ABGR8888, SDL_YUV_CONVERSION_BT601},
-    {FourCC("24RG"), SDL_PIXELFORMAT_RGB24, SDL_YUV_CONVERSION_BT601},
+    {0x18, SDL_PIXELFORMAT_RGB24, SDL_YUV_CONVERSION_BT601}, // 24RG, as the library codes it
     {FourCC("24BG"), SDL_PIXELFORMAT_BGR24, SDL_YUV_CONVERSION_BT601},
 };
 
@@ -284,7 +284,7 @@ private:
         state.framesPerSecond = framesPerSecond;
         state.droppedFrames = feed.stats.droppedFrames;
         if (textureFormat != nullptr)
-            state.format = FourCCText(textureFormat->pixelFormat) + " " +
+            state.format = PixelFormatName(textureFormat->pixelFormat) + " " +
                            std::to_string(textureWidth) + "x" + std::to_string(textureHeight);
         state.transport = transport;
         state.hasSound = session.HasSound();
@@ -356,7 +356,7 @@ bool WindowShowsPixelFormat(unsigned long pixelFormat) {
 std::string WindowPixelFormatList() {
     std::string list;
     for (const TextureFormat& format : kTextureFormats)
-        list += (list.empty() ? "" : ", ") + FourCCText(format.pixelFormat);
+        list += (list.empty() ? "" : ", ") + PixelFormatName(format.pixelFormat);
     return list;
 }
 

@@ -269,16 +269,19 @@ const virtualdevices::VideoMode*
 VirtualDevice::ChooseMode(const platform::StreamRequest& request) const {
     if ((!spec.video && !spec.muxed) || spec.videoModes.empty())
         return nullptr;
-    // A mode of the wished size (and format, when one is wished) is delivered natively; other
-    // wishes get the first mode, converted.
-    for (const virtualdevices::VideoMode& mode : spec.videoModes) {
-        const bool sizeFits = (request.width == 0 || request.width == mode.width) &&
-                              (request.height == 0 || request.height == mode.height);
-        const bool formatFits = request.pixelFormat == 0 ||
-                                request.pixelFormat == CanonicalPixelFormat(mode.pixelFormat);
-        if (sizeFits && formatFits)
-            return &mode;
-    }
+    // A mode of the wished size and format is delivered natively. The size comes before the
+    // format, as a V4L2 camera's does: a mode of the wished size in another format is converted
+    // (a recording, which stores the device's pictures, then has the size asked for). Other
+    // wishes get the first mode, converted and scaled.
+    for (const bool formatMatters : {true, false})
+        for (const virtualdevices::VideoMode& mode : spec.videoModes) {
+            const bool sizeFits = (request.width == 0 || request.width == mode.width) &&
+                                  (request.height == 0 || request.height == mode.height);
+            const bool formatFits = !formatMatters || request.pixelFormat == 0 ||
+                                    request.pixelFormat == CanonicalPixelFormat(mode.pixelFormat);
+            if (sizeFits && formatFits)
+                return &mode;
+        }
     return &spec.videoModes.front();
 }
 

@@ -1,6 +1,7 @@
 // Writes captured pictures and sound to a movie file with libavformat and libavcodec.
 //
-// The container follows the file's extension: ".mp4", ".mkv", otherwise QuickTime (".mov").
+// The container follows the file's extension: ".mov" (QuickTime), ".mp4" or ".m4v", ".mkv"
+// (Matroska) or ".avi"; a file with another extension, or none, is not recorded.
 // Pictures are encoded as H.264 (libx264) where that encoder exists, else MPEG-4 part 2; a
 // DV-sized stream from a tape deck can be kept as DV. Sound is 16-bit PCM, or AAC in ".mp4".
 // A MovieEncoding chooses otherwise: H.264 at a chosen quality, FFV1 (lossless), Motion-JPEG
@@ -19,6 +20,11 @@
 #include <string>
 
 #include "platform/pixelformats.h"
+
+// The extensions a recording may have, as a message lists them.
+extern const char* const kMovieFileExtensions;
+// Whether the file's extension names a container the recorder writes (in any case).
+bool IsMovieFilePath(const std::string& path);
 
 struct MovieVideoSettings {
     int width = 0;

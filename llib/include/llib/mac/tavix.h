@@ -151,18 +151,21 @@ TAVIX_EXPORT bool TavixDeviceCloseAudioDevice(unsigned long device);
 TAVIX_EXPORT bool TavixDeviceCloseAllAudioDevices(void);
 
 /* Starts capture on an open device. videoCallBack / audioCallBack may be NULL (no such
-   output). pixelFormat, width, height: 0 lets the device choose. Sound: format flags (0: 12,
-   signed packed integers), rate (0: 44100), channels (0: 2), bytes per sample (0: 2).
-   outputFilePath: a movie file to record into (.mov, .mp4, .mkv; NULL: none). False when the
-   device input, the video output or the recording could not be added (a running capture is
-   then torn down; nothing runs afterwards): a video output is refused for a pixel format or a size
-   (over 16384 pixels a side) the library cannot deliver, or on a device without pictures; a
-   recording for a file that cannot be created (a missing folder, no permission, a folder, an empty
-   path). A sound wish the library cannot meet (over 32 channels, a rate over 1 MHz, samples that
-   are neither 1- to 4-byte integers nor 4- or 8-byte floats), or sound from a device without any,
-   is refused too, but capture goes on without sound and the start answers true:
-   TavixDeviceGetLastError tells the host. A file that fails while being written (a full disk)
-   ends the recording without disturbing capture; what was written before plays. A second
+   output). pixelFormat, width, height: 0 lets the device choose; the device streams the size
+   asked for when it offers that size in any pixel format (the output converts the format), else
+   its nearest size, scaled for the output. Sound: format flags (0: 12, signed packed integers),
+   rate (0: 44100), channels (0: 2), bytes per sample (0: 2). outputFilePath: a movie file to
+   record into (NULL: none), its container set by its extension: .mov, .mp4 or .m4v, .mkv, .avi;
+   it holds the device's pictures, so it has the size asked for when the device offers it.
+   False when the device input, the video output or the recording could not be added (a running
+   capture is then torn down; nothing runs afterwards): a video output is refused for a pixel format
+   or a size (over 16384 pixels a side) the library cannot deliver, or on a device without pictures;
+   a recording for a file that cannot be created (a missing folder, no permission, a folder, an
+   empty path, an extension not listed). A sound wish the library cannot meet (over 32 channels, a
+   rate over 1 MHz, samples that are neither 1- to 4-byte integers nor 4- or 8-byte floats), or
+   sound from a device without any, is refused too, but capture goes on without sound and the start
+   answers true: TavixDeviceGetLastError tells the host. A file that fails while being written (a
+   full disk) ends the recording without disturbing capture; what was written before plays. A second
    start while capturing keeps the existing callbacks, and its file path is ignored while a
    recording runs. A refused start keeps the parts it built for the next start, which offers
    them again: a refused video output with its wishes, unless the next start gives new ones. */
