@@ -432,11 +432,14 @@ class Device:
           (a camera's companion microphone).
         - ``sample_rate``, ``channels``, ``dtype``: the sound to receive: 'float32' (default),
           'float64', 'int16', 'int32' or 'uint8' samples, converted by the library.
-        - ``record``: a movie file to record into at the same time (.mov, .mp4 or .mkv).
-        - ``codec``: the recording's pictures: 'h264', 'ffv1' (lossless; .mkv or .mov) or
-          'mjpeg' (a Motion-JPEG camera's own pictures are stored unchanged); None: H.264 (a deck's DV stays DV). ``quality``: H.264's constant rate
-          factor, 0 (best) to 51; None: 23. ``audio_codec``: 'aac' or 'pcm' (.mov or .mkv);
-          None: PCM, AAC in .mp4. A container that cannot hold a codec raises RecordingError.
+        - ``record``: a movie file to record into at the same time; its extension sets the
+          container: .mov, .mp4, .m4v, .mkv or .avi.
+        - ``codec``: the recording's pictures: 'h264', 'ffv1' (lossless; .mkv, .mov or .avi) or
+          'mjpeg' (a Motion-JPEG camera's own pictures are stored unchanged); None: H.264 (a
+          deck's DV stays DV where the container holds DV). ``quality``: H.264's constant rate
+          factor, 0 (best) to 51; None: 23. ``audio_codec``: 'aac' or 'pcm' (.mov, .mkv or
+          .avi); None: PCM, AAC in .mp4. A container that cannot hold a codec raises
+          RecordingError.
         - ``rate``: frames per second (or a ``FrameRate`` of ``Format.rates``); the device uses
           the offered rate nearest to it, which ``Session.rate`` reads back. None lets the
           device choose.
