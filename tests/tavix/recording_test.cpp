@@ -230,6 +230,39 @@ TEST_F(RecordingTest, ChosenCodecsAreWhatTheFileHolds) {
     EXPECT_EQ("aac", movie.Find("audio")->codecName);
 }
 
+// A Motion-JPEG camera's own JPEGs go into the file unchanged: the comment the virtual camera
+// writes into each JPEG is in the file only then, not when pictures are encoded again.
+TEST_F(RecordingTest, AMotionJPEGCamerasOwnPicturesAreStoredUnchanged) {
+    virtualdevices::VideoMode mode{kCVPixelFormatType_32BGRA, 320, 240, 30};
+    mode.jpeg = true;
+    virtualdevices::Add(CameraSpec("JPEG Camera", mode));
+    for (const char* camera : {"JPEG Camera", virtualdevices::kTestCameraName}) {
+        SCOPED_TRACE(camera);
+        const std::string path = temp / "jpeg.mkv";
+        CallbackLog log;
+        DeviceScope scope(TavixDeviceGet(camera, TavixDeviceMediaTypeVideo));
+        ASSERT_TRUE(TavixDeviceOpen(scope.handle));
+        ASSERT_TRUE(TavixDeviceSetRecordingOptions(scope.handle, "mjpeg", -1, nullptr));
+        ASSERT_TRUE(TavixDeviceStartCapture(scope.handle, LogFrame, DataOf(log), 0, 0, 0, nullptr,
+                                            0, 0, 0, 0, 0, path.c_str()));
+        ASSERT_TRUE(WaitUntil([&] { return log.frames >= 10; }));
+        ASSERT_TRUE(TavixDeviceStopCapture(scope.handle));
+        const ProbedMovie movie = ProbeMovie(path);
+        ASSERT_TRUE(movie.readable && movie.Find("video"));
+        EXPECT_EQ("mjpeg", movie.Find("video")->codecName);
+        std::string bytes;
+        if (FILE* file = fopen(path.c_str(), "rb")) {
+            char chunk[65536];
+            for (size_t got; (got = fread(chunk, 1, sizeof chunk, file)) > 0;)
+                bytes.append(chunk, got);
+            fclose(file);
+        }
+        EXPECT_EQ(camera == std::string("JPEG Camera"),
+                  bytes.find("Tavix Test Camera JPEG") != std::string::npos);
+        remove(path.c_str());
+    }
+}
+
 TEST_F(RecordingTest, PathsWithSpacesAndNonASCIINamesRecord) {
     for (const char* name : {"with space.mov", "Käse – ビデオ.mov", "folder é/x.mp4"}) {
         SCOPED_TRACE(name);

@@ -6,6 +6,7 @@
 #include <thread>
 #include <vector>
 
+#include "jpegpictures.h"
 #include "testpattern.h"
 
 namespace {
@@ -115,6 +116,8 @@ private:
                     }
                     if (device->controls != nullptr)
                         device->controls->OnPicture();
+                    if (videoMode.jpeg)
+                        sample.jpeg = jpegPictures.Compress(sample.video);
                     sample.frameRate = videoMode.frameRate;
                     produced = true;
                 }
@@ -193,6 +196,7 @@ private:
     double start;
     virtualdevices::VideoMode videoMode;
     std::unique_ptr<TestPattern> pattern;
+    JPEGPictures jpegPictures;
     CVPixelBufferPool* pool = nullptr;
     bool hasSound = false;
     size_t framesPerBuffer = 0;

@@ -25,6 +25,8 @@ struct VideoMode {
     size_t width = 0, height = 0;
     double frameRate = 30;               // the rate streamed unless another is asked for
     std::vector<double> otherRates = {}; // offered besides frameRate
+    // Each picture comes as JPEG too, as from a Motion-JPEG camera (32-bit BGRA modes only).
+    bool jpeg = false;
 };
 
 struct DeviceSpec {
