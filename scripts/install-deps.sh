@@ -14,6 +14,10 @@ packages=(
   # The Python package, its tests and its offline install check, from Debian (no Python package
   # index is reachable).
   python3-numpy python3-pytest python3-setuptools python3-pip python3-venv
+  # PipeWire: the library's backend (libpipewire, and GIO for the camera portal over D-Bus), and
+  # for its tests a private daemon with its session manager, a bus, and a mock portal.
+  libpipewire-0.3-dev libspa-0.2-dev libglib2.0-dev
+  pipewire pipewire-bin wireplumber dbus-daemon python3-dbusmock python3-gi
 )
 # Tests against the kernel's virtual capture drivers boot a small VM.
 vm_packages=(qemu-system-x86 busybox-static kmod v4l-utils alsa-utils)

@@ -17,6 +17,19 @@ const std::vector<DeviceBackend*>& DeviceBackends() {
     return *backends;
 }
 
+std::string DeviceListProblem() {
+    std::string problems;
+    for (DeviceBackend* backend : DeviceBackends()) {
+        const std::string problem = backend->Problem();
+        if (problem.empty())
+            continue;
+        if (!problems.empty())
+            problems += ' ';
+        problems += problem;
+    }
+    return problems;
+}
+
 double MonotonicSeconds() {
     timespec now{};
     clock_gettime(CLOCK_MONOTONIC, &now);

@@ -154,10 +154,17 @@ public:
     // The devices present now, in a stable order. The same device may come back as a new
     // object; the capture core keys devices by their unique id.
     virtual std::vector<std::shared_ptr<BackendDevice>> Enumerate() = 0;
+    // Why the last Enumerate could not list devices it should have (the camera portal is
+    // missing or refused access), as a sentence a host can show; empty when nothing was wrong.
+    virtual std::string Problem() { return {}; }
 };
 
 // The backends, real devices first and the virtual test devices last.
 const std::vector<DeviceBackend*>& DeviceBackends();
+
+// The problems the backends' last listings reported, one sentence after another; empty when
+// there were none.
+std::string DeviceListProblem();
 
 // The monotonic clock in seconds, the time base of every sample.
 double MonotonicSeconds();
