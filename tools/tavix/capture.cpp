@@ -460,11 +460,18 @@ void PrintJsonSummary(const Summary& s) {
                static_cast<unsigned long long>(stats.droppedFrames.load()), stats.width.load(),
                stats.height.load(), JsonText(PixelFormatName(stats.pixelFormat)).c_str(),
                s.rateInUse);
-    if (stats.hasTimecode)
-        printf(",\n \"timecode\": {\"first\": %s, \"last\": %s, \"breaks\": %llu}",
+    if (stats.hasTimecode) {
+        printf(",\n \"timecode\": {\"first\": %s, \"last\": %s, \"breaks\": %llu, "
+               "\"breakList\": [",
                JsonText(TimecodeText(stats.firstTimecode)).c_str(),
                JsonText(TimecodeText(stats.timecode)).c_str(),
                static_cast<unsigned long long>(stats.timecodeBreaks.load()));
+        for (size_t i = 0; i < stats.breaks.size(); ++i)
+            printf("%s{\"from\": %s, \"to\": %s}", i > 0 ? ", " : "",
+                   JsonText(TimecodeText(stats.breaks[i].first)).c_str(),
+                   JsonText(TimecodeText(stats.breaks[i].second)).c_str());
+        printf("]}");
+    }
     if (stats.windingSeconds > 0)
         printf(",\n \"windingSeconds\": %.1f", stats.windingSeconds.load());
     if (s.wantsAudio)

@@ -58,8 +58,12 @@ TapeTransport::Frame TapeTransport::At(double at) {
     time.mFlags = kSMPTETimeValid;
     if (stretch.state.speed != 0)
         time.mFlags |= kSMPTETimeRunning;
-    const long long position = frame.position;
-    time.mCounter = static_cast<UInt32>(position);
+    time.mCounter = static_cast<UInt32>(frame.position);
+    // The second session's timecode counts on from an hour where it begins.
+    const long long perHour = perSecond * 3600;
+    const long long secondSession = std::llround(kSecondSessionSeconds * rate);
+    const long long position =
+        frame.position < secondSession ? frame.position : frame.position - secondSession + perHour;
     time.mFrames = static_cast<SInt16>(position % perSecond);
     const long long seconds = position / perSecond;
     time.mSeconds = static_cast<SInt16>(seconds % 60);

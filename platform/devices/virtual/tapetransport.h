@@ -2,6 +2,10 @@
 // asked (10000 is normal), winding (not playing, speed not 0) moves it a tenth of the speed
 // value in frames per frame time, so fast forward and rewind run at 19 times normal speed;
 // stop holds it. A tape wound or played back to its start stops there, as a deck does.
+// The tape was recorded in two sessions: the first from its start, with timecode from
+// 00:00:00:00; the second from kSecondSessionSeconds on, by a recorder whose timecode was preset
+// to 01:00:00:00. So the timecode jumps there while the tape plays, as it does on many tapes
+// that come to be digitised.
 // Thread-safe.
 #pragma once
 
@@ -12,6 +16,7 @@
 
 class TapeTransport {
 public:
+    static constexpr double kSecondSessionSeconds = 3.0;
     explicit TapeTransport(double framesPerSecond);
     // The state at time `now`: stopped once the tape has run back to its start.
     platform::TransportState State(double now);
