@@ -1,6 +1,7 @@
 // The capture session: its inputs and outputs, and one capture thread per device input while
 // it runs.
 #include <algorithm>
+#include <vector>
 
 #include "capturethread.h"
 #include "outputchecks.h"
@@ -170,21 +171,31 @@ NSArray* QTCaptureSession::outputs() const {
 
 platform::StreamRequest QTCaptureSession::RequestFor(QTCaptureDeviceInput*) const {
     // The first video output's wishes (pixel format, size, frame interval) decide what the
-    // device is asked for; the outputs convert what it cannot deliver. The output is asked without
-    // the session's lock: a delegate call holds the output's lock and may stop the session, which
-    // takes the session's lock.
+    // device is asked for; the outputs convert what it cannot deliver. A recording that stores
+    // Motion-JPEG asks for the camera's own JPEGs. The outputs are asked without the session's
+    // lock: a delegate call holds the output's lock and may stop the session, which takes the
+    // session's lock.
     QTCaptureDecompressedVideoOutput* video = nullptr;
+    std::vector<QTCaptureMovieFileOutput*> movies;
     {
         std::lock_guard<std::recursive_mutex> locked(mutex);
-        for (QTCaptureOutput* output : outputList)
-            if ((video = dynamic_cast<QTCaptureDecompressedVideoOutput*>(output)) != nullptr) {
+        for (QTCaptureOutput* output : outputList) {
+            auto* movie = dynamic_cast<QTCaptureMovieFileOutput*>(output);
+            if (movie != nullptr)
+                movies.push_back(static_cast<QTCaptureMovieFileOutput*>(movie->retain()));
+            if (video == nullptr &&
+                (video = dynamic_cast<QTCaptureDecompressedVideoOutput*>(output)) != nullptr)
                 video->retain();
-                break;
-            }
+        }
     }
-    if (video == nullptr)
-        return platform::StreamRequest();
-    const platform::StreamRequest request = video->Request();
-    video->release();
+    platform::StreamRequest request;
+    if (video != nullptr) {
+        request = video->Request();
+        video->release();
+    }
+    for (QTCaptureMovieFileOutput* movie : movies) {
+        request.keepJPEG = request.keepJPEG || movie->encoding().video == MovieVideoCodec::MJPEG;
+        movie->release();
+    }
     return request;
 }

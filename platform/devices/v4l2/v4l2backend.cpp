@@ -102,10 +102,11 @@ void RequeueFrame(void* frame, const void*) {
 
 class V4L2Stream : public platform::DeviceStream {
 public:
-    V4L2Stream(std::unique_ptr<V4L2Camera> camera, OSType pixelFormat, OSType requested,
-               std::string deviceId)
+    V4L2Stream(std::unique_ptr<V4L2Camera> camera, OSType pixelFormat,
+               const platform::StreamRequest& request, std::string deviceId)
         : camera(std::move(camera)), pixelFormat(pixelFormat),
-          decodedFormat(MjpegDecoder::DeliveredFormat(requested)), deviceId(std::move(deviceId)) {
+          decodedFormat(MjpegDecoder::DeliveredFormat(request.pixelFormat)),
+          keepJPEG(request.keepJPEG), deviceId(std::move(deviceId)) {
         const V4L2Camera::StreamFormat& format = this->camera->format();
         colour = V4L2Colour(format.colorspace, format.ycbcrEncoding, format.quantization);
         fieldOrder = FieldOrderOf(format);
@@ -162,7 +163,7 @@ public:
         const V4L2Camera::StreamFormat& format = camera->format();
         sample.time = clock.timeOf(frame.timestamp, platform::MonotonicSeconds());
         sample.frameRate = format.interval.framesPerSecond();
-        if (IsMjpeg(format.fourcc))
+        if (keepJPEG && IsMjpeg(format.fourcc))
             sample.jpeg.assign(frame.data, frame.data + frame.bytesUsed);
         sample.video = IsMjpeg(format.fourcc)      ? Decode(frame)
                        : separatePlanes != nullptr ? Join(frame)
@@ -215,6 +216,7 @@ private:
     YCbCrColour colour;    // of the driver's frames, as it reports them
     FieldOrder fieldOrder; // of the driver's frames
     OSType decodedFormat;  // of Motion-JPEG pictures
+    bool keepJPEG;         // Motion-JPEG pictures are handed out as they came too
     MjpegDecoder decoder;
     const V4L2SeparatePlanes* separatePlanes = nullptr; // when the format's planes are apart
     CVPixelBufferPool* joinedPictures = nullptr;        // for those planes joined
@@ -302,8 +304,8 @@ public:
         const V4L2Camera::Status started = camera->start(kStreamBuffers);
         if (started == V4L2Camera::Status::Busy || started == V4L2Camera::Status::Gone)
             return nullptr;
-        auto stream = std::make_unique<V4L2Stream>(std::move(camera), delivered,
-                                                   request.pixelFormat, info.uniqueId);
+        auto stream =
+            std::make_unique<V4L2Stream>(std::move(camera), delivered, request, info.uniqueId);
         if (started != V4L2Camera::Status::Ok)
             stream->Fail();
         return stream;

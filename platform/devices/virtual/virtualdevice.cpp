@@ -20,8 +20,8 @@ constexpr uint64_t kStillPictures = 8;
 class VirtualStream : public platform::DeviceStream {
 public:
     VirtualStream(std::shared_ptr<VirtualDevice> device, const virtualdevices::VideoMode* mode,
-                  double framesPerSecond)
-        : device(std::move(device)), start(platform::MonotonicSeconds()) {
+                  double framesPerSecond, bool keepJPEG)
+        : device(std::move(device)), start(platform::MonotonicSeconds()), keepJPEG(keepJPEG) {
         ++this->device->openStreams;
         const virtualdevices::DeviceSpec& spec = this->device->spec;
         if (mode != nullptr) {
@@ -116,7 +116,7 @@ private:
                     }
                     if (device->controls != nullptr)
                         device->controls->OnPicture();
-                    if (videoMode.jpeg)
+                    if (videoMode.jpeg && keepJPEG)
                         sample.jpeg = jpegPictures.Compress(sample.video);
                     sample.frameRate = videoMode.frameRate;
                     produced = true;
@@ -194,6 +194,7 @@ private:
 
     std::shared_ptr<VirtualDevice> device;
     double start;
+    const bool keepJPEG; // a JPEG mode hands out its pictures as JPEG too
     virtualdevices::VideoMode videoMode;
     std::unique_ptr<TestPattern> pattern;
     JPEGPictures jpegPictures;
@@ -319,7 +320,7 @@ VirtualDevice::StartStream(const platform::StreamRequest& request) {
             framesPerSecond = interval.FramesPerSecond();
     }
     return std::unique_ptr<platform::DeviceStream>(
-        new VirtualStream(shared_from_this(), chosen, framesPerSecond));
+        new VirtualStream(shared_from_this(), chosen, framesPerSecond, request.keepJPEG));
 }
 
 std::vector<platform::DeviceControl> VirtualDevice::Controls() {

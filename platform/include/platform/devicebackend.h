@@ -78,6 +78,10 @@ struct StreamRequest {
     OSType pixelFormat = 0;
     size_t width = 0, height = 0;
     double framesPerSecond = 0; // the offered rate nearest to it is used
+    // A Motion-JPEG device also hands out each picture's JPEG (CapturedSample::jpeg), for a
+    // recording that stores the camera's own pictures; otherwise it leaves it out, saving a copy
+    // of every frame.
+    bool keepJPEG = false;
 };
 
 // One sample read from a stream: a picture, sound, or both (a muxed device).
