@@ -90,7 +90,8 @@ void Connection::OnCoreDone(void* data, uint32_t id, int seq) {
     auto* self = static_cast<Connection*>(data);
     if (id != PW_ID_CORE)
         return;
-    self->doneSeq = seq;
+    if (seq == self->roundtripSeq)
+        self->roundtripDone = true;
     for (auto& node : self->nodes)
         if (node->readySeq == seq) {
             node->info.formats = std::move(node->pending);
@@ -257,8 +258,9 @@ void Connection::Disconnect() {
 }
 
 bool Connection::Roundtrip(double deadline) {
-    const int seq = pw_core_sync(core, PW_ID_CORE, 0);
-    while (!broken && doneSeq != seq) {
+    roundtripDone = false;
+    roundtripSeq = pw_core_sync(core, PW_ID_CORE, 0);
+    while (!broken && !roundtripDone) {
         if (MonotonicSeconds() >= deadline)
             return false;
         pw_thread_loop_timed_wait(loop, 1);

@@ -78,7 +78,8 @@ private:
     pw_registry* registry = nullptr;
     spa_hook coreListener{}, registryListener{};
     bool broken = false;
-    int doneSeq = -1; // the last sync answered
+    int roundtripSeq = -1; // the sync a listing waits for
+    bool roundtripDone = false;
     std::vector<std::unique_ptr<Node>> nodes;
     std::vector<NodeWatcher*> watchers;
 };
