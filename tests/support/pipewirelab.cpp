@@ -148,7 +148,7 @@ bool ReadLine(int fd, std::string& line) {
 } // namespace
 
 std::string PipeWireLab::SkipReason() {
-    for (const char* program : {"pipewire", "wireplumber", "dbus-daemon"})
+    for (const char* program : {"pipewire", "wireplumber"})
         if (!Installed(program))
             return std::string(program) + " is not installed (scripts/install-deps.sh installs it)";
     return "";
