@@ -49,12 +49,6 @@ std::string IdentityOf(const spa_dict* props, bool isCamera) {
     return card.empty() || device.empty() ? "" : "alsa:" + card + "," + device;
 }
 
-const pw_core_events kCoreEvents = [] {
-    pw_core_events events{};
-    events.version = PW_VERSION_CORE_EVENTS;
-    return events;
-}();
-
 } // namespace
 
 struct Connection::Node {
@@ -227,7 +221,8 @@ bool Connection::Connect(std::string& problem) {
     }
     broken = false;
     static const pw_core_events coreEvents = [] {
-        pw_core_events e = kCoreEvents;
+        pw_core_events e{};
+        e.version = PW_VERSION_CORE_EVENTS;
         e.done = OnCoreDone;
         e.error = OnCoreError;
         return e;
