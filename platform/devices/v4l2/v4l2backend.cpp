@@ -234,6 +234,7 @@ public:
         result.uniqueId = info.uniqueId;
         result.displayName = info.displayName;
         result.hasVideo = true;
+        result.identity = info.path;
         return result;
     }
 
