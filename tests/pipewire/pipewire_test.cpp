@@ -250,6 +250,8 @@ TEST_F(PipeWireTest, RecordsAMovie) {
     EXPECT_EQ(640, video->width);
     EXPECT_EQ(480, video->height);
     EXPECT_EQ(long(recorded), video->frames);
+    // A second of sound and pictures, stamped with the source's times.
+    EXPECT_GT(video->duration, 0.5);
     const ProbedStream* audio = probed.Find("audio");
     ASSERT_NE(nullptr, audio);
     EXPECT_EQ(48000, audio->sampleRate);
