@@ -8,6 +8,8 @@
 #include <cstring>
 #include <mutex>
 
+#include <unistd.h>
+
 #include "platform/devicemonitor.h"
 #include "platform/devices/pipewire/pwportal.h"
 
@@ -217,8 +219,10 @@ bool Connection::Connect(std::string& problem) {
                    : pw_context_connect(context, nullptr, 0);
     if (core == nullptr) {
         pw_thread_loop_unlock(loop);
-        if (fd >= 0)
+        if (fd >= 0) {
+            close(fd);
             problem = "The camera portal's PipeWire connection does not answer.";
+        }
         return false;
     }
     broken = false;
