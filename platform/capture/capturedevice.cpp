@@ -42,17 +42,14 @@ NSArray* QTCaptureDevice::inputDevices() {
     std::vector<NSObject*> listed;
     std::lock_guard<std::mutex> locked(registryMutex);
     std::vector<std::string> seen;
-    for (platform::DeviceBackend* backend : platform::DeviceBackends()) {
-        for (const std::shared_ptr<platform::BackendDevice>& found : backend->Enumerate()) {
-            const platform::DeviceInfo info = found->Info();
-            QTCaptureDevice*& entry = Registry()[info.uniqueId];
-            if (entry == nullptr)
-                entry = new QTCaptureDevice(found);
-            else
-                entry->ReplaceBackendDevice(found);
-            listed.push_back(entry);
-            seen.push_back(info.uniqueId);
-        }
+    for (const platform::ListedDevice& found : platform::ListDevices(platform::DeviceBackends())) {
+        QTCaptureDevice*& entry = Registry()[found.info.uniqueId];
+        if (entry == nullptr)
+            entry = new QTCaptureDevice(found.device);
+        else
+            entry->ReplaceBackendDevice(found.device);
+        listed.push_back(entry);
+        seen.push_back(found.info.uniqueId);
     }
     // A device that vanished while open stays listed, reporting that it is not connected.
     for (auto& entry : Registry())

@@ -46,17 +46,13 @@ platform::MediaKind KindOf(const platform::DeviceInfo& info) {
 // while a test has it unplugged, and counts as gone then.
 DeviceList PresentDevices() {
     DeviceList present;
-    for (platform::DeviceBackend* backend : platform::DeviceBackends()) {
-        const bool isVirtual = strcmp(backend->Name(), "virtual") == 0;
-        for (const std::shared_ptr<platform::BackendDevice>& device : backend->Enumerate()) {
-            if (isVirtual && !device->IsConnected())
-                continue;
-            const platform::DeviceInfo info = device->Info();
-            platform::DeviceChange& entry = present[info.uniqueId];
-            entry.uniqueId = info.uniqueId;
-            entry.displayName = info.displayName;
-            entry.kind = KindOf(info);
-        }
+    for (const platform::ListedDevice& device : platform::ListDevices(platform::DeviceBackends())) {
+        if (strcmp(device.backend->Name(), "virtual") == 0 && !device.device->IsConnected())
+            continue;
+        platform::DeviceChange& entry = present[device.info.uniqueId];
+        entry.uniqueId = device.info.uniqueId;
+        entry.displayName = device.info.displayName;
+        entry.kind = KindOf(device.info);
     }
     return present;
 }

@@ -170,15 +170,30 @@ private:
     AudioBufferList list{};
 };
 
+// The card and device numbers of a hardware PCM ("hw:CARD=Loopback,DEV=1" on card 2 is
+// "alsa:2,1"), as other backends reaching the same hardware name it; empty for other PCMs.
+std::string IdentityOf(const std::string& pcmName) {
+    const int card = AlsaCardOf(pcmName);
+    if (card < 0)
+        return {};
+    const size_t comma = pcmName.find(',');
+    std::string device = comma == std::string::npos ? "0" : pcmName.substr(comma + 1);
+    if (device.compare(0, 4, "DEV=") == 0)
+        device = device.substr(4);
+    return "alsa:" + std::to_string(card) + "," + device.substr(0, device.find(','));
+}
+
 class AlsaDevice : public platform::BackendDevice {
 public:
-    explicit AlsaDevice(AlsaDeviceInfo info) : info(std::move(info)) {}
+    explicit AlsaDevice(AlsaDeviceInfo info)
+        : info(std::move(info)), identity(IdentityOf(this->info.pcmName)) {}
 
     platform::DeviceInfo Info() const override {
         platform::DeviceInfo result;
         result.uniqueId = info.uniqueId;
         result.displayName = info.displayName;
         result.hasSound = true;
+        result.identity = identity;
         return result;
     }
 
@@ -221,6 +236,7 @@ public:
 
 private:
     AlsaDeviceInfo info;
+    std::string identity;
 };
 
 class AlsaBackend : public platform::DeviceBackend {

@@ -232,6 +232,7 @@ public:
         result.uniqueId = info.uniqueId;
         result.displayName = info.displayName;
         result.hasVideo = true;
+        result.identity = info.path;
         return result;
     }
 

@@ -64,6 +64,10 @@ struct DeviceInfo {
     bool hasVideo = false;
     bool hasSound = false;
     bool isMuxed = false; // pictures and sound in one stream, as a DV deck
+    // The hardware the device reaches, named alike by every backend that reaches it: a
+    // camera's device node ("/dev/video0"), a sound card's PCM as card and device numbers
+    // ("alsa:1,0"). Empty when it has none (a virtual device, ALSA's default device).
+    std::string identity;
 };
 
 // A tape deck's transport: speed 10000 is normal forward play, negative runs backwards;
@@ -159,8 +163,25 @@ public:
     virtual std::string Problem() { return {}; }
 };
 
-// The backends, real devices first and the virtual test devices last.
+// The backends that list devices, in their order: those TAVIX_BACKENDS names (a comma list of
+// v4l2, pipewire, alsa, virtual), else all of them in that order. Read once per process.
 const std::vector<DeviceBackend*>& DeviceBackends();
+
+// The backends `names` (a comma list as TAVIX_BACKENDS takes it) picks from `all`, in its order;
+// all of them for a null or empty list. Unknown names are skipped.
+std::vector<DeviceBackend*> SelectBackends(const char* names,
+                                           const std::vector<DeviceBackend*>& all);
+
+// One device of a listing, with the backend that listed it.
+struct ListedDevice {
+    DeviceBackend* backend = nullptr;
+    std::shared_ptr<BackendDevice> device;
+    DeviceInfo info;
+};
+
+// The devices `backends` list, in order, each device once: a device whose identity an earlier
+// backend's device has too (a camera both V4L2 and PipeWire reach) is left to that backend.
+std::vector<ListedDevice> ListDevices(const std::vector<DeviceBackend*>& backends);
 
 // The problems the backends' last listings reported, one sentence after another; empty when
 // there were none.
