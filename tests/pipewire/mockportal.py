@@ -64,14 +64,6 @@ class Camera(dbus.service.Object):
             remote.connect(os.path.join(folder, "pipewire-0"))
             return dbus.types.UnixFd(remote)  # a duplicate travels
 
-    @dbus.service.method(dbus.PROPERTIES_IFACE, in_signature="ss", out_signature="v")
-    def Get(self, interface, name):
-        values = {"IsCameraPresent": dbus.Boolean(True), "version": dbus.UInt32(1)}
-        if interface != CAMERA or name not in values:
-            raise dbus.exceptions.DBusException(
-                "no such property", name="org.freedesktop.DBus.Error.InvalidArgs")
-        return values[name]
-
 
 def main():
     DBusGMainLoop(set_as_default=True)
