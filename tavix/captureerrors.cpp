@@ -1,7 +1,8 @@
-// Why a capture, a recording or a control change failed: the device's last error as text for
-// the host.
+// Why a capture, a recording or a control change failed, or why the device list came up short:
+// the last error as text for the host.
 #include <cstring>
 
+#include "platform/devicebackend.h"
 #include "tavixdevice.h"
 
 size_t WholeCharacters(const std::string& text, size_t limit) {
@@ -14,13 +15,26 @@ size_t WholeCharacters(const std::string& text, size_t limit) {
     return length;
 }
 
-bool TavixDeviceGetLastError(unsigned long handle, char* message, size_t size) {
-    const TavixDevice* device = TavixDevice::GetDevice(handle);
-    const std::string text = device != nullptr ? device->GetLastError() : std::string();
+namespace {
+
+// Copies as much of `text` as fits into message, terminated; true when there is any text.
+bool CopyError(const std::string& text, char* message, size_t size) {
     if (message != nullptr && size > 0) {
         const size_t length = WholeCharacters(text, size - 1);
         memcpy(message, text.data(), length);
         message[length] = 0;
     }
     return !text.empty();
+}
+
+} // namespace
+
+bool TavixDeviceGetLastError(unsigned long handle, char* message, size_t size) {
+    const TavixDevice* device = TavixDevice::GetDevice(handle);
+    return CopyError(device != nullptr ? device->GetLastError() : std::string(), message, size);
+}
+
+bool TavixDeviceGetListError(char* message, size_t size) {
+    // Each backend keeps what its own last listing found wrong.
+    return CopyError(platform::DeviceListProblem(), message, size);
 }

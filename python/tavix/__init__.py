@@ -15,7 +15,7 @@ system's loader and the usual install prefixes have it.
 
 from ._library import lib as _lib
 from .controls import Control, Controls
-from .device import Device, Format, devices, has_devices_in_use
+from .device import Device, Format, device_list_error, devices, has_devices_in_use
 from .devicechanges import DeviceEntry, DeviceEvent, on_device_change, watch_devices
 from .errors import (
     ControlError,
@@ -53,6 +53,7 @@ __all__ = [
     "TavixWarning",
     "Timecode",
     "Transport",
+    "device_list_error",
     "devices",
     "has_devices_in_use",
     "library_path",

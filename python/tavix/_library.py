@@ -197,6 +197,7 @@ _PROTOTYPES = {
         [c_handle, ctypes.POINTER(ctypes.c_ulong), ctypes.POINTER(ctypes.c_ulong)],
     ),
     "TavixDeviceGetLastError": (ctypes.c_bool, [c_handle, ctypes.c_char_p, ctypes.c_size_t]),
+    "TavixDeviceGetListError": (ctypes.c_bool, [ctypes.c_char_p, ctypes.c_size_t]),
     "TavixDeviceSetChangeCallBack": (ctypes.c_bool, [ChangeCallBack, ctypes.c_void_p]),
     "TavixDeviceEnumerateWithUniqueIDs": (
         None,

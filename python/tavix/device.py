@@ -61,6 +61,16 @@ def devices(
     return names
 
 
+def device_list_error() -> Optional[str]:
+    """Why the last listing left devices out (the camera portal is missing or refused access), or
+    None when nothing was wrong."""
+    text = ctypes.create_string_buffer(4096)
+    with thread_scope():
+        if not lib.TavixDeviceGetListError(text, len(text)):
+            return None
+    return text.value.decode("utf-8", "replace")
+
+
 def has_devices_in_use() -> bool:
     """True while any device handle of this process is in use (opened and not yet released)."""
     with thread_scope():

@@ -15,7 +15,9 @@ bool CameraPortalWanted();
 // Asks the portal for camera access and a PipeWire remote. Returns the connection's file
 // descriptor, which the caller owns; -1 with `reason` set to a sentence a host can show when
 // there is no session bus, no portal, access is refused, or the portal does not answer in time.
-// Blocks the calling thread while the portal asks the user.
+// Blocks the calling thread while the portal asks the user (up to three minutes). Any thread,
+// several at once: each call has its own bus connection and main context and leaves no GLib
+// state behind.
 int OpenCameraPortalRemote(std::string& reason);
 
 } // namespace platform::pipewire

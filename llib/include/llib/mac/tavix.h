@@ -32,7 +32,8 @@
      StopRecording or StopCapture in the same call: the new callback runs on a capture thread
      of its own, never inside the current call;
    - the queries (TavixDeviceIsCapturing, TavixDeviceIsOpened, TavixDeviceGetSMPTETime,
-     TavixDeviceGetRecordingFrameCounts, TavixDeviceGetLastError, the transport calls).
+     TavixDeviceGetRecordingFrameCounts, TavixDeviceGetLastError, TavixDeviceGetListError, the
+     transport calls).
    Everything the running call uses stays valid until it returns. A callback must not wait for
    another thread that calls into the library for the same device (invalidating, reading the
    timecode, stopping), which waits for the callback in turn. For the same reason a callback
@@ -395,6 +396,17 @@ TAVIX_EXPORT bool TavixDeviceEnumerateSoundFormats(unsigned long device,
    handle's last reference. Any thread, under the per-device rule; a query: a callback may call
    it for its own device. An addition to the original interface. */
 TAVIX_EXPORT bool TavixDeviceGetLastError(unsigned long device, char* message, size_t size);
+/* Why the last listing of the devices (an enumeration or a look-up, or the listing the library
+   makes itself when devices change) left out devices it should have shown, as UTF-8 sentences a
+   host can show: in a sandbox, or where TAVIX_CAMERA_PORTAL=1 sends the library through the
+   desktop's camera portal, that there is no session bus or no portal, that the portal refused
+   access or did not answer in time; the PipeWire devices are missing from the list then. Copies at
+   most size bytes into message, cut between whole characters and always terminated when size is not
+   0; message may be NULL when size is 0, to ask only whether there is an error. True when there is
+   one; false, with message empty, when the last listing found nothing wrong or there was none yet.
+   The text stays until the next listing. Any thread; a query: a callback may call it. An addition
+   to the original interface. */
+TAVIX_EXPORT bool TavixDeviceGetListError(char* message, size_t size);
 
 /* Additions to the original interface: device controls.
 
