@@ -29,6 +29,16 @@ const char* const kNoMainMonitors = "alsa_monitor.enabled = false\n"
                                     "libcamera_monitor.enabled = false\n";
 const char* const kNoBluetooth = "bluez_monitor.enabled = false\n";
 
+// A session bus of the lab's own that starts no service by itself: with the machine's session
+// configuration a portal installed on the machine would be started on demand, where the tests
+// want only the mock one (or none). %s is the socket's path.
+const char* const kBusConfig =
+    "<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN\"\n"
+    " \"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\">\n"
+    "<busconfig><type>session</type><auth>EXTERNAL</auth><listen>unix:path=%s</listen>\n"
+    "<policy context=\"default\"><allow send_destination=\"*\" eavesdrop=\"true\"/>\n"
+    "<allow eavesdrop=\"true\"/><allow own=\"*\"/></policy></busconfig>\n";
+
 bool Installed(const char* program) {
     const char* path = getenv("PATH");
     std::string folders = path ? path : "/usr/bin:/bin";
@@ -186,7 +196,9 @@ bool PipeWireLab::Start() {
     if (pipe2(address, O_CLOEXEC) != 0)
         return problem = "no pipe", false;
     const std::string listen = "--address=unix:path=" + folder / "bus";
-    const char* busArguments[] = {"dbus-daemon",     "--session",    "--nofork",
+    WriteFile(folder / "bus.conf", kBusConfig);
+    const std::string config = "--config-file=" + folder / "bus.conf";
+    const char* busArguments[] = {"dbus-daemon",     config.c_str(), "--nofork",
                                   "--print-address", listen.c_str(), nullptr};
     bus = Spawn(folder / "dbus.log", busArguments, -1, address[1]);
     close(address[1]);
@@ -210,9 +222,9 @@ bool PipeWireLab::Start() {
         WriteFile(dir + "/60-tavix-lab.lua",
                   strcmp(part, "main") == 0 ? kNoMainMonitors : kNoBluetooth);
     }
-    const std::string config = "XDG_CONFIG_HOME=" + folder / "config";
+    const std::string configHome = "XDG_CONFIG_HOME=" + folder / "config";
     const char* wireplumberArguments[] = {"wireplumber", nullptr};
-    const char* wireplumberEnvironment[] = {config.c_str(), nullptr};
+    const char* wireplumberEnvironment[] = {configHome.c_str(), nullptr};
     wireplumber =
         Spawn(folder / "wireplumber.log", wireplumberArguments, -1, -1, wireplumberEnvironment);
     // WirePlumber publishes the default-nodes metadata once its modules are loaded.
