@@ -12,24 +12,18 @@
 #include <algorithm>
 #include <cmath>
 #include <condition_variable>
-#include <deque>
 #include <map>
 #include <mutex>
 
 #include "platform/devices/alsa/alsacapture.h"
 #include "platform/devices/alsa/alsamixer.h"
+#include "platform/soundqueue.h"
 
 namespace {
 
 // Captured sound waiting for the session's capture thread, in seconds; beyond this the oldest is
 // dropped.
 constexpr double kMaxQueuedSeconds = 2;
-// What one read hands on at the most: the host's sound is converted in one area of this size,
-// at up to eight bytes a sample.
-constexpr size_t kConversionBytes = 65535;
-constexpr size_t kMostFramesPerRead = 4800;
-// Pieces whose times differ from back to back by less than this follow each other.
-constexpr double kContiguousSeconds = 0.005;
 // How long a probe of a PCM's native format is trusted before it is made again.
 constexpr double kProbeSeconds = 5;
 
@@ -88,20 +82,14 @@ public:
         return capture.start(
                    pcm,
                    [this](const uint8_t* samples, size_t frames, double timestamp) {
-                       Chunk chunk;
+                       platform::SoundQueue::Piece piece;
                        // The capture thread starts after the format is chosen.
                        const AlsaNativeFormat& native = capture.format();
-                       const size_t maxQueuedFrames = size_t(kMaxQueuedSeconds * native.rate);
-                       chunk.bytes.assign(samples, samples + frames * capture.bytesPerFrame());
-                       chunk.frames = frames;
-                       chunk.time = timestamp;
+                       piece.bytes.assign(samples, samples + frames * capture.bytesPerFrame());
+                       piece.frames = frames;
+                       piece.time = timestamp;
                        std::lock_guard<std::mutex> locked(mutex);
-                       while (!queue.empty() && queuedFrames + frames > maxQueuedFrames) {
-                           queuedFrames -= queue.front().frames;
-                           queue.pop_front();
-                       }
-                       queuedFrames += frames;
-                       queue.push_back(std::move(chunk));
+                       queue.Push(std::move(piece), size_t(kMaxQueuedSeconds * native.rate));
                        ready.notify_one();
                    },
                    [this] {
@@ -117,26 +105,10 @@ public:
     Result Read(int timeoutMs, platform::CapturedSample& sample) override {
         std::unique_lock<std::mutex> locked(mutex);
         ready.wait_for(locked, std::chrono::milliseconds(timeoutMs),
-                       [this] { return !queue.empty() || gone; });
-        if (queue.empty())
+                       [this] { return !queue.Empty() || gone; });
+        if (queue.Empty())
             return gone ? Result::Gone : Result::Timeout;
-        current = std::move(queue.front());
-        queue.pop_front();
-        queuedFrames -= current.frames;
-        // A reader that fell behind (a busy machine) takes what waits in one buffer, while the
-        // pieces follow each other without a gap and the buffer fits the host's conversion area
-        // in any format: fewer, larger buffers cost less, so it catches up.
-        const size_t most =
-            std::min<size_t>(kMostFramesPerRead, kConversionBytes / (format.mChannelsPerFrame * 8));
-        while (!queue.empty() && current.frames + queue.front().frames <= most &&
-               std::fabs(queue.front().time - current.time -
-                         double(current.frames) / format.mSampleRate) < kContiguousSeconds) {
-            Chunk& next = queue.front();
-            current.bytes.insert(current.bytes.end(), next.bytes.begin(), next.bytes.end());
-            current.frames += next.frames;
-            queuedFrames -= next.frames;
-            queue.pop_front();
-        }
+        current = queue.Pop(format.mSampleRate, format.mChannelsPerFrame);
         locked.unlock();
         list.mNumberBuffers = 1;
         list.mBuffers[0].mNumberChannels = format.mChannelsPerFrame;
@@ -154,19 +126,13 @@ private:
         return format.mBytesPerFrame != 0;
     }
 
-    struct Chunk {
-        std::vector<uint8_t> bytes;
-        size_t frames = 0;
-        double time = 0;
-    };
     AudioStreamBasicDescription format{};
     AlsaCapture capture;
     std::mutex mutex;
     std::condition_variable ready;
-    std::deque<Chunk> queue;
-    size_t queuedFrames = 0;
+    platform::SoundQueue queue;
     bool gone = false;
-    Chunk current; // what the last Read handed out, valid until the next
+    platform::SoundQueue::Piece current; // what the last Read handed out, valid until the next
     AudioBufferList list{};
 };
 

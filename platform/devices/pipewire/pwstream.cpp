@@ -22,6 +22,7 @@
 #include <mutex>
 
 #include "platform/devices/v4l2/mjpegdecoder.h"
+#include "platform/soundqueue.h"
 
 namespace platform::pipewire {
 namespace {
@@ -31,12 +32,6 @@ constexpr double kNegotiationSeconds = 10;
 // Pictures and sound waiting for the session's capture thread; beyond, the oldest are dropped.
 constexpr size_t kQueuedPictures = 3;
 constexpr double kQueuedSoundSeconds = 2;
-// What one read of sound hands on at the most: the host converts it in one area of this size,
-// at up to eight bytes a sample. Pieces whose times differ from back to back by less than
-// kContiguousSeconds follow each other.
-constexpr size_t kConversionBytes = 65535;
-constexpr size_t kMostFramesPerRead = 4800;
-constexpr double kContiguousSeconds = 0.005;
 // Buffers asked of the daemon: enough for the host to hold a few pictures while more arrive.
 constexpr int kStreamBuffers = 8;
 
@@ -186,40 +181,27 @@ public:
     DeviceStream::Result Read(int timeoutMs, CapturedSample& sample) {
         std::unique_lock<std::mutex> locked(mutex);
         ready.wait_for(locked, std::chrono::milliseconds(timeoutMs),
-                       [this] { return !queue.empty() || gone; });
-        if (queue.empty())
-            return gone ? DeviceStream::Result::Gone : DeviceStream::Result::Timeout;
-        Frame frame = std::move(queue.front());
-        queue.pop_front();
+                       [this] { return !queue.empty() || !sound.Empty() || gone; });
         if (!isCamera) {
-            queuedSoundFrames -= frame.soundFrames;
-            // A reader that fell behind takes what waits in one buffer, as far as the pieces
-            // follow each other and fit the host's conversion area in any format: fewer,
-            // larger buffers cost less, so it catches up.
-            const size_t most = std::min<size_t>(kMostFramesPerRead,
-                                                 kConversionBytes / (audio.mChannelsPerFrame * 8));
-            while (!queue.empty() && frame.soundFrames + queue.front().soundFrames <= most &&
-                   std::fabs(queue.front().time - frame.time -
-                             double(frame.soundFrames) / audio.mSampleRate) < kContiguousSeconds) {
-                Frame& next = queue.front();
-                frame.sound.insert(frame.sound.end(), next.sound.begin(), next.sound.end());
-                frame.soundFrames += next.soundFrames;
-                queuedSoundFrames -= next.soundFrames;
-                queue.pop_front();
-            }
-        }
-        locked.unlock();
-        sample.time = frame.time;
-        if (!isCamera) {
-            current = std::move(frame.sound);
+            if (sound.Empty())
+                return gone ? DeviceStream::Result::Gone : DeviceStream::Result::Timeout;
+            current = sound.Pop(audio.mSampleRate, audio.mChannelsPerFrame);
+            locked.unlock();
+            sample.time = current.time;
             list.mNumberBuffers = 1;
             list.mBuffers[0].mNumberChannels = audio.mChannelsPerFrame;
-            list.mBuffers[0].mDataByteSize = static_cast<UInt32>(current.size());
-            list.mBuffers[0].mData = current.data();
+            list.mBuffers[0].mDataByteSize = static_cast<UInt32>(current.bytes.size());
+            list.mBuffers[0].mData = current.bytes.data();
             sample.audio = &list;
             sample.audioFormat = audio;
             return DeviceStream::Result::Sample;
         }
+        if (queue.empty())
+            return gone ? DeviceStream::Result::Gone : DeviceStream::Result::Timeout;
+        Frame frame = std::move(queue.front());
+        queue.pop_front();
+        locked.unlock();
+        sample.time = frame.time;
         sample.frameRate = framesPerSecond;
         if (!frame.jpeg.empty()) {
             frame.video = decoder.Decode(frame.jpeg.data(), frame.jpeg.size(), decodedFormat);
@@ -403,14 +385,15 @@ private:
         std::deque<Frame> dropped;
         {
             std::lock_guard<std::mutex> locked(mutex);
-            queuedSoundFrames += frame.soundFrames;
-            queue.push_back(std::move(frame));
-            const size_t mostSound = size_t(kQueuedSoundSeconds * audio.mSampleRate);
-            while (queue.size() > 1 &&
-                   (isCamera ? queue.size() > kQueuedPictures : queuedSoundFrames > mostSound)) {
-                queuedSoundFrames -= queue.front().soundFrames;
-                dropped.push_back(std::move(queue.front()));
-                queue.pop_front();
+            if (!isCamera) {
+                sound.Push({std::move(frame.sound), frame.soundFrames, frame.time},
+                           size_t(kQueuedSoundSeconds * audio.mSampleRate));
+            } else {
+                queue.push_back(std::move(frame));
+                while (queue.size() > kQueuedPictures) {
+                    dropped.push_back(std::move(queue.front()));
+                    queue.pop_front();
+                }
             }
             ready.notify_one();
         }
@@ -540,12 +523,12 @@ private:
     // Under `mutex`: what waits for Read.
     std::mutex mutex;
     std::condition_variable ready;
-    std::deque<Frame> queue;
-    size_t queuedSoundFrames = 0;
+    std::deque<Frame> queue; // pictures
+    SoundQueue sound;
     bool gone = false;
     // The reader's.
     MjpegDecoder decoder;
-    std::vector<uint8_t> current; // the sound the last Read handed out
+    SoundQueue::Piece current; // the sound the last Read handed out
     AudioBufferList list{};
 };
 
