@@ -1,6 +1,7 @@
 #include "capturethread.h"
 
 #include <chrono>
+#include <thread>
 #include <condition_variable>
 #include <cstring>
 #include <mutex>
@@ -150,8 +151,14 @@ void CaptureThread::State::Run(std::shared_ptr<State> state) {
             state->Deliver(sample);
         CVPixelBufferRelease(sample.video);
         pool->drain();
-        if (result == platform::DeviceStream::Result::Gone)
+        if (result == platform::DeviceStream::Result::Gone) {
+            // Nothing more comes, but the device is let go of only when capture stops: a driver
+            // may bring its node back as soon as its last user closes it (vivid's unplug does),
+            // and the host would see the device return under its own ended capture.
+            while (!state->stopRequested.load())
+                std::this_thread::sleep_for(std::chrono::milliseconds(kReadTimeoutMs));
             break;
+        }
     }
     stream.reset();
     state->SetHoldsStream(false);

@@ -135,6 +135,7 @@ void ExpectDeliveryEndsAndCaptureStops(Take& take) {
     const double watchUntil = SteadySeconds() + 10 * interval;
     WaitUntil([&] { return SteadySeconds() > watchUntil; }, kPatience);
     EXPECT_EQ(frames, take.log.frames.load()) << "callbacks stop";
+    EXPECT_FALSE(TavixDeviceIsConnected(take.handle)) << "gone until capture stops";
     EXPECT_TRUE(TavixDeviceIsCapturing(take.handle));
     EXPECT_TRUE(take.Stop());
     if (frames > 0)
