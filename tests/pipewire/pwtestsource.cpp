@@ -131,20 +131,27 @@ void CameraFormatChanged(void* data, uint32_t id, const spa_pod* param) {
     pw_stream_update_params(source.camera, params, 2);
 }
 
-// A source that drives the graph makes its frames at the negotiated rate from a timer.
-void CameraStateChanged(void* data, pw_stream_state, pw_stream_state state, const char*) {
-    auto& source = *static_cast<Source*>(data);
+// A source that drives the graph makes its frames from a timer, every `interval` nanoseconds
+// while it streams.
+void RunWhileDriving(const Source& source, pw_stream* stream, pw_stream_state state,
+                     spa_source* timer, uint64_t interval) {
     pw_loop* loop = pw_main_loop_get_loop(source.loop);
-    if (state == PW_STREAM_STATE_STREAMING && pw_stream_is_driving(source.camera)) {
-        const uint32_t num = source.video.framerate.num ? source.video.framerate.num : 30;
-        const uint32_t denom = source.video.framerate.denom ? source.video.framerate.denom : 1;
-        const uint64_t interval = SPA_NSEC_PER_SEC * denom / num;
+    if (state == PW_STREAM_STATE_STREAMING && pw_stream_is_driving(stream)) {
         timespec first{0, 1},
             every{time_t(interval / SPA_NSEC_PER_SEC), long(interval % SPA_NSEC_PER_SEC)};
-        pw_loop_update_timer(loop, source.frameTimer, &first, &every, false);
+        pw_loop_update_timer(loop, timer, &first, &every, false);
     } else {
-        pw_loop_update_timer(loop, source.frameTimer, nullptr, nullptr, false);
+        pw_loop_update_timer(loop, timer, nullptr, nullptr, false);
     }
+}
+
+// The camera's frames come at the negotiated rate.
+void CameraStateChanged(void* data, pw_stream_state, pw_stream_state state, const char*) {
+    auto& source = *static_cast<Source*>(data);
+    const uint32_t num = source.video.framerate.num ? source.video.framerate.num : 30;
+    const uint32_t denom = source.video.framerate.denom ? source.video.framerate.denom : 1;
+    RunWhileDriving(source, source.camera, state, source.frameTimer,
+                    SPA_NSEC_PER_SEC * denom / num);
 }
 
 void FrameDue(void* data, uint64_t) {
@@ -181,15 +188,8 @@ void ProcessMicrophone(void* data) {
 
 void MicrophoneStateChanged(void* data, pw_stream_state, pw_stream_state state, const char*) {
     auto& source = *static_cast<Source*>(data);
-    pw_loop* loop = pw_main_loop_get_loop(source.loop);
-    if (state == PW_STREAM_STATE_STREAMING && pw_stream_is_driving(source.microphone)) {
-        const uint64_t interval = SPA_NSEC_PER_SEC * kPeriod / kSampleRate;
-        timespec first{0, 1},
-            every{time_t(interval / SPA_NSEC_PER_SEC), long(interval % SPA_NSEC_PER_SEC)};
-        pw_loop_update_timer(loop, source.periodTimer, &first, &every, false);
-    } else {
-        pw_loop_update_timer(loop, source.periodTimer, nullptr, nullptr, false);
-    }
+    RunWhileDriving(source, source.microphone, state, source.periodTimer,
+                    SPA_NSEC_PER_SEC * kPeriod / kSampleRate);
 }
 
 void PeriodDue(void* data, uint64_t) {
