@@ -9,6 +9,9 @@
 #include <fstream>
 #include <set>
 #include <string>
+#include <thread>
+
+#include <unistd.h>
 
 #include "support/devicechanges.h"
 #include "support/realdevices.h"
@@ -28,6 +31,25 @@ bool Modprobe(const std::string& arguments) {
     const std::string command =
         std::string("/usr/sbin/modprobe -d ") + root + " -S " + version + " " + arguments + " 2>&1";
     return system(command.c_str()) == 0;
+}
+
+// Unloads `module` and waits until it is gone: the library's hot-plug monitor lists the devices
+// again after every kernel event, and a listing holds the sound card's control device open for a
+// moment, so modprobe can find the module in use just after a card arrived. False after
+// kPatience.
+bool Unload(std::string module) {
+    for (char& c : module)
+        c = c == '-' ? '_' : c;
+    const std::string loaded = "/sys/module/" + module;
+    return WaitUntil(
+        [&] {
+            if (access(loaded.c_str(), F_OK) != 0)
+                return true;
+            Modprobe("-r " + module);
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+            return false;
+        },
+        kPatience);
 }
 
 #define REQUIRE_MODULES()                                                                          \
@@ -52,14 +74,14 @@ std::set<std::string> LoadVivid(ChangeLog& log, int node) {
 
 TEST(Hotplug, CamerasAndSoundCardsArriveAndLeaveAndCamerasKeepTheirIds) {
     REQUIRE_MODULES();
-    Modprobe("-r vivid");
-    Modprobe("-r snd-dummy");
+    ASSERT_TRUE(Unload("vivid"));
+    ASSERT_TRUE(Unload("snd-dummy"));
     ChangeLog log;
     const std::set<std::string> first = LoadVivid(log, 3);
     ASSERT_EQ(4u, first.size());
     EXPECT_TRUE(ListsAny(first)) << "listed once told";
 
-    ASSERT_TRUE(Modprobe("-r vivid"));
+    ASSERT_TRUE(Unload("vivid"));
     EXPECT_EQ(first, log.Wait("vivid", false, 4));
     EXPECT_FALSE(ListsAny(first)) << "not listed once told gone";
 
@@ -74,7 +96,7 @@ TEST(Hotplug, CamerasAndSoundCardsArriveAndLeaveAndCamerasKeepTheirIds) {
     const std::set<std::string> dummy = log.Wait("Dummy", true);
     ASSERT_FALSE(dummy.empty());
     EXPECT_TRUE(ListsAny(dummy));
-    ASSERT_TRUE(Modprobe("-r snd-dummy"));
+    ASSERT_TRUE(Unload("snd-dummy"));
     EXPECT_EQ(dummy, log.Wait("Dummy", false, dummy.size()));
     EXPECT_FALSE(ListsAny(dummy));
 }
@@ -84,7 +106,7 @@ TEST(Hotplug, CamerasAndSoundCardsArriveAndLeaveAndCamerasKeepTheirIds) {
 // good while they are open, as a USB camera's unplug does. The driver is loaded afresh after.
 TEST(Hotplug, ACameraTakenAwayWhileCapturingEndsDeliveryAndIsReported) {
     REQUIRE_MODULES();
-    Modprobe("-r vivid");
+    ASSERT_TRUE(Unload("vivid"));
     ChangeLog log;
     const std::set<std::string> ids = LoadVivid(log, 3);
     ASSERT_FALSE(ids.empty());
@@ -103,6 +125,6 @@ TEST(Hotplug, ACameraTakenAwayWhileCapturingEndsDeliveryAndIsReported) {
     TavixDeviceClose(scope.handle);
     TavixDeviceRelease(scope.handle);
     scope.handle = 0;
-    EXPECT_TRUE(Modprobe("-r vivid"));
+    EXPECT_TRUE(Unload("vivid"));
     EXPECT_TRUE(Modprobe("vivid n_devs=1"));
 }
