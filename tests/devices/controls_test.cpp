@@ -7,7 +7,6 @@
 
 #include <atomic>
 #include <climits>
-#include <cstdlib>
 #include <fcntl.h>
 #include <linux/videodev2.h>
 #include <map>
@@ -18,6 +17,7 @@
 #include <vector>
 
 #include "platform/pixelformats.h"
+#include "support/kernelmodules.h"
 #include "support/realdevices.h"
 #include "support/tavix_helpers.h"
 #include "support/vivid.h"
@@ -236,13 +236,8 @@ TEST(Controls, BrightnessSetWhileCapturingChangesTheMeanLumaOfThePictures) {
 
 // snd-dummy's card has capture volumes and switches; the loopback card has no mixer controls.
 TEST(Controls, ASoundCardsCaptureVolumeIsSetOnItsInput) {
-    const char* root = getenv("TAVIX_VM_KROOT");
-    const char* version = getenv("TAVIX_VM_KVER");
-    if (root == nullptr || version == nullptr) {
-        DEVICE_MISSING() << "no guest modules to load (scripts/devvm.sh gives them)";
-    }
-    const std::string modprobe = std::string("/usr/sbin/modprobe -d ") + root + " -S " + version;
-    ASSERT_EQ(0, system((modprobe + " snd-dummy").c_str()));
+    REQUIRE_MODULES();
+    ASSERT_TRUE(Modprobe("snd-dummy"));
     {
         DeviceScope scope(0);
         ASSERT_TRUE(WaitUntil([&] {
@@ -262,7 +257,7 @@ TEST(Controls, ASoundCardsCaptureVolumeIsSetOnItsInput) {
         EXPECT_EQ(100, set);
         EXPECT_EQ(100, Get(scope.handle, "mic_capture_volume"));
     }
-    system((modprobe + " -r snd-dummy").c_str());
+    EXPECT_TRUE(Unload("snd-dummy"));
     REQUIRE_LOOPBACK(loopback);
     DeviceScope scope(TavixDeviceGet(loopback.c_str(), TavixDeviceMediaTypeSound));
     EXPECT_TRUE(ControlsOf(scope.handle).empty());

@@ -4,58 +4,16 @@
 // node is renumbered, and a camera taken away while capturing ends delivery and is reported.
 #include <gtest/gtest.h>
 
-#include <chrono>
-#include <cstdlib>
 #include <fstream>
 #include <set>
 #include <string>
-#include <thread>
-
-#include <unistd.h>
 
 #include "support/devicechanges.h"
+#include "support/kernelmodules.h"
 #include "support/realdevices.h"
 #include "support/tavix_helpers.h"
 
 namespace {
-
-// Generous, for the emulated machine (ChangeLog waits as long).
-constexpr auto kPatience = std::chrono::seconds(90);
-
-// Runs the guest's modprobe with `arguments`; false when it fails or there is no guest.
-bool Modprobe(const std::string& arguments) {
-    const char* root = getenv("TAVIX_VM_KROOT");
-    const char* version = getenv("TAVIX_VM_KVER");
-    if (root == nullptr || version == nullptr)
-        return false;
-    const std::string command =
-        std::string("/usr/sbin/modprobe -d ") + root + " -S " + version + " " + arguments + " 2>&1";
-    return system(command.c_str()) == 0;
-}
-
-// Unloads `module` and waits until it is gone: the library's hot-plug monitor lists the devices
-// again after every kernel event, and a listing holds the sound card's control device open for a
-// moment, so modprobe can find the module in use just after a card arrived. False after
-// kPatience.
-bool Unload(std::string module) {
-    for (char& c : module)
-        c = c == '-' ? '_' : c;
-    const std::string loaded = "/sys/module/" + module;
-    return WaitUntil(
-        [&] {
-            if (access(loaded.c_str(), F_OK) != 0)
-                return true;
-            Modprobe("-r " + module);
-            std::this_thread::sleep_for(std::chrono::milliseconds(100));
-            return false;
-        },
-        kPatience);
-}
-
-#define REQUIRE_MODULES()                                                                          \
-    if (getenv("TAVIX_VM_KROOT") == nullptr) {                                                     \
-        DEVICE_MISSING() << "no guest modules to load (scripts/devvm.sh gives them)";              \
-    }
 
 std::string UniqueIdOf(unsigned long handle) {
     char id[256] = "";

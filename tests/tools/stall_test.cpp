@@ -15,6 +15,7 @@
 #include <thread>
 #include <vector>
 
+#include "support/commandsummary.h"
 #include "support/process.h"
 #include "support/realdevices.h"
 
@@ -30,7 +31,7 @@ struct Reported {
     unsigned long statusDropped = 0;
     double statusSoundLost = 0;
     double seconds = 0, soundLost = -1;
-    unsigned long frames = 0, dropped = 0;
+    VideoSummary video;
     bool summaryRead = false;
 };
 
@@ -75,13 +76,11 @@ Reported CaptureThroughAStall(std::vector<std::string> arguments, int stallSecon
     fclose(lines);
     reported.status = WaitForChild(child);
     const std::string& text = reported.output;
-    const size_t captured = text.find("Captured "), video = text.find("  video "),
-                 audio = text.find("  audio ", captured);
+    const size_t captured = text.find("Captured "), audio = text.find("  audio ", captured);
+    reported.video = VideoSummaryOf(text);
     reported.summaryRead =
-        captured != std::string::npos && video != std::string::npos && audio != std::string::npos &&
+        captured != std::string::npos && audio != std::string::npos && reported.video.frames >= 0 &&
         sscanf(text.c_str() + captured, "Captured %lf s", &reported.seconds) == 1 &&
-        sscanf(text.c_str() + video, "  video %lu frames (%*f per second), %lu dropped",
-               &reported.frames, &reported.dropped) == 2 &&
         sscanf(text.c_str() + audio, "  audio %*u sample frames (%*f s at 48 kHz), %lf s",
                &reported.soundLost) == 1;
     return reported;
@@ -103,9 +102,10 @@ TEST(CaptureStall, LateFramesAndSoundOfTheBuiltInDevicesAreNotCountedAsLost) {
 #if !defined(__SANITIZE_THREAD__)
     // (The ThreadSanitizer build runs the camera and the command several times slower, so on a
     // loaded machine its frame timing says nothing of the camera's.)
-    EXPECT_LE(static_cast<double>(r.frames + r.dropped), 1.25 * 30 * r.seconds + 4) << r.output;
+    EXPECT_LE(static_cast<double>(r.video.frames + r.video.dropped), 1.25 * 30 * r.seconds + 4)
+        << r.output;
 #endif
-    EXPECT_GE(r.frames + r.dropped, 30u) << r.output;
+    EXPECT_GE(r.video.frames + r.video.dropped, 30) << r.output;
     EXPECT_LT(r.soundLost, 0.1) << r.output;
 }
 
@@ -121,7 +121,7 @@ TEST(CaptureStall, WhatRealDevicesDropInAStallIsReported) {
         {camera.displayName, "--audio", microphone, "--size", "320x180", "--seconds", "6"}, 2);
     ASSERT_EQ(0, r.status) << r.output;
     ASSERT_TRUE(r.summaryRead) << r.output;
-    EXPECT_GT(r.dropped, 0u) << r.output;
+    EXPECT_GT(r.video.dropped, 0) << r.output;
     EXPECT_GT(r.statusDropped, 0u) << r.output;
     // Of the two seconds, what the ring could not hold (all of it where recovering from the
     // overrun empties the ring): more than half a second, and not much more than the stall.

@@ -3,9 +3,9 @@
 // three seconds into the tape (where its second session, from 01:00:00:00, begins).
 #include <gtest/gtest.h>
 
-#include <regex>
 #include <string>
 
+#include "support/commandsummary.h"
 #include "support/ffprobe.h"
 #include "support/process.h"
 #include "support/tempfolder.h"
@@ -16,14 +16,6 @@ const std::string kTavix = std::string(TAVIX_BINARY_DIR) + "/tavix";
 
 bool Contains(const std::string& text, const std::string& part) {
     return text.find(part) != std::string::npos;
-}
-
-// The summary's dropped-frame figure (the video line's), -1 when there is none.
-long long DroppedOf(const std::string& output, bool json) {
-    static const std::regex plain(R"(frames \([^)]*\), (\d+) dropped,)");
-    static const std::regex inJson(R"("video": \{"frames": \d+, "dropped": (\d+),)");
-    std::smatch match;
-    return std::regex_search(output, match, json ? inJson : plain) ? std::stoll(match[1]) : -1;
 }
 
 TEST(TapeCapture, PlaysTheTapeIntoARecordingThatStartsAtItsFirstTimecode) {
@@ -64,7 +56,7 @@ TEST(TapeCapture, PlaysTheTapeIntoARecordingThatStartsAtItsFirstTimecode) {
             EXPECT_TRUE(Contains(run.output, part)) << part << "\n" << run.output;
         // The break skips 90,000 frames, which were never due; a busy machine may make the host
         // drop a few.
-        const long long dropped = DroppedOf(run.output, take.json);
+        const long long dropped = VideoSummaryOf(run.output).dropped;
         EXPECT_TRUE(dropped >= 0 && dropped < 1000) << run.output;
 
         const CommandOutput probed = RunCommand(
