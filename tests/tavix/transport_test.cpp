@@ -64,12 +64,27 @@ TEST(TapeTransport, AFrameDueBeforeAChangeShowsTheTapeAsItWas) {
     EXPECT_FALSE(stopped.timecode.mFlags & kSMPTETimeRunning);
 }
 
+// Cued an hour in, a rewinding tape runs back from there and stops only at its start.
+TEST(TapeTransport, ACuedTapeRewindsFromWhereItWasPut) {
+    TapeTransport tape(25);
+    tape.SetState({-19000, 0}, 10.0);
+    tape.Cue(3600, 10.0);
+    EXPECT_EQ(-19000, tape.State(11.0).speed);
+    EXPECT_EQ(90000 - 475, tape.At(11.0).position);
+    EXPECT_EQ(0, tape.State(10.0 + 90000.0 / 475 + 0.01).speed) << "stopped at its start";
+}
+
 class TransportTest : public ::testing::Test {
 protected:
     void SetUp() override {
         deck = TavixDeviceGet(virtualdevices::kTestDeckName, TavixDeviceMediaTypeMuxed);
         ASSERT_NE(0u, deck);
         ASSERT_TRUE(TavixDeviceOpen(deck));
+        // An hour in: a reverse motion would take minutes to reach the start, where the deck
+        // stops by itself and reads back as stopped.
+        char id[64] = "";
+        TavixDeviceGetUniqueID(deck, id, sizeof id);
+        virtualdevices::CueTape(id, 3600);
     }
     void TearDown() override {
         DeviceScope scope(deck);

@@ -41,6 +41,14 @@ void TapeTransport::SetState(const platform::TransportState& newState, double no
     current.state = newState;
 }
 
+void TapeTransport::Cue(double seconds, double now) {
+    std::lock_guard<std::mutex> locked(mutex);
+    StopAtStart(now);
+    previous = current;
+    current.anchorPosition = std::max(0.0, seconds * rate);
+    current.anchorTime = now;
+}
+
 TapeTransport::Frame TapeTransport::At(double at) {
     Frame frame;
     std::lock_guard<std::mutex> locked(mutex);

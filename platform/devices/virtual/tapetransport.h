@@ -21,6 +21,8 @@ public:
     // The state at time `now`: stopped once the tape has run back to its start.
     platform::TransportState State(double now);
     void SetState(const platform::TransportState& state, double now);
+    // Puts the tape `seconds` from its start at time `now`, in whatever motion it is in.
+    void Cue(double seconds, double now);
     // The tape at time `at`, as the transport state in effect then moved it: a frame that fell
     // due before the last change but is made after it still shows the tape as it was.
     struct Frame {

@@ -191,6 +191,13 @@ void SetStalled(const std::string& uniqueId, bool stalled) {
     Change_(uniqueId, [stalled](VirtualDevice& device) { device.stalled = stalled; });
 }
 
+void CueTape(const std::string& uniqueId, double seconds) {
+    Change_(uniqueId, [seconds](VirtualDevice& device) {
+        if (device.spec.transport)
+            device.transport.Cue(seconds, platform::MonotonicSeconds());
+    });
+}
+
 void SetUnthrottled(bool unthrottled) {
     TheRegistry().unthrottled = unthrottled;
 }

@@ -63,6 +63,11 @@ void SetOpenable(const std::string& uniqueId, bool openable);
 // takes up where the clock is when the stall ends.
 void SetStalled(const std::string& uniqueId, bool stalled);
 
+// Puts a deck's tape `seconds` from its start at once, in whatever motion it is in, as if it had
+// been wound there unseen, so a test can run it backwards without reaching the start. Reset
+// leaves the tape where it is, as a stop does.
+void CueTape(const std::string& uniqueId, double seconds);
+
 // Devices deliver as fast as they can instead of at their frame rate (benchmarks).
 void SetUnthrottled(bool unthrottled);
 // Cameras draw only their first few pictures and then deliver those buffers as they are, so a
