@@ -1,5 +1,6 @@
 #include "support/kernelmodules.h"
 
+#include <chrono>
 #include <cstdlib>
 #include <thread>
 
@@ -19,7 +20,8 @@ bool Modprobe(const std::string& arguments) {
     return system(command.c_str()) == 0;
 }
 
-bool Unload(std::string module, std::chrono::seconds patience) {
+bool Unload(std::string module) {
+    constexpr std::chrono::seconds kPatience(90);
     for (char& c : module)
         c = c == '-' ? '_' : c;
     const std::string loaded = "/sys/module/" + module;
@@ -31,5 +33,5 @@ bool Unload(std::string module, std::chrono::seconds patience) {
             std::this_thread::sleep_for(std::chrono::milliseconds(100));
             return false;
         },
-        patience);
+        kPatience);
 }

@@ -2,7 +2,6 @@
 // scripts/devvm.sh (it says where the guest's modules are; elsewhere there are none to load).
 #pragma once
 
-#include <chrono>
 #include <string>
 
 #include "support/realdevices.h"
@@ -13,8 +12,8 @@ bool Modprobe(const std::string& arguments);
 // Unloads `module` ("snd-dummy" or "snd_dummy") and waits until it is gone: the library's
 // hot-plug monitor lists the devices again after every kernel event, and a listing holds a sound
 // card's control device open for a moment, so modprobe can find the module in use just after a
-// card arrived. False when it is still loaded after `patience`.
-bool Unload(std::string module, std::chrono::seconds patience = std::chrono::seconds(90));
+// card arrived. False when it is still loaded after a minute and a half.
+bool Unload(std::string module);
 
 // True inside the VM, where scripts/devvm.sh gives the guest's modules.
 bool HaveGuestModules();
